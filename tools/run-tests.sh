@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# The whole test suite: unit tests under AddressSanitizer and
+# UndefinedBehaviorSanitizer, the multi-threaded tests under ThreadSanitizer,
+# and a short run of every fuzz target.  FUZZ_SECONDS sets the fuzz time of
+# each target (default 20).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash tools/install-deps.sh
+jobs=$(nproc)
+
+echo "== build: address,undefined"
+cmake -S . -B build-asan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZEL_SANITIZE=address,undefined >/dev/null
+cmake --build build-asan -j "$jobs"
+
+echo "== build: thread"
+cmake -S . -B build-tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DZEL_SANITIZE=thread >/dev/null
+cmake --build build-tsan -j "$jobs" --target zel_tests
+
+echo "== build: fuzz targets (clang)"
+CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DZEL_TESTS=OFF -DZEL_FUZZ=ON >/dev/null
+cmake --build build-fuzz -j "$jobs"
+
+echo "== multi-threaded tests under ThreadSanitizer"
+TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+  ./build-tsan/tests/zel_tests --gtest_filter='*Concurrency*' --gtest_brief=1
+
+echo "== fuzz: ${FUZZ_SECONDS:-20} s per target"
+bash tools/run-fuzz.sh "${FUZZ_SECONDS:-20}" build-fuzz
+
+echo "== unit tests under AddressSanitizer and UndefinedBehaviorSanitizer"
+export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
+export UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1"
+ctest --test-dir build-asan -j "$jobs" --output-on-failure
