@@ -76,7 +76,7 @@ void RemovePortAt(SwitchState *sw, uint32_t slot) {
   PortState *port = sw->ports[slot];
   sw->index->Erase(port->hash, slot);
   ZELData_Free(port->data);
-  Free(port);
+  port->freeFn(port);
   sw->ports[slot] = nullptr;
   sw->inUse->Clear(slot);
   if (slot < sw->freeHint) {
@@ -129,11 +129,13 @@ ReturnStatus ZELStatePortAdd(const char *switchId, const char *portId, PropertyL
   if (list == nullptr) {
     return STATUS_BAD_PARAM;
   }
-  auto *port = static_cast<PortState *>(Alloc(sizeof(PortState)));
+  ZELDataFreeFn freeFn = FreeFn();
+  auto *port = static_cast<PortState *>(AllocFn()(sizeof(PortState)));
   if (port == nullptr) {
     return STATUS_NO_MEMORY;
   }
   std::memset(port, 0, sizeof *port);
+  port->freeFn = freeFn;
   uint32_t index = static_cast<uint32_t>(slot);
   sw->ports[index] = port;
   ++sw->numPorts;

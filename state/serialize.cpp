@@ -169,7 +169,8 @@ ReturnStatus ZELState_ConfigSerialize(void **buffer, uint32_t *length) {
       status = ZELState_SwitchSerialize(sw, &switchBlob, &switchLength);
       if (status == STATUS_OK) {
         status = ZELData_Update(outer, sw->id, switchBlob, switchLength, kTypeLibrary);
-        Free(switchBlob);
+        // The switch blob came from the allocator the outer list was made with.
+        ZELData_FreeAssocData(outer, switchBlob);
       }
       if (status != STATUS_OK) {
         ZEL_LOG(0, "ZELStateConfigSerializeCB ZEL %s failed %s\n", sw->id, StatusText(status));

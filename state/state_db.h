@@ -29,6 +29,7 @@ struct SwitchState {
   zel::host::BitVector *inUse;
   PortState **ports;
   zel::state::PortIndex *index;
+  ZELDataFreeFn freeFn;  // releases this record
 };
 
 struct PortState {
@@ -37,6 +38,7 @@ struct PortState {
   SwitchState *sw;
   uint32_t kind;
   uint32_t hash;  // of id, for the switch's port index
+  ZELDataFreeFn freeFn;  // releases this record
 };
 
 namespace zel::state {
@@ -50,9 +52,8 @@ extern SwitchState *globalSwsArray[kNumSlots];
 extern std::atomic<uint32_t> uwNumActivePortsSystemWide;
 
 // Allocation for records and for every list the database makes; tests
-// replace it to make allocations fail.
-void *Alloc(uint64_t bytes);
-void Free(void *ptr);
+// replace it to make allocations fail.  Each record and list keeps the free
+// function it was made with.
 ZELDataAllocFn AllocFn();
 ZELDataFreeFn FreeFn();
 

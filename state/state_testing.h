@@ -20,7 +20,8 @@ void SetPortLimit(uint32_t value);
 void FailPortLimit(ReturnStatus checkStatus, ReturnStatus getStatus);
 
 // Allocator for switch and port records and every list the database makes;
-// null functions restore malloc and free.
+// null functions restore malloc and free.  Records and lists made before a
+// change are still released with the free function they were made with.
 void SetAllocator(ZELDataAllocFn allocFn, ZELDataFreeFn freeFn);
 
 // Observers for tests: the switch in a table slot, the slot of a port in its

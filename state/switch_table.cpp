@@ -78,7 +78,8 @@ SwitchState *NewRecord(const char *id, uint32_t maxPorts) {
   uint64_t bitsOffset = slotsOffset + uint64_t{numSlots} * sizeof(PortState *);
   uint64_t indexOffset = bitsOffset + host::BitVector::AllocSize(numSlots);
   uint64_t total = indexOffset + PortIndex::AllocSize(buckets);
-  auto *base = static_cast<unsigned char *>(Alloc(total));
+  ZELDataFreeFn freeFn = FreeFn();
+  auto *base = static_cast<unsigned char *>(AllocFn()(total));
   if (base == nullptr) {
     return nullptr;
   }
@@ -86,6 +87,7 @@ SwitchState *NewRecord(const char *id, uint32_t maxPorts) {
   auto *sw = reinterpret_cast<SwitchState *>(base);
   std::snprintf(sw->id, sizeof sw->id, "%s", id);
   sw->numSlots = numSlots;
+  sw->freeFn = freeFn;
   sw->ports = reinterpret_cast<PortState **>(base + slotsOffset);
   sw->inUse = host::BitVector::Init(base + bitsOffset, numSlots);
   sw->index = PortIndex::Init(base + indexOffset, buckets);
@@ -122,7 +124,7 @@ ReturnStatus AddLocked(const char *id, const char *className, uint32_t maxPorts,
   }
   if (status != STATUS_OK) {
     globalSwsArray[freeSlot] = nullptr;
-    Free(sw);
+    sw->freeFn(sw);
     return status;
   }
   ZEL_SetClassName(sw, className);
@@ -145,8 +147,6 @@ int FindSlot(const char *id) {
 
 }  // namespace
 
-void *Alloc(uint64_t bytes) { return g_allocFn.load(std::memory_order_relaxed)(bytes); }
-void Free(void *ptr) { g_freeFn.load(std::memory_order_relaxed)(ptr); }
 ZELDataAllocFn AllocFn() { return g_allocFn.load(std::memory_order_relaxed); }
 ZELDataFreeFn FreeFn() { return g_freeFn.load(std::memory_order_relaxed); }
 
@@ -165,7 +165,7 @@ void RemoveSwitchAt(int slot) {
   }
   ZELData_Free(sw->globalProps);
   ZELData_Free(sw->hostProps);
-  Free(sw);
+  sw->freeFn(sw);
   globalSwsArray[slot] = nullptr;
 }
 

@@ -114,9 +114,10 @@ class StateTest : public ::testing::Test {
  protected:
   void SetUp() override { zel::state::testing::SetPortLimit(4096); }
   void TearDown() override {
-    zel::state::testing::SetAllocator(nullptr, nullptr);
     zeltest::failalloc::FailAt(0);
+    // Records go back to the allocator they came from before it is restored.
     zel::state::testing::SetPortLimit(0);
+    zel::state::testing::SetAllocator(nullptr, nullptr);
   }
   // Output of fn at debug level `level`.
   static std::string Output(int level, const std::function<void()> &fn) {

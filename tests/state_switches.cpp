@@ -2,6 +2,7 @@
 // the global and host property lists.
 #include <string>
 
+#include "host/host_limits.h"
 #include "host/lock.h"
 #include "state_fixture.h"
 
