@@ -92,9 +92,11 @@ namespace zel::data {
 
 ReturnStatus AppendNamed(PropertyList *list, const char *name, size_t nameLength,
                          const void *value, uint32_t dataLength, uint32_t propType) {
-  DiagPrint(zeldata_debug, 2, "added data %.*s, len %d, start serialSize = %d\n",
-            static_cast<int>(nameLength), name, static_cast<int>(dataLength),
-            static_cast<int>(list->serialSize));
+  if (zeldata_debug >= 2) {  // checked here: appends are the deserializer's hot path
+    DiagPrint(zeldata_debug, 2, "added data %.*s, len %d, start serialSize = %d\n",
+              static_cast<int>(nameLength), name, static_cast<int>(dataLength),
+              static_cast<int>(list->serialSize));
+  }
   if (!FitsFormat(list, dataLength)) {
     return STATUS_BAD_PARAM;
   }
@@ -103,8 +105,10 @@ ReturnStatus AppendNamed(PropertyList *list, const char *name, size_t nameLength
     return STATUS_NO_MEMORY;
   }
   LinkAtTail(list, e);
-  DiagPrint(zeldata_debug, 2, "added data %s, serialSize = %d\n", NameOf(e),
-            static_cast<int>(list->serialSize));
+  if (zeldata_debug >= 2) {
+    DiagPrint(zeldata_debug, 2, "added data %s, serialSize = %d\n", NameOf(e),
+              static_cast<int>(list->serialSize));
+  }
   return STATUS_OK;
 }
 

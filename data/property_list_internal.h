@@ -77,6 +77,8 @@ inline bool NameMatches(const char *a, const char *b) {
 // The checksum of serialized data whose header size field is `size`.  Bytes 0
 // to 31 are not covered; the kernel module computes the same sum.
 uint32_t Checksum(const uint8_t *data, uint32_t size);
+// Wrapping sum of `count` little-endian words starting at data.
+uint32_t SumWords(const uint8_t *data, uint32_t count);
 
 // Appends an entry whose name is given with its length (already cut to at most
 // 127 characters).  Used by Append and by the deserializer.
