@@ -1,0 +1,213 @@
+// Several processes and threads on one configuration store: atomic
+// transactions and writers taking turns.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "configstore_client_support.h"
+
+namespace {
+
+using namespace cfgtest;
+using cs::Object;
+
+std::vector<std::string> Ids(cs::Store *store) {
+  cs::Filter *f = nullptr;
+  cs::CreateFilterSpecObject("switches", "network_zel", "orn", "", &f);
+  Object **objs = nullptr;
+  int n = 0;
+  EXPECT_EQ(cs::GetInstances(store, f, &objs, &n), cs::kOk);
+  std::vector<std::string> out;
+  for (int i = 0; i < n; ++i) {
+    char *v = nullptr;
+    cs::GetValueStr(objs[i], "uuid", &v);
+    out.push_back(v != nullptr ? v : "?");
+    free(v);
+    cs::DestroyConfigStoreObject(objs[i]);
+  }
+  free(objs);
+  cs::DestroyFilterSpecObject(f);
+  return out;
+}
+
+int SetSwitch(cs::Store *store, const std::string &id) {
+  ObjectPtr o = NewSwitch(id.c_str());
+  cs::SetValueStr(o.get(), "uuid", id.c_str());
+  return cs::Set(store, o.get(), "EXTERNAL");
+}
+
+// Adds one to the int64 "count" of the switch object "counter" and writes
+// the object "<tag>-<i>", both in one transaction.
+int Increment(cs::Store *store, const std::string &tag, int i) {
+  int s = cs::BeginTransaction(store);
+  if (s != cs::kOk) return s;
+  Object *o = nullptr;
+  s = cs::Get(store, "switches", "network_zel", "orn", "counter", &o);
+  if (s == cs::kNotFound) s = cs::CreateObject("switches", "network_zel", "orn", "counter", "{}", &o);
+  ObjectPtr owner(o);
+  int64_t count = 0;
+  if (s == cs::kOk && cs::GetValueLong(o, "count", &count) == cs::kNotFound) count = 0;
+  if (s == cs::kOk) s = cs::SetValueLong(o, "count", count + 1);
+  if (s == cs::kOk) s = cs::Set(store, o, "EXTERNAL");
+  if (s == cs::kOk) s = SetSwitch(store, tag + "-" + std::to_string(i));
+  if (s == cs::kOk) return cs::CommitTransaction(store);
+  cs::CancelTransaction(store);
+  return s;
+}
+
+int64_t Count(cs::Store *store) {
+  Object *o = nullptr;
+  int64_t count = -1;
+  if (cs::Get(store, "switches", "network_zel", "orn", "counter", &o) == cs::kOk) cs::GetValueLong(o, "count", &count);
+  cs::DestroyConfigStoreObject(o);
+  return count;
+}
+
+char ReadByte(int fd) {
+  char c = 0;
+  return read(fd, &c, 1) == 1 ? c : 0;
+}
+
+void WriteByte(int fd, char c) { ASSERT_EQ(write(fd, &c, 1), 1); }
+
+int Wait(pid_t pid) {
+  int st = 0;
+  waitpid(pid, &st, 0);
+  return st;
+}
+
+// A child that begins a transaction, writes several objects and is killed
+// before committing leaves the store as it was; readers meanwhile see the
+// old state.
+TEST(ConfigStoreProcesses, KilledWriterLeavesStoreUnchanged) {
+  TempStore tmp;
+  StorePtr store = OpenStore();
+  ASSERT_EQ(SetSwitch(store.get(), "before"), cs::kOk);
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    cs::Store *s = nullptr;
+    bool ok = cs::GetStore(0, &s) == cs::kOk && cs::BeginTransaction(s) == cs::kOk;
+    for (int i = 0; ok && i < 5; ++i) ok = SetSwitch(s, "child-" + std::to_string(i)) == cs::kOk;
+    ok = ok && cs::Delete(s, "switches", "network_zel", "orn", "before") == cs::kOk;
+    char c = ok ? 'w' : 'f';
+    if (write(ready[1], &c, 1) != 1) _exit(3);
+    for (;;) pause();
+  }
+  ASSERT_EQ(ReadByte(ready[0]), 'w');
+  EXPECT_EQ(Ids(store.get()), std::vector<std::string>{"before"});
+  kill(pid, SIGKILL);
+  int st = Wait(pid);
+  EXPECT_TRUE(WIFSIGNALED(st));
+  close(ready[0]);
+  close(ready[1]);
+  EXPECT_EQ(Ids(store.get()), std::vector<std::string>{"before"});
+  StorePtr fresh = OpenStore();
+  EXPECT_EQ(Ids(fresh.get()), std::vector<std::string>{"before"});
+  // The store is writable again at once: the dead writer's lock is gone.
+  ASSERT_EQ(cs::BeginTransaction(fresh.get()), cs::kOk);
+  EXPECT_EQ(cs::CommitTransaction(fresh.get()), cs::kOk);
+}
+
+// Another process sees a transaction all at once at its commit, and a
+// cancelled one never.
+TEST(ConfigStoreProcesses, CommitSeenWholeCancelNotAtAll) {
+  TempStore tmp;
+  StorePtr store = OpenStore();
+  int toParent[2], toChild[2];
+  ASSERT_EQ(pipe(toParent), 0);
+  ASSERT_EQ(pipe(toChild), 0);
+  pid_t pid = fork();
+  ASSERT_GE(pid, 0);
+  if (pid == 0) {
+    cs::Store *s = nullptr;
+    bool ok = cs::GetStore(0, &s) == cs::kOk;
+    for (const char *round : {"kept", "dropped"}) {
+      ok = ok && cs::BeginTransaction(s) == cs::kOk;
+      for (int i = 0; ok && i < 5; ++i) ok = SetSwitch(s, std::string(round) + std::to_string(i)) == cs::kOk;
+      char c = ok ? 'w' : 'f';
+      if (write(toParent[1], &c, 1) != 1 || ReadByte(toChild[0]) != 'g') _exit(3);
+      if (ok) ok = (round[0] == 'k' ? cs::CommitTransaction(s) : cs::CancelTransaction(s)) == cs::kOk;
+      c = ok ? 'd' : 'f';
+      if (write(toParent[1], &c, 1) != 1) _exit(3);
+    }
+    cs::DestroyStore(s);
+    _exit(ok ? 0 : 1);
+  }
+  for (const char *round : {"kept", "dropped"}) {
+    ASSERT_EQ(ReadByte(toParent[0]), 'w') << round;
+    std::vector<std::string> seen = Ids(store.get());
+    WriteByte(toChild[1], 'g');
+    ASSERT_EQ(ReadByte(toParent[0]), 'd') << round;
+    std::vector<std::string> after = Ids(store.get());
+    if (round[0] == 'k') {
+      EXPECT_TRUE(seen.empty());
+      EXPECT_EQ(after.size(), 5u);
+    } else {
+      EXPECT_EQ(seen.size(), 5u);
+      EXPECT_EQ(after, seen);
+    }
+  }
+  int st = Wait(pid);
+  EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+  for (int fd : {toParent[0], toParent[1], toChild[0], toChild[1]}) close(fd);
+}
+
+// Two processes writing at once both succeed in turn and lose nothing.
+TEST(ConfigStoreProcesses, TwoWritersTakeTurns) {
+  TempStore tmp;
+  constexpr int kRounds = 20;
+  std::vector<pid_t> pids;
+  for (const char *tag : {"x", "y"}) {
+    pid_t pid = fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      cs::Store *s = nullptr;
+      bool ok = cs::GetStore(0, &s) == cs::kOk;
+      for (int i = 0; ok && i < kRounds; ++i) ok = Increment(s, tag, i) == cs::kOk;
+      cs::DestroyStore(s);
+      _exit(ok ? 0 : 1);
+    }
+    pids.push_back(pid);
+  }
+  for (pid_t pid : pids) {
+    int st = Wait(pid);
+    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
+  }
+  StorePtr store = OpenStore();
+  EXPECT_EQ(Count(store.get()), 2 * kRounds);
+  EXPECT_EQ(Ids(store.get()).size(), 2u * kRounds + 1);  // and the counter itself
+}
+
+// The same with threads, each on a store of its own.
+TEST(ConfigStoreConcurrency, ThreadsWithOwnStoresTakeTurns) {
+  TempStore tmp;
+  constexpr int kRounds = 10;
+  std::vector<std::thread> threads;
+  std::vector<int> failures(3, 0);
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([t, &failures] {
+      cs::Store *s = nullptr;
+      if (cs::GetStore(0, &s) != cs::kOk) {
+        failures[t] = -1;
+        return;
+      }
+      for (int i = 0; i < kRounds; ++i) failures[t] += Increment(s, "t" + std::to_string(t), i) != cs::kOk;
+      cs::DestroyStore(s);
+    });
+  }
+  for (auto &th : threads) th.join();
+  EXPECT_EQ(failures, std::vector<int>(3, 0));
+  StorePtr store = OpenStore();
+  EXPECT_EQ(Count(store.get()), 3 * kRounds);
+}
+
+}  // namespace

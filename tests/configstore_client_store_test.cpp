@@ -1,0 +1,306 @@
+// The configuration store on disk: objects, layers, transactions, stored
+// content that cannot be trusted, instance ids and the fault seam.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "configstore_client_support.h"
+
+namespace {
+
+using namespace cfgtest;
+using cs::Object;
+
+std::string Json(Object *o) {
+  char *text = nullptr;
+  EXPECT_EQ(cs::ExportObjectJson(o, &text), cs::kOk);
+  std::string out = text != nullptr ? text : "";
+  free(text);
+  return out;
+}
+
+ObjectPtr SwitchWith(const char *id, const char *name) {
+  ObjectPtr o = NewSwitch(id);
+  cs::SetValueStr(o.get(), "uuid", id);
+  cs::SetValueStr(o.get(), "name", name);
+  return o;
+}
+
+// The uuids of the current switch objects, in the order listed.
+std::vector<std::string> Listed(cs::Store *store, int *status = nullptr) {
+  cs::Filter *f = nullptr;
+  cs::CreateFilterSpecObject("switches", "network_zel", "orn", "", &f);
+  Object **objs = nullptr;
+  int n = 0;
+  int s = cs::GetInstances(store, f, &objs, &n);
+  if (status != nullptr) *status = s;
+  std::vector<std::string> out;
+  for (int i = 0; i < n; ++i) {
+    char *v = nullptr;
+    cs::GetValueStr(objs[i], "uuid", &v);
+    out.push_back(v != nullptr ? v : "?");
+    free(v);
+    cs::DestroyConfigStoreObject(objs[i]);
+  }
+  free(objs);
+  cs::DestroyFilterSpecObject(f);
+  return out;
+}
+
+void Exec(const std::string &path, const char *sql) {
+  sqlite3 *db = nullptr;
+  ASSERT_EQ(sqlite3_open(path.c_str(), &db), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+  sqlite3_close(db);
+}
+
+TEST(ConfigStoreStore, FileCreatedPrivateAtConfiguredPath) {
+  TempStore tmp;
+  // The environment names the file when no override is set; a missing
+  // directory is created.
+  cs::testing::UsePath(nullptr);
+  std::string path = tmp.path().substr(0, tmp.path().rfind('/')) + "/sub/env.db";
+  setenv(cs::kPathEnv, path.c_str(), 1);
+  StorePtr store = OpenStore();
+  unsetenv(cs::kPathEnv);
+  ASSERT_NE(store, nullptr);
+  struct stat st {};
+  ASSERT_EQ(stat(path.c_str(), &st), 0);
+  EXPECT_EQ(st.st_mode & 0777, 0600u);
+  EXPECT_EQ(cs::GetStore(1, nullptr), cs::kBadArgument);
+  cs::Store *s = reinterpret_cast<cs::Store *>(1);
+  EXPECT_EQ(cs::GetStore(1, &s), cs::kBadArgument);
+  EXPECT_EQ(s, nullptr);
+}
+
+TEST(ConfigStoreStore, SetGetDeleteAndStoredForm) {
+  TempStore tmp;
+  StorePtr store = OpenStore();
+  ASSERT_NE(store, nullptr);
+  Object *got = reinterpret_cast<Object *>(1);
+  EXPECT_EQ(cs::Get(store.get(), "switches", "network_zel", "orn", "sw1", &got), cs::kNotFound);
+  EXPECT_EQ(got, nullptr);
+
+  ObjectPtr sw = SwitchWith("sw1", "first");
+  Object *port = nullptr;
+  ASSERT_EQ(cs::CreateSubObject(sw.get(), "ports", "p1", &port), cs::kOk);
+  ASSERT_EQ(cs::SetValueUint32(port, "connection_cookie", 77), cs::kOk);
+  // Created objects live in memory only until Set.
+  EXPECT_EQ(cs::Get(store.get(), "switches", "network_zel", "orn", "sw1", &got), cs::kNotFound);
+  ASSERT_EQ(cs::Set(store.get(), sw.get(), "EXTERNAL"), cs::kOk);
+  EXPECT_EQ(RawContent(tmp.path(), "current", "sw1"),
+            R"({"name":"first","ports":[{"@types":{"connection_cookie":"uint32"},)"
+            R"("connection_cookie":77,"key":"p1"}],"uuid":"sw1"})");
+  ASSERT_EQ(cs::Get(store.get(), "switches", "network_zel", "orn", "sw1", &got), cs::kOk);
+  ObjectPtr back(got);
+  EXPECT_EQ(Json(got), Json(sw.get()));
+
+  // Set rewrites the whole object.
+  ASSERT_EQ(cs::RemoveValue(sw.get(), "ports"), cs::kOk);
+  ASSERT_EQ(cs::Set(store.get(), sw.get(), "EXTERNAL"), cs::kOk);
+  EXPECT_EQ(RawContent(tmp.path(), "current", "sw1"), R"({"name":"first","uuid":"sw1"})");
+
+  EXPECT_EQ(cs::Set(store.get(), port, "EXTERNAL"), cs::kBadArgument);  // not top-level
+  EXPECT_EQ(cs::Set(store.get(), sw.get(), nullptr), cs::kBadArgument);
+  EXPECT_EQ(cs::Get(store.get(), "switches", "", "orn", "sw1", &got), cs::kBadArgument);
+  ASSERT_EQ(cs::Delete(store.get(), "switches", "network_zel", "orn", "sw1"), cs::kOk);
+  EXPECT_EQ(cs::Delete(store.get(), "switches", "network_zel", "orn", "sw1"), cs::kNotFound);
+  EXPECT_EQ(cs::Get(store.get(), "switches", "network_zel", "orn", "sw1", &got), cs::kNotFound);
+}
+
+TEST(ConfigStoreStore, InstancesOrderedAndFiltered) {
+  TempStore tmp;
+  StorePtr store = OpenStore();
+  int status = -1;
+  EXPECT_EQ(Listed(store.get(), &status), std::vector<std::string>{});
+  EXPECT_EQ(status, cs::kOk);  // an empty store is not an error
+  for (const char *id : {"b", "c", "a"}) ASSERT_EQ(cs::Set(store.get(), SwitchWith(id, id).get(), "EXTERNAL"), cs::kOk);
+  Object *other = nullptr;
+  ASSERT_EQ(cs::CreateObject("switches", "network_zel", "other", "a", "{}", &other), cs::kOk);
+  ObjectPtr owner(other);
+  ASSERT_EQ(cs::Set(store.get(), other, "EXTERNAL"), cs::kOk);
+  EXPECT_EQ(Listed(store.get()), (std::vector<std::string>{"a", "b", "c"}));
+
+  cs::Filter *f = nullptr;
+  Object **objs = nullptr;
+  int n = 0;
+  ASSERT_EQ(cs::CreateFilterSpecObject("switches", "network_zel", "orn", "c", &f), cs::kOk);
+  ASSERT_EQ(cs::GetInstances(store.get(), f, &objs, &n), cs::kOk);
+  ASSERT_EQ(n, 1);
+  cs::DestroyConfigStoreObject(objs[0]);
+  free(objs);
+  cs::DestroyFilterSpecObject(f);
+  ASSERT_EQ(cs::CreateFilterSpecObject("switches", "network_zel", "orn", "zz", &f), cs::kOk);
+  EXPECT_EQ(cs::GetInstances(store.get(), f, &objs, &n), cs::kNotFound);
+  EXPECT_EQ(objs, nullptr);
+  cs::DestroyFilterSpecObject(f);
+  ASSERT_EQ(cs::CreateFilterSpecObject("ports", "", "", "", &f), cs::kOk);
+  EXPECT_EQ(cs::GetInstances(store.get(), f, &objs, &n), cs::kBadArgument);
+  cs::DestroyFilterSpecObject(f);
+}
+
+TEST(ConfigStoreStore, DesiredLayerIsSeparate) {
+  TempStore tmp;
+  StorePtr store = OpenStore();
+  ASSERT_EQ(cs::Set(store.get(), SwitchWith("sw1", "current").get(), "EXTERNAL"), cs::kOk);
+  ASSERT_EQ(cs::SetDesired(store.get(), SwitchWith("sw2", "wanted").get()), cs::kOk);
+  ASSERT_EQ(cs::SetDesired(store.get(), SwitchWith("sw1", "wanted").get()), cs::kOk);
+  EXPECT_EQ(Listed(store.get()), std::vector<std::string>{"sw1"});
+
+  Object **objs = nullptr;
+  int n = 0;
+  ASSERT_EQ(cs::GetDesiredUserConfigInstances("switches", "network_zel", "orn", &objs, &n), cs::kOk);
+  ASSERT_EQ(n, 2);
+  EXPECT_EQ(Json(objs[0]), R"({"name":"wanted","uuid":"sw1"})");
+  EXPECT_EQ(Json(objs[1]), R"({"name":"wanted","uuid":"sw2"})");
+  for (int i = 0; i < n; ++i) cs::DestroyConfigStoreObject(objs[i]);
+  free(objs);
+  EXPECT_EQ(RawContent(tmp.path(), "current", "sw1"), R"({"name":"current","uuid":"sw1"})");
+
+  ASSERT_EQ(cs::DeleteDesired(store.get(), "switches", "network_zel", "orn", "sw1"), cs::kOk);
+  EXPECT_EQ(cs::DeleteDesired(store.get(), "switches", "network_zel", "orn", "sw1"), cs::kNotFound);
+  ASSERT_EQ(cs::GetDesiredUserConfigInstances("switches", "network_zel", "orn", &objs, &n), cs::kOk);
+  EXPECT_EQ(n, 1);
+  cs::DestroyConfigStoreObject(objs[0]);
+  free(objs);
+  EXPECT_EQ(Listed(store.get()), std::vector<std::string>{"sw1"});
+}
+
+TEST(ConfigStoreStore, TransactionsCommitAndCancelWhole) {
+  TempStore tmp;
+  StorePtr writer = OpenStore();
+  StorePtr reader = OpenStore();
+  ASSERT_EQ(cs::Set(writer.get(), SwitchWith("old", "kept").get(), "EXTERNAL"), cs::kOk);
+
+  ASSERT_EQ(cs::BeginTransaction(writer.get()), cs::kOk);
+  EXPECT_EQ(cs::BeginTransaction(writer.get()), cs::kTransaction);
+  ASSERT_EQ(cs::Set(writer.get(), SwitchWith("a", "new").get(), "EXTERNAL"), cs::kOk);
+  ASSERT_EQ(cs::Set(writer.get(), SwitchWith("b", "new").get(), "EXTERNAL"), cs::kOk);
+  ASSERT_EQ(cs::Delete(writer.get(), "switches", "network_zel", "orn", "old"), cs::kOk);
+  // The writer sees its own changes; another connection sees none yet.
+  EXPECT_EQ(Listed(writer.get()), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(Listed(reader.get()), std::vector<std::string>{"old"});
+  ASSERT_EQ(cs::CommitTransaction(writer.get()), cs::kOk);
+  EXPECT_EQ(Listed(reader.get()), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(cs::CommitTransaction(writer.get()), cs::kTransaction);
+  EXPECT_EQ(cs::CancelTransaction(writer.get()), cs::kTransaction);
+
+  // A cancelled transaction leaves nothing behind.
+  ASSERT_EQ(cs::BeginTransaction(writer.get()), cs::kOk);
+  ASSERT_EQ(cs::Set(writer.get(), SwitchWith("c", "gone").get(), "EXTERNAL"), cs::kOk);
+  ASSERT_EQ(cs::Delete(writer.get(), "switches", "network_zel", "orn", "a"), cs::kOk);
+  ASSERT_EQ(cs::CancelTransaction(writer.get()), cs::kOk);
+  EXPECT_EQ(Listed(reader.get()), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(Listed(writer.get()), (std::vector<std::string>{"a", "b"}));
+
+  // Closing a store with an open transaction discards it.
+  ASSERT_EQ(cs::BeginTransaction(writer.get()), cs::kOk);
+  ASSERT_EQ(cs::Set(writer.get(), SwitchWith("d", "gone").get(), "EXTERNAL"), cs::kOk);
+  writer.reset();
+  EXPECT_EQ(Listed(reader.get()), (std::vector<std::string>{"a", "b"}));
+}
+
+TEST(ConfigStoreStore, SecondWriterWaitsThenReportsBusy) {
+  TempStore tmp;
+  cs::testing::UseBusyTimeout(50);
+  StorePtr first = OpenStore();
+  StorePtr second = OpenStore();
+  cs::testing::UseBusyTimeout(-1);
+  ASSERT_EQ(cs::BeginTransaction(first.get()), cs::kOk);
+  EXPECT_EQ(cs::BeginTransaction(second.get()), cs::kBusy);
+  EXPECT_EQ(cs::Set(second.get(), SwitchWith("x", "x").get(), "EXTERNAL"), cs::kBusy);
+  EXPECT_EQ(Listed(second.get()), std::vector<std::string>{});  // reading is not blocked
+  ASSERT_EQ(cs::CommitTransaction(first.get()), cs::kOk);
+  ASSERT_EQ(cs::BeginTransaction(second.get()), cs::kOk);
+  EXPECT_EQ(cs::CommitTransaction(second.get()), cs::kOk);
+}
+
+TEST(ConfigStoreStore, UntrustedStoredContent) {
+  TempStore tmp;
+  StorePtr store = OpenStore();
+  ASSERT_NE(store, nullptr);
+  Exec(tmp.path(),
+       "INSERT INTO objects VALUES ('current','switches','network_zel','orn','bad','{\"a\":','');"
+       "INSERT INTO objects VALUES ('current','switches','network_zel','orn','blob',x'7b7d','');"
+       "INSERT INTO objects VALUES ('current','switches','network_zel','orn','ok','{}','');");
+  Object *o = nullptr;
+  EXPECT_EQ(cs::Get(store.get(), "switches", "network_zel", "orn", "bad", &o), cs::kCorrupt);
+  EXPECT_EQ(o, nullptr);
+  EXPECT_EQ(cs::Get(store.get(), "switches", "network_zel", "orn", "blob", &o), cs::kCorrupt);
+  ASSERT_EQ(cs::Get(store.get(), "switches", "network_zel", "orn", "ok", &o), cs::kOk);
+  cs::DestroyConfigStoreObject(o);
+  int status = 0;
+  EXPECT_EQ(Listed(store.get(), &status), std::vector<std::string>{});
+  EXPECT_EQ(status, cs::kCorrupt);
+  store.reset();
+
+  // A file of a later format, or not a database at all, is refused.
+  Exec(tmp.path(), "PRAGMA user_version=99");
+  cs::Store *s = nullptr;
+  EXPECT_EQ(cs::GetStore(0, &s), cs::kCorrupt);
+  EXPECT_EQ(s, nullptr);
+  TempStore other;
+  FILE *f = fopen(other.path().c_str(), "w");
+  ASSERT_NE(f, nullptr);
+  fputs("this is not a database file, only some text that is long enough", f);
+  fclose(f);
+  EXPECT_EQ(cs::GetStore(0, &s), cs::kCorrupt);
+}
+
+TEST(ConfigStoreStore, GeneratedInstanceIdsAreRandomUuids) {
+  std::set<std::string> seen;
+  for (int i = 0; i < 200; ++i) {
+    char *id = nullptr;
+    ASSERT_EQ(cs::GenerateInstanceId(&id), cs::kOk);
+    std::string s = id;
+    free(id);
+    ASSERT_EQ(s.size(), 36u);
+    for (size_t k : {8u, 13u, 18u, 23u}) EXPECT_EQ(s[k], '-');
+    EXPECT_EQ(s[14], '4');
+    EXPECT_NE(std::string("89ab").find(s[19]), std::string::npos);
+    EXPECT_EQ(s.find_first_not_of("0123456789abcdef-"), std::string::npos);
+    seen.insert(s);
+  }
+  EXPECT_EQ(seen.size(), 200u);
+}
+
+TEST(ConfigStoreStore, FaultSeam) {
+  TempStore tmp;
+  namespace ct = cs::testing;
+  StorePtr store = OpenStore();
+  ObjectPtr sw = SwitchWith("sw", "n");
+  ct::ClearFailures();
+
+  // The second Set fails once with the given status and writes nothing.
+  ct::FailNext(ct::Op::kSet, cs::kStorage, 1);
+  EXPECT_EQ(cs::Set(store.get(), sw.get(), "EXTERNAL"), cs::kOk);
+  ASSERT_EQ(cs::Delete(store.get(), "switches", "network_zel", "orn", "sw"), cs::kOk);
+  EXPECT_EQ(cs::Set(store.get(), sw.get(), "EXTERNAL"), cs::kStorage);
+  EXPECT_EQ(RawContent(tmp.path(), "current", "sw"), "");
+  EXPECT_EQ(cs::Set(store.get(), sw.get(), "EXTERNAL"), cs::kOk);
+  EXPECT_EQ(ct::Calls(ct::Op::kSet), 3u);
+
+  // An injected failure clears the caller's out-parameters.
+  ct::FailNext(ct::Op::kGet, cs::kNotFound);
+  Object *o = reinterpret_cast<Object *>(1);
+  EXPECT_EQ(cs::Get(store.get(), "switches", "network_zel", "orn", "sw", &o), cs::kNotFound);
+  EXPECT_EQ(o, nullptr);
+
+  // Every later call, of any operation.
+  ct::FailNext(ct::Op::kAny, 42, 0, -1);
+  char *v = nullptr;
+  EXPECT_EQ(cs::GetValueStr(sw.get(), "name", &v), 42);
+  EXPECT_EQ(cs::BeginTransaction(store.get()), 42);
+  EXPECT_EQ(cs::GenerateInstanceId(&v), 42);
+  ct::ClearFailures();
+  EXPECT_EQ(ct::Calls(ct::Op::kAny), 0u);
+  ASSERT_EQ(cs::GetValueStr(sw.get(), "name", &v), cs::kOk);
+  free(v);
+  EXPECT_EQ(ct::Calls(ct::Op::kAny), 1u);
+}
+
+}  // namespace

@@ -1,0 +1,90 @@
+// Test helpers for code that uses the configuration-store client: a private
+// database file for the life of a test, and owners for handles.
+#pragma once
+
+#include <sqlite3.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+
+#include "host/configstore_client.h"
+
+namespace cfgtest {
+
+namespace cs = zel::cfgstore;
+
+// Points the client at a new database file in a new temporary directory;
+// the destructor restores the environment's path, clears injected failures
+// and removes the directory.
+class TempStore {
+ public:
+  TempStore() {
+    char tmpl[] = "/tmp/zel_cfgstore_XXXXXX";
+    const char *dir = mkdtemp(tmpl);
+    dir_ = dir != nullptr ? dir : "";
+    path_ = dir_ + "/configstore.db";
+    cs::testing::UsePath(path_.c_str());
+    cs::testing::ClearFailures();
+  }
+  ~TempStore() {
+    cs::testing::UsePath(nullptr);
+    cs::testing::ClearFailures();
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+  }
+  TempStore(const TempStore &) = delete;
+  TempStore &operator=(const TempStore &) = delete;
+
+  const std::string &path() const { return path_; }
+
+ private:
+  std::string dir_, path_;
+};
+
+struct StoreCloser {
+  void operator()(cs::Store *s) const { cs::DestroyStore(s); }
+};
+struct ObjectCloser {
+  void operator()(cs::Object *o) const { cs::DestroyConfigStoreObject(o); }
+};
+using StorePtr = std::unique_ptr<cs::Store, StoreCloser>;
+using ObjectPtr = std::unique_ptr<cs::Object, ObjectCloser>;
+
+// A store handle, or null when GetStore fails.
+inline StorePtr OpenStore() {
+  cs::Store *s = nullptr;
+  cs::GetStore(0, &s);
+  return StorePtr(s);
+}
+
+// A switch object in memory ("switches", "network_zel", "orn").
+inline ObjectPtr NewSwitch(const char *id) {
+  cs::Object *o = nullptr;
+  cs::CreateObject("switches", "network_zel", "orn", id, "{}", &o);
+  return ObjectPtr(o);
+}
+
+// The stored row's content read with plain SQLite ("" when there is none).
+inline std::string RawContent(const std::string &path, const char *layer, const char *id) {
+  sqlite3 *db = nullptr;
+  std::string out;
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_stmt *st = nullptr;
+    if (sqlite3_prepare_v2(db,
+                           "SELECT content FROM objects WHERE layer=?1 AND sel1='switches'"
+                           " AND sel2='network_zel' AND sel3='orn' AND instance=?2",
+                           -1, &st, nullptr) == SQLITE_OK) {
+      sqlite3_bind_text(st, 1, layer, -1, SQLITE_STATIC);
+      sqlite3_bind_text(st, 2, id, -1, SQLITE_STATIC);
+      if (sqlite3_step(st) == SQLITE_ROW)
+        out = reinterpret_cast<const char *>(sqlite3_column_text(st, 0));
+    }
+    sqlite3_finalize(st);
+  }
+  sqlite3_close(db);
+  return out;
+}
+
+}  // namespace cfgtest
