@@ -2,13 +2,15 @@
 // (plain, reply, command execution) and the state-level requests.
 #include "kernel/channel.h"
 
+#include "host/lock.h"
+#include "host/status_text.h"
+
 #include <fcntl.h>
 
 #include <atomic>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <mutex>
 
 namespace zel::kernel {
@@ -49,18 +51,6 @@ int PlainDescriptor(host::DeviceTransport &transport) {
     }
   }
   return fd;
-}
-
-// The text of an errno value, as the host's error-string helper gives it.
-const char *ErrnoText(int err, char *buf, size_t size) {
-#if defined(__GLIBC__) && defined(_GNU_SOURCE)
-  return strerror_r(err, buf, size);
-#else
-  if (strerror_r(err, buf, size) != 0) {
-    std::snprintf(buf, size, "error %d", err);
-  }
-  return buf;
-#endif
 }
 
 // One growing-buffer exchange, shared by the reply and the command shapes:
@@ -143,6 +133,18 @@ using zel::kernel::CopyText;
 
 extern "C" {
 
+ZEL_API ZelRecLock *ZelSwitchPYXLock(void) {
+  zel::host::RecLock *lock = zel::host::CreateSingletonRecLock(ZELPYX_LOCK_NAME, ZELPYX_LOCK_RANK);
+  zel::host::Acquire(lock);
+  return reinterpret_cast<ZelRecLock *>(lock);
+}
+
+ZEL_API void ZelSwitchPYXUnlock(ZelRecLock *lock) {
+  if (lock != nullptr) {
+    zel::host::Release(reinterpret_cast<zel::host::RecLock *>(lock));
+  }
+}
+
 ZEL_API ReturnStatus ZELPYX_Ioctl(int request, ZELPYXCommand *cmd) {
   if (cmd == nullptr) {
     return STATUS_BAD_PARAM;
@@ -157,9 +159,7 @@ ZEL_API ReturnStatus ZELPYX_Ioctl(int request, ZELPYXCommand *cmd) {
   if (transport.Ioctl(fd, static_cast<unsigned long>(request), cmd) != -1) {
     return STATUS_OK;
   }
-  const int err = errno;
-  char text[128];
-  std::fprintf(stderr, "ioctl failed: %s\n", zel::kernel::ErrnoText(err, text, sizeof text));
+  std::fprintf(stderr, "ioctl failed: %s\n", zel::host::Err_Errno2String(errno));
   return cmd->status;
 }
 

@@ -13,7 +13,7 @@
  *     the caller owns it on success and releases it with ZELPYX_DataFree;
  *   - command execution: ZELPYX_CmdExec, the same growth rule on its output.
  * Kernel-channel failures go to standard error whatever any debug level says.
- * None of these functions takes a lock; they may be called from any thread.
+ * The exchanges take no lock; they may be called from any thread.
  */
 #ifndef ZEL_KERNEL_H
 #define ZEL_KERNEL_H
@@ -108,6 +108,23 @@ ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, cmdOut) == 416, "cmdOut offset");
 #define ZELPYX_REQ_UPLINK_DATA_SET 26
 #define ZELPYX_REQ_UPLINK_DATA_GET 27
 #define ZELPYX_REQ_CMD_EXEC 28
+
+/* --- the channel lock --- */
+
+/*
+ * "zelpyx", a process-wide recursive lock (rank 0xFEFFFFFE), created on first
+ * use.  Holders of both locks take it before the state database's "zelstate".
+ * The retrievals that use the state database as scratch space hold it from
+ * loading the kernel's state to emptying the database again.
+ */
+typedef struct ZelRecLock ZelRecLock;
+#define ZELPYX_LOCK_NAME "zelpyx"
+#define ZELPYX_LOCK_RANK 0xFEFFFFFEu
+
+/* Takes the lock (creating it on first use) and returns its handle. */
+ZEL_API ZelRecLock *ZelSwitchPYXLock(void);
+/* Releases it; a null handle is ignored. */
+ZEL_API void ZelSwitchPYXUnlock(ZelRecLock *lock);
 
 /* --- exchanges and state requests --- */
 
