@@ -471,4 +471,12 @@ int ExportObjectJson(Object *object, char **json) {
   return *json != nullptr ? kOk : kNoMemory;
 }
 
+int GetObjectInstanceId(Object *object, char **instanceId) {
+  if (instanceId == nullptr) return kBadArgument;
+  *instanceId = nullptr;
+  if (object == nullptr || object->top == nullptr) return kBadArgument;
+  *instanceId = CopyText(object->top->instanceId);
+  return *instanceId != nullptr ? kOk : kNoMemory;
+}
+
 }  // namespace zel::cfgstore
