@@ -1,0 +1,88 @@
+// Internal layout of property lists, shared by the list operations, the
+// serializer and the tests that need to tamper with a list.
+#pragma once
+
+#include <cstdint>
+#include <cstring>
+
+#include "zel/data.h"
+
+// The list handle.  `tail` keeps appends constant-time; the observable order
+// and lookups are those of a singly linked list walked from `head`.
+struct PropertyList {
+  uint32_t serialSize;
+  PropertyEntry *head;
+  PropertyEntry *tail;
+  ZELDataAllocFn allocFn;
+  ZELDataFreeFn freeFn;
+};
+
+namespace zel::data {
+
+// An entry is one block from the list's allocFn: a next link followed by the
+// entry exactly as it stands in serialized data, so serializing copies the
+// block from `entryLength` to the end of its padding in one piece.
+//
+//   block + 0    next (pointer)
+//   block + 8    entryLength   (serialized offset 0)
+//   block + 12   name[128]     (serialized offset 4)
+//   block + 140  propType      (serialized offset 132)
+//   block + 144  dataLength    (serialized offset 136)
+//   block + 148  data          (serialized offset 140)
+inline constexpr uint32_t kLinkSize = 8;
+inline constexpr uint32_t kNameOffset = 4;
+inline constexpr uint32_t kPropTypeOffset = 132;
+inline constexpr uint32_t kDataLengthOffset = 136;
+inline constexpr uint32_t kDataOffset = 140;
+inline constexpr uint32_t kMinEntryLength = 144;
+inline constexpr uint32_t kHeaderSize = 12;
+inline constexpr uint32_t kEndMarkerSize = 4;
+inline constexpr uint32_t kMaxNameLength = ZELDATA_NAME_SIZE - 1;
+// The largest value whose entryLength, (dataLength + 146) & ~3, fits in 32 bits.
+inline constexpr uint32_t kMaxDataLength = 0xFFFFFFFFu - 146u;
+
+static_assert(sizeof(void *) == kLinkSize, "entry blocks assume 64-bit links");
+
+inline uint32_t EntryLengthFor(uint32_t dataLength) { return (dataLength + 146u) & ~3u; }
+
+inline uint32_t LoadU32(const void *p) {
+  uint32_t v;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+inline void StoreU32(void *p, uint32_t v) { std::memcpy(p, &v, sizeof v); }
+
+inline uint8_t *Block(PropertyEntry *e) { return reinterpret_cast<uint8_t *>(e); }
+// The serialized form of the entry inside its block.
+inline uint8_t *Serial(PropertyEntry *e) { return Block(e) + kLinkSize; }
+
+inline PropertyEntry *NextOf(PropertyEntry *e) {
+  PropertyEntry *n;
+  std::memcpy(&n, Block(e), sizeof n);
+  return n;
+}
+inline void SetNext(PropertyEntry *e, PropertyEntry *n) { std::memcpy(Block(e), &n, sizeof n); }
+inline uint32_t EntryLength(PropertyEntry *e) { return LoadU32(Serial(e)); }
+inline char *NameOf(PropertyEntry *e) { return reinterpret_cast<char *>(Serial(e) + kNameOffset); }
+inline uint32_t PropTypeOf(PropertyEntry *e) { return LoadU32(Serial(e) + kPropTypeOffset); }
+inline void SetPropType(PropertyEntry *e, uint32_t t) { StoreU32(Serial(e) + kPropTypeOffset, t); }
+inline uint32_t DataLengthOf(PropertyEntry *e) { return LoadU32(Serial(e) + kDataLengthOffset); }
+inline uint8_t *DataOf(PropertyEntry *e) { return Serial(e) + kDataOffset; }
+
+// Names match when their first 128 characters are equal.
+inline bool NameMatches(const char *a, const char *b) {
+  return std::strncmp(a, b, ZELDATA_NAME_SIZE) == 0;
+}
+
+// The checksum of serialized data whose header size field is `size`.  Bytes 0
+// to 31 are not covered; the kernel module computes the same sum.
+uint32_t Checksum(const uint8_t *data, uint32_t size);
+// Wrapping sum of `count` little-endian words starting at data.
+uint32_t SumWords(const uint8_t *data, uint32_t count);
+
+// Appends an entry whose name is given with its length (already cut to at most
+// 127 characters).  Used by Append and by the deserializer.
+ReturnStatus AppendNamed(PropertyList *list, const char *name, size_t nameLength,
+                         const void *value, uint32_t dataLength, uint32_t propType);
+
+}  // namespace zel::data

@@ -1,0 +1,425 @@
+// The checksummed serialized form of property lists, and its two readers.
+//
+// Readers trust nothing in the data: besides the header checks, every entry
+// must have an entryLength of at least 144, a multiple of 4, that holds its
+// dataLength (dataLength <= entryLength - 140); anything else is refused with
+// STATUS_BAD_PARAM and a "bad data" message, before any byte of the entry
+// beyond its length word is read.
+
+#include <cstdio>
+#include <cstring>
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
+
+#include "data/property_list_internal.h"
+#include "host/diag.h"
+
+using namespace zel::data;
+using zel::host::DiagPrint;
+
+namespace {
+
+constexpr uint16_t kVersion = 1;
+constexpr uint32_t kMinHeaderSize = 16;
+constexpr uint32_t kFirstSummedOffset = 32;
+
+uint32_t HeaderSize(const uint8_t *d) { return LoadU32(d); }
+uint32_t HeaderChecksum(const uint8_t *d) { return LoadU32(d + 4); }
+uint16_t HeaderVersion(const uint8_t *d) {
+  uint16_t v;
+  std::memcpy(&v, d + 8, sizeof v);
+  return v;
+}
+
+bool Excluded(PropertyEntry *e, const char *pattern) {
+  if (pattern == nullptr) {
+    return false;
+  }
+  const char *name = NameOf(e);
+  return std::strstr(name, pattern) != nullptr &&
+         std::strstr(name, "com.zorlan.common.port.volatile.persist") == nullptr;
+}
+
+uint32_t SizeExcluding(PropertyList *list, const char *pattern) {
+  if (pattern == nullptr) {
+    return list->serialSize;
+  }
+  uint32_t size = ZELDATA_EMPTY_SERIAL_SIZE;
+  for (PropertyEntry *e = list->head; e != nullptr; e = NextOf(e)) {
+    if (!Excluded(e, pattern)) {
+      size += EntryLengthFor(DataLengthOf(e));
+    }
+  }
+  return size;
+}
+
+// Takes the caller's buffer (capacity in *length) or allocates one of `needed`
+// bytes from the list's allocator.  On success *owned tells who allocated.
+ReturnStatus AcquireBuffer(PropertyList *list, void **buffer, uint32_t *length, uint32_t needed,
+                           bool *owned) {
+  if (*buffer != nullptr) {
+    if (*length < needed) {
+      return STATUS_LIMIT_EXCEEDED;
+    }
+    *length = needed;
+    *owned = false;
+    return STATUS_OK;
+  }
+  *length = needed;
+  *buffer = list->allocFn(needed);
+  if (*buffer == nullptr) {
+    return STATUS_NO_MEMORY;
+  }
+  *owned = true;
+  return STATUS_OK;
+}
+
+void WriteHeader(uint8_t *out, uint32_t size) {
+  StoreU32(out, size);
+  StoreU32(out + 4, 0);
+  std::memcpy(out + 8, &kVersion, sizeof kVersion);
+  // Bytes 10 and 11 are reserved; zero keeps the output deterministic.
+  out[10] = 0;
+  out[11] = 0;
+}
+
+void Seal(uint8_t *out, uint32_t size) {
+  StoreU32(out + size - kEndMarkerSize, 0);
+  StoreU32(out + 4, Checksum(out, size));
+}
+
+// The checksum share of the entry just copied to out[pos, pos + length): its
+// words at offset 32 or later.  Entries are whole words and start on word
+// boundaries of the output, and the serialized size is a multiple of 4, so
+// these shares add up to the checksum.
+uint32_t SumCopied(const uint8_t *out, uint32_t pos, uint32_t length) {
+  const uint32_t from = pos < kFirstSummedOffset ? kFirstSummedOffset : pos;
+  return from < pos + length ? zel::data::SumWords(out + from, (pos + length - from) / 4) : 0;
+}
+
+// The outcome of walking an entry chain of serialized data.
+enum class Walk { kEnd, kEntry, kBad };
+
+// Checks the entry at `offset` with `remaining` bytes left of the header size.
+// Prints the "bad data" messages of the readers.
+Walk CheckEntry(const uint8_t *d, uint32_t offset, uint32_t remaining) {
+  const uint32_t entryLength = LoadU32(d + offset);
+  if (entryLength == 0) {
+    return Walk::kEnd;
+  }
+  if (entryLength > remaining) {
+    DiagPrint(zeldata_debug, 0, "bad data: data length smaller than data block size %d\n",
+              static_cast<int>(entryLength));
+    return Walk::kBad;
+  }
+  // dataLength is read only once the entry is known to be long enough to hold it.
+  if (entryLength < kMinEntryLength || entryLength % 4 != 0 ||
+      LoadU32(d + offset + kDataLengthOffset) > entryLength - kDataOffset) {
+    DiagPrint(zeldata_debug, 0, "bad data: malformed entry of length %u\n", entryLength);
+    return Walk::kBad;
+  }
+  return Walk::kEntry;
+}
+
+// The header checks shared by both readers (data length, header size, data
+// length against header size).
+bool HeaderFits(const uint8_t *d, uint32_t dataLength) {
+  DiagPrint(zeldata_debug, 2, "Deserialize data, length = %d\n", static_cast<int>(dataLength));
+  if (dataLength < kMinHeaderSize) {
+    DiagPrint(zeldata_debug, 0, "bad data: buffer size %d smaller than minimum header size\n",
+              static_cast<int>(dataLength));
+    return false;
+  }
+  const uint32_t size = HeaderSize(d);
+  if (size < kMinHeaderSize) {
+    DiagPrint(zeldata_debug, 0, "bad data: data size %d in header smaller than minimum header size\n",
+              static_cast<int>(size));
+    return false;
+  }
+  if (dataLength < size) {
+    DiagPrint(zeldata_debug, 0, "bad data: buffer size %d smaller than size %d in header\n",
+              static_cast<int>(dataLength), static_cast<int>(size));
+    return false;
+  }
+  return true;
+}
+
+bool ChecksumMatches(const uint8_t *d) {
+  const uint32_t stored = HeaderChecksum(d);
+  const uint32_t computed = Checksum(d, HeaderSize(d));
+  if (stored != computed) {
+    DiagPrint(zeldata_debug, 0, "bad chksum: expected 0x%x, actual 0x%x\n", stored, computed);
+    return false;
+  }
+  return true;
+}
+
+// Moves past an entry; false (with its message) when fewer than 4 bytes remain.
+bool Advance(const uint8_t *d, uint32_t *offset, uint32_t *remaining) {
+  const uint32_t entryLength = LoadU32(d + *offset);
+  *remaining -= entryLength;
+  *offset += entryLength;
+  if (*remaining < kEndMarkerSize) {
+    DiagPrint(zeldata_debug, 0, "bad data: not end with 4 (zero) marker bytes\n");
+    return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+namespace zel::data {
+
+uint32_t SumWords(const uint8_t *data, uint32_t count) {
+  const uint8_t *p = data;
+  const uint8_t *const end = data + size_t{count} * 4;
+  uint32_t sum = 0;
+#if defined(__SSE2__)
+  // Sixteen bytes at a time in four 32-bit lanes; wrap-around per lane gives
+  // the same result as the scalar sum.
+  __m128i acc = _mm_setzero_si128();
+  for (; end - p >= 16; p += 16) {
+    acc = _mm_add_epi32(acc, _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)));
+  }
+  alignas(16) uint32_t lanes[4];
+  _mm_store_si128(reinterpret_cast<__m128i *>(lanes), acc);
+  sum = lanes[0] + lanes[1] + lanes[2] + lanes[3];
+#endif
+  for (; p < end; p += 4) {
+    sum += LoadU32(p);
+  }
+  return sum;
+}
+
+uint32_t Checksum(const uint8_t *data, uint32_t size) {
+  const uint32_t words = size / 4;
+  uint32_t sum = 0;
+  if (words > kFirstSummedOffset / 4) {
+    sum = SumWords(data + kFirstSummedOffset, words - kFirstSummedOffset / 4);
+  }
+  const uint32_t firstByte = 4 * (words > 8 ? words : 8);
+  for (uint32_t off = firstByte; off < size; ++off) {
+    sum += data[off];
+  }
+  return sum;
+}
+
+}  // namespace zel::data
+
+extern "C" {
+
+ZEL_API uint32_t ZELData_SerializedSize(PropertyList *list, uint32_t /*ignored*/) {
+  return list->serialSize;
+}
+
+ZEL_API uint32_t ZELData_SerializedSizeExNamedProp(PropertyList *list, uint32_t /*ignored*/,
+                                                   const char *excludePattern) {
+  return SizeExcluding(list, excludePattern);
+}
+
+ZEL_API ReturnStatus ZELData_SerializeExNamedProp(PropertyList *list, void **buffer,
+                                                  uint32_t *length, uint32_t version,
+                                                  const char *excludePattern) {
+  if (version < 4) {
+    DiagPrint(zeldata_debug, 0, "ZEL version %d is smaller than 6.0.\n", static_cast<int>(version));
+  }
+  const uint32_t needed = SizeExcluding(list, excludePattern);
+  DiagPrint(zeldata_debug, 2, "allocating buffer size %d\n", static_cast<int>(needed));
+  bool owned = false;
+  ReturnStatus status = AcquireBuffer(list, buffer, length, needed, &owned);
+  if (status != STATUS_OK) {
+    return status;
+  }
+  auto *out = static_cast<uint8_t *>(*buffer);
+  WriteHeader(out, needed);
+
+  // The walk trusts serialSize only as far as the entries agree with it; the
+  // write position is additionally bounded by `needed`.
+  uint32_t remaining = list->serialSize - kHeaderSize;
+  uint32_t pos = kHeaderSize;
+  uint32_t sum = 0;  // the checksum, summed while each entry is still in cache
+  PropertyEntry *e = list->head;
+  for (; e != nullptr; e = NextOf(e)) {
+    const uint32_t entryLength = EntryLength(e);
+    if (entryLength >= remaining) {
+      break;
+    }
+    remaining -= entryLength;
+    if (Excluded(e, excludePattern)) {
+      continue;
+    }
+    if (uint64_t{pos} + entryLength + kEndMarkerSize > needed) {
+      break;
+    }
+    std::memcpy(out + pos, Serial(e), entryLength);
+    sum += SumCopied(out, pos, entryLength);
+    pos += entryLength;
+    if (zeldata_debug >= 2) {  // checked here: this loop is the hot path
+      DiagPrint(zeldata_debug, 2, "serializing %s: %u/%u data/serial bytes\n", NameOf(e),
+                DataLengthOf(e), entryLength);
+    }
+  }
+  if (e != nullptr || remaining != kEndMarkerSize || pos + kEndMarkerSize != needed) {
+    DiagPrint(zeldata_debug, 0,
+              "ZELData length changed during serialization, buflen = %u, lenRemaining = %u, "
+              "name %s, size %u\n",
+              needed, remaining, e != nullptr ? NameOf(e) : "NULL", e != nullptr ? EntryLength(e) : 0u);
+    if (owned) {
+      list->freeFn(*buffer);
+      *buffer = nullptr;
+    }
+    return STATUS_LIMIT_EXCEEDED;
+  }
+  StoreU32(out + needed - kEndMarkerSize, 0);
+  StoreU32(out + 4, sum);
+  return STATUS_OK;
+}
+
+ZEL_API ReturnStatus ZELData_Serialize(PropertyList *list, void **buffer, uint32_t *length,
+                                       uint32_t version) {
+  return ZELData_SerializeExNamedProp(list, buffer, length, version, nullptr);
+}
+
+ZEL_API ReturnStatus ZELData_SerializeEntry(PropertyList *list, const char *name, void **buffer,
+                                            uint32_t *length) {
+  const uint32_t capacity = *length;
+  *length = 0;
+  PropertyEntry *e = nullptr;
+  if (ZELData_Lookup(list, name, &e) != STATUS_OK) {
+    return STATUS_NOT_FOUND;
+  }
+  const uint32_t entryLength = EntryLength(e);
+  DiagPrint(zeldata_debug, 2, "serializing %s: %u/%u data/serial bytes\n", NameOf(e),
+            DataLengthOf(e), entryLength);
+  const uint32_t needed = entryLength + kHeaderSize + kEndMarkerSize;
+  uint32_t granted = capacity;
+  bool owned = false;
+  ReturnStatus status = AcquireBuffer(list, buffer, &granted, needed, &owned);
+  if (status != STATUS_OK) {
+    return status;
+  }
+  auto *out = static_cast<uint8_t *>(*buffer);
+  WriteHeader(out, needed);
+  std::memcpy(out + kHeaderSize, Serial(e), entryLength);
+  Seal(out, needed);
+  *length = needed;
+  return STATUS_OK;
+}
+
+ZEL_API ReturnStatus ZELData_DeserializeWithPropType(PropertyList **out, const void *data,
+                                                     uint32_t dataLength, ZELDataAllocFn allocFn,
+                                                     ZELDataFreeFn freeFn, uint32_t typeMask) {
+  const auto *d = static_cast<const uint8_t *>(data);
+  if (!HeaderFits(d, dataLength)) {
+    return STATUS_BAD_PARAM;
+  }
+  if (HeaderVersion(d) != kVersion) {
+    DiagPrint(zeldata_debug, 0, "Bad data: expected header version %d, actual %d\n", kVersion,
+              HeaderVersion(d));
+    return STATUS_BAD_PARAM;
+  }
+  if (!ChecksumMatches(d)) {
+    return STATUS_BAD_CHECKSUM;
+  }
+  PropertyList *list = nullptr;
+  if (ZELData_Alloc(&list, allocFn, freeFn) != STATUS_OK) {
+    return STATUS_NO_MEMORY;
+  }
+  uint32_t remaining = HeaderSize(d) - kHeaderSize;
+  uint32_t offset = kHeaderSize;
+  ReturnStatus status = STATUS_OK;
+  for (;;) {
+    const Walk w = CheckEntry(d, offset, remaining);
+    if (w == Walk::kEnd) {
+      DiagPrint(zeldata_debug, 2, "Deserialize data done, serializeSize = %d\n",
+                static_cast<int>(list->serialSize));
+      break;
+    }
+    if (w == Walk::kBad) {
+      status = STATUS_BAD_PARAM;
+      break;
+    }
+    const uint8_t *entry = d + offset;
+    const char *name = reinterpret_cast<const char *>(entry + kNameOffset);
+    const uint32_t propType = LoadU32(entry + kPropTypeOffset);
+    const uint32_t valueLength = LoadU32(entry + kDataLengthOffset);
+    const size_t nameLength = strnlen(name, kMaxNameLength);
+    if (zeldata_debug >= 3) {
+      DiagPrint(zeldata_debug, 3, "deserializing %.*s: %u/%u data/serial bytes %d flag\n",
+                static_cast<int>(nameLength), name, valueLength, LoadU32(entry),
+                static_cast<int>(propType));
+    }
+    if ((propType & typeMask) != 0) {
+      status = AppendNamed(list, name, nameLength, entry + kDataOffset, valueLength, propType);
+      if (status != STATUS_OK) {
+        break;
+      }
+    }
+    if (!Advance(d, &offset, &remaining)) {
+      status = STATUS_BAD_PARAM;
+      break;
+    }
+  }
+  if (status != STATUS_OK) {
+    ZELData_Free(list);
+    return status;
+  }
+  *out = list;
+  return STATUS_OK;
+}
+
+ZEL_API ReturnStatus ZELData_Deserialize(PropertyList **out, const void *data, uint32_t dataLength,
+                                         ZELDataAllocFn allocFn, ZELDataFreeFn freeFn) {
+  return ZELData_DeserializeWithPropType(out, data, dataLength, allocFn, freeFn,
+                                         ZELDATA_DEFAULT_TYPE_MASK);
+}
+
+ZEL_API ReturnStatus ZELData_DeserializeGetPropVal(const void *data, uint32_t dataLength,
+                                                   const char *name, void *valueBuffer,
+                                                   uint32_t capacity) {
+  if (data == nullptr || name == nullptr || valueBuffer == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
+  const auto *d = static_cast<const uint8_t *>(data);
+  if (!HeaderFits(d, dataLength)) {
+    return STATUS_BAD_PARAM;
+  }
+  if (!ChecksumMatches(d)) {
+    return STATUS_BAD_CHECKSUM;
+  }
+  if (HeaderVersion(d) != kVersion) {
+    DiagPrint(zeldata_debug, 0, "Unsupported ZEL data version %u\n", HeaderVersion(d));
+    return STATUS_BAD_PARAM;
+  }
+  uint32_t remaining = HeaderSize(d) - kHeaderSize;
+  uint32_t offset = kHeaderSize;
+  for (;;) {
+    const Walk w = CheckEntry(d, offset, remaining);
+    if (w == Walk::kEnd) {
+      return STATUS_NOT_FOUND;
+    }
+    if (w == Walk::kBad) {
+      return STATUS_BAD_PARAM;
+    }
+    const uint8_t *entry = d + offset;
+    const char *entryName = reinterpret_cast<const char *>(entry + kNameOffset);
+    if (NameMatches(entryName, name)) {
+      const uint32_t valueLength = LoadU32(entry + kDataLengthOffset);
+      if (capacity < valueLength) {
+        DiagPrint(zeldata_debug, 0,
+                  "propVal buffer of size %u not sufficient to store value of size %u for "
+                  "property %s\n",
+                  capacity, valueLength, name);
+        return STATUS_LIMIT_EXCEEDED;
+      }
+      std::memcpy(valueBuffer, entry + kDataOffset, valueLength);
+      return STATUS_OK;
+    }
+    if (!Advance(d, &offset, &remaining)) {
+      return STATUS_BAD_PARAM;
+    }
+  }
+}
+
+}  // extern "C"

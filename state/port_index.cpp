@@ -1,0 +1,69 @@
+#include "state/port_index.h"
+
+#include <cstring>
+#include <new>
+
+namespace zel::state {
+
+static_assert(sizeof(PortIndex) == 8, "the buckets follow an 8-byte header");
+
+uint32_t PortIndex::Hash(const char *id) {
+  uint32_t hash = 2166136261u;  // FNV-1a
+  for (const unsigned char *p = reinterpret_cast<const unsigned char *>(id); *p != 0; ++p) {
+    hash = (hash ^ *p) * 16777619u;
+  }
+  return hash;
+}
+
+uint64_t PortIndex::BucketsFor(uint32_t maxPorts) {
+  uint64_t buckets = 4;
+  while (buckets < uint64_t{2} * maxPorts) {
+    buckets *= 2;
+  }
+  return buckets;
+}
+
+PortIndex *PortIndex::Init(void *memory, uint64_t buckets) {
+  PortIndex *index = new (memory) PortIndex();
+  index->mask_ = buckets - 1;
+  std::memset(index->Buckets(), 0, buckets * sizeof(Bucket));
+  return index;
+}
+
+void PortIndex::Insert(uint32_t hash, uint32_t slot) {
+  Bucket *buckets = Buckets();
+  uint64_t i = hash & mask_;
+  while (buckets[i].slotPlus1 != 0) {
+    i = (i + 1) & mask_;
+  }
+  buckets[i] = Bucket{slot + 1, hash};
+}
+
+void PortIndex::Erase(uint32_t hash, uint32_t slot) {
+  Bucket *buckets = Buckets();
+  uint64_t hole = hash & mask_;
+  while (buckets[hole].slotPlus1 != slot + 1) {
+    if (buckets[hole].slotPlus1 == 0) {
+      return;  // not indexed
+    }
+    hole = (hole + 1) & mask_;
+  }
+  // Move later entries of the probe run back into the hole when their home
+  // bucket does not lie between the hole and their position.
+  uint64_t i = hole;
+  while (true) {
+    i = (i + 1) & mask_;
+    if (buckets[i].slotPlus1 == 0) {
+      break;
+    }
+    uint64_t home = buckets[i].hash & mask_;
+    bool stays = hole <= i ? (hole < home && home <= i) : (hole < home || home <= i);
+    if (!stays) {
+      buckets[hole] = buckets[i];
+      hole = i;
+    }
+  }
+  buckets[hole] = Bucket{0, 0};
+}
+
+}  // namespace zel::state

@@ -1,0 +1,129 @@
+// Shared by the state database tests: a fixture that starts every test with
+// an empty table and a known system-wide port limit, and small builders.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "state/state_testing.h"
+#include "test_support.h"
+#include "zel/data.h"
+#include "zel/state.h"
+
+namespace zelstatetest {
+
+using Bytes = std::vector<uint8_t>;
+using Props = std::vector<std::pair<std::string, Bytes>>;
+
+// A string value with its NUL, as the library stores text.
+inline Bytes Text(const std::string &s) {
+  Bytes b(s.begin(), s.end());
+  b.push_back(0);
+  return b;
+}
+
+inline Bytes U32(uint32_t v) {
+  Bytes b(4);
+  std::memcpy(b.data(), &v, 4);
+  return b;
+}
+
+// A malloc-backed list holding the properties in order (type 16).
+inline PropertyList *MakeList(const Props &props, uint32_t propType = ZELDATA_PROPTYPE_LIBRARY) {
+  PropertyList *list = nullptr;
+  EXPECT_EQ(ZELData_Alloc(&list, [](uint64_t n) { return std::malloc(n); }, std::free), STATUS_OK);
+  for (const auto &[name, value] : props) {
+    EXPECT_EQ(ZELData_Append(list, name.c_str(), value.data(), static_cast<uint32_t>(value.size()),
+                             propType),
+              STATUS_OK);
+  }
+  return list;
+}
+
+// The properties of a list, in order.
+inline Props ListProps(PropertyList *list) {
+  Props props;
+  PropertyEntry *entry = nullptr;
+  while (ZELData_Next(list, entry, &entry) == STATUS_OK) {
+    void *value = nullptr;
+    uint32_t length = ZELData_Data(entry, &value);
+    auto *bytes = static_cast<const uint8_t *>(value);
+    props.emplace_back(ZELData_Name(entry), Bytes(bytes, bytes + length));
+  }
+  return props;
+}
+
+inline Bytes Serialize(PropertyList *list, uint32_t version = 7) {
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  EXPECT_EQ(ZELData_Serialize(list, &buffer, &length, version), STATUS_OK);
+  auto *bytes = static_cast<const uint8_t *>(buffer);
+  Bytes out(bytes, bytes + length);
+  ZELData_FreeAssocData(list, buffer);
+  return out;
+}
+
+inline Bytes SerializeProps(const Props &props) {
+  PropertyList *list = MakeList(props);
+  Bytes out = Serialize(list);
+  ZELData_Free(list);
+  return out;
+}
+
+// The whole table as a state blob.
+inline Bytes StateBlob() {
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  EXPECT_EQ(ZELState_ConfigSerialize(&buffer, &length), STATUS_OK);
+  auto *bytes = static_cast<const uint8_t *>(buffer);
+  Bytes out(bytes, bytes + length);
+  std::free(buffer);
+  return out;
+}
+
+inline ReturnStatus AddPort(const char *sw, const char *port, PortKind kind = PORT_KIND_NORMAL,
+                            const Props &props = {}) {
+  PropertyList *list = MakeList(props);
+  ReturnStatus status = ZELStatePortAdd(sw, port, list, kind);
+  if (status != STATUS_OK) {
+    ZELData_Free(list);
+  }
+  return status;
+}
+
+// Switch ids of the table by slot ("" for an empty slot).
+inline std::vector<std::string> Slots() {
+  std::vector<std::string> ids;
+  for (int i = 0; i < ZEL_MAX_SWITCHES; ++i) {
+    SwitchState *sw = zel::state::testing::SwitchAtSlot(i);
+    ids.push_back(sw != nullptr ? ZEL_SwitchId(sw) : "");
+  }
+  return ids;
+}
+
+inline uint32_t HostPorts() { return zel::state::testing::NumActivePortsSystemWide(); }
+
+// Every test starts with an empty table and a limit of 4096 ports, and ends
+// with the table emptied and the allocator restored.
+class StateTest : public ::testing::Test {
+ protected:
+  void SetUp() override { zel::state::testing::SetPortLimit(4096); }
+  void TearDown() override {
+    zeltest::failalloc::FailAt(0);
+    // Records go back to the allocator they came from before it is restored.
+    zel::state::testing::SetPortLimit(0);
+    zel::state::testing::SetAllocator(nullptr, nullptr);
+  }
+  // Output of fn at debug level `level`.
+  static std::string Output(int level, const std::function<void()> &fn) {
+    zeltest::ScopedLevel scoped(zel_debug, level);
+    return zeltest::CaptureStdout(fn);
+  }
+};
+
+}  // namespace zelstatetest

@@ -1,0 +1,182 @@
+// Emptying the table and the persistence filtering of switches marked not to
+// be persisted, up to the whole sequence the persistent-state path runs.
+#include <string>
+
+#include "state_fixture.h"
+
+using namespace zelstatetest;
+namespace st = zel::state::testing;
+
+namespace {
+
+using IdList = char[ZEL_MAX_SWITCHES][ZEL_SWITCH_ID_SIZE];
+
+class StatePersistTest : public StateTest {
+ protected:
+  void SetUp() override {
+    StateTest::SetUp();
+    // Garbage the operations must overwrite (or must leave alone).
+    for (auto &entry : array_) {
+      entry = reinterpret_cast<SwitchState *>(0x1);
+    }
+    std::memset(ids_, 'x', sizeof ids_);
+  }
+  void TearDown() override {
+    if (array_[0] != reinterpret_cast<SwitchState *>(0x1)) {
+      ZELState_FreeZELArray(array_);
+    }
+    StateTest::TearDown();
+  }
+  static void Add(const char *id, bool noPersist = false, uint8_t flag = 1) {
+    ASSERT_EQ(ZELState_SwitchAdd(id, "vswitch", 0, 7), STATUS_OK);
+    ASSERT_EQ(AddPort(id, "p"), STATUS_OK);
+    if (noPersist) {
+      ASSERT_EQ(ZELState_GlobalPropSet(id, ZEL_PROP_NOPERSIST, &flag, 1, 0), STATUS_OK);
+    }
+  }
+  std::vector<std::string> ArrayIds() const {
+    std::vector<std::string> out;
+    for (SwitchState *sw : array_) {
+      out.push_back(sw != nullptr ? ZEL_SwitchId(sw) : "");
+    }
+    return out;
+  }
+  static std::vector<std::string> Expect(std::initializer_list<std::pair<int, const char *>> at) {
+    std::vector<std::string> v(ZEL_MAX_SWITCHES, "");
+    for (const auto &[slot, id] : at) {
+      v[slot] = id;
+    }
+    return v;
+  }
+
+  SwitchState *array_[ZEL_MAX_SWITCHES];
+  IdList ids_;
+};
+
+TEST_F(StatePersistTest, ResetEmptiesEverything) {
+  EXPECT_EQ(ZELState_ConfigReset(), STATUS_OK);
+  Add("a");
+  Add("b");
+  EXPECT_EQ(HostPorts(), 2u);
+  EXPECT_EQ(ZELState_ConfigReset(), STATUS_OK);
+  EXPECT_EQ(Slots(), Expect({}));
+  EXPECT_EQ(HostPorts(), 0u);
+}
+
+TEST_F(StatePersistTest, NothingMarkedNullsTheArray) {
+  Add("a");
+  Add("b", true, 0);  // a zero first byte does not mark
+  EXPECT_FALSE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
+  EXPECT_EQ(ArrayIds(), Expect({}));
+  EXPECT_EQ(Slots(), Expect({{0, "a"}, {1, "b"}}));
+  EXPECT_EQ(ids_[0][0], 'x');
+}
+
+TEST_F(StatePersistTest, MarkedSwitchWithoutStateFile) {
+  Add("a");
+  Add("b");
+  Add("marked", true);
+  Add("d");
+  EXPECT_FALSE(ZELState_StripZelWithNoPersistFlag(array_, ids_, false));
+  EXPECT_STREQ(ids_[0], "marked");
+  EXPECT_EQ(ids_[1][0], 'x') << "rows past the last id are left alone";
+  EXPECT_EQ(ArrayIds(), Expect({}));
+  EXPECT_EQ(Slots(), Expect({{0, "a"}, {1, "b"}, {3, "d"}}));
+  EXPECT_EQ(HostPorts(), 3u);
+}
+
+TEST_F(StatePersistTest, MarkedSwitchWithStateFileMovesTheRestOut) {
+  Add("a");
+  Add("b");
+  Add("marked", true);
+  Add("d");
+  EXPECT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
+  EXPECT_STREQ(ids_[0], "marked");
+  EXPECT_EQ(ArrayIds(), Expect({{0, "a"}, {1, "b"}, {3, "d"}}));
+  EXPECT_EQ(Slots(), Expect({}));
+  EXPECT_EQ(HostPorts(), 3u) << "parked switches keep counting";
+}
+
+TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitches) {
+  // The array holds switches in slots 0 and 2 ...
+  for (const char *id : {"x0", "hole", "x2"}) {
+    Add(id);
+  }
+  Add("dummy", true);
+  ASSERT_EQ(ZELState_SwitchRemove("hole"), STATUS_OK);
+  ASSERT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
+  ASSERT_EQ(ArrayIds(), Expect({{0, "x0"}, {2, "x2"}}));
+  // ... and the table a named switch in slot 5 and another in slot 6.
+  for (const char *id : {"f0", "f1", "f2", "f3", "f4", "named", "other"}) {
+    Add(id);
+  }
+  for (const char *id : {"f0", "f1", "f2", "f3", "f4"}) {
+    ASSERT_EQ(ZELState_SwitchRemove(id), STATUS_OK);
+  }
+  std::memset(ids_[0], 0, sizeof ids_[0]);
+  std::strcpy(ids_[0], "named");
+  std::memset(ids_[1], 0, sizeof ids_[1]);
+  std::strcpy(ids_[1], "nosuch");  // a row that matches nothing moves nothing
+  ZELState_UpdateGlobalSwsArray(array_, ids_);
+  EXPECT_EQ(Slots(), Expect({{0, "x0"}, {1, "named"}, {2, "x2"}}));
+  EXPECT_EQ(ArrayIds(), Expect({{6, "other"}}));
+}
+
+TEST_F(StatePersistTest, FreeZelArrayReleasesTableAndArray) {
+  st::SetAllocator(zeltest::failalloc::Alloc, zeltest::failalloc::Free);
+  Add("a");
+  Add("b");
+  Add("marked", true);
+  ASSERT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
+  Add("c");
+  ZELState_FreeZELArray(array_);
+  array_[0] = reinterpret_cast<SwitchState *>(0x1);  // nothing left to free
+  EXPECT_EQ(Slots(), Expect({}));
+  EXPECT_EQ(HostPorts(), 0u);
+  EXPECT_EQ(zeltest::failalloc::Live(), 0);
+}
+
+// The sequence of the persistent-state path: strip the marked switches, load
+// the stored state, keep the stored records of the marked switches, write the
+// result, free the leftovers.
+TEST_F(StatePersistTest, EndToEndSequenceKeepsStoredStateOfMarkedSwitches) {
+  // What the state file holds: old versions of keep and marked, and gone.
+  Add("keep");
+  Add("marked");
+  Add("gone");
+  ASSERT_EQ(ZELState_GlobalPropSet("keep", "v", "old", 4, 0), STATUS_OK);
+  ASSERT_EQ(ZELState_GlobalPropSet("marked", "v", "old", 4, 0), STATUS_OK);
+  Bytes stored = StateBlob();
+  ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
+  // The current state: new versions, marked flagged not to be persisted.
+  Add("other");
+  Add("keep");
+  Add("marked", true);
+  ASSERT_EQ(ZELState_GlobalPropSet("keep", "v", "new", 4, 0), STATUS_OK);
+  ASSERT_EQ(ZELState_GlobalPropSet("marked", "v", "new", 4, 0), STATUS_OK);
+  ASSERT_EQ(AddPort("marked", "extra"), STATUS_OK);
+
+  ASSERT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
+  ASSERT_EQ(ZELState_ConfigDeserialize(stored.data(), static_cast<uint32_t>(stored.size())),
+            STATUS_OK);
+  ZELState_UpdateGlobalSwsArray(array_, ids_);
+  Bytes result = StateBlob();
+  ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
+  ZELState_FreeZELArray(array_);
+  array_[0] = reinterpret_cast<SwitchState *>(0x1);
+  EXPECT_EQ(HostPorts(), 0u);
+
+  ASSERT_EQ(ZELState_ConfigDeserialize(result.data(), static_cast<uint32_t>(result.size())),
+            STATUS_OK);
+  EXPECT_EQ(Slots(), Expect({{0, "other"}, {1, "keep"}, {2, "marked"}}));
+  void *value = nullptr;
+  ASSERT_EQ(ZELState_GlobalPropRead(ZELState_SwitchFind("keep"), "v", &value, nullptr), STATUS_OK);
+  EXPECT_STREQ(static_cast<char *>(value), "new");
+  SwitchState *marked = ZELState_SwitchFind("marked");
+  ASSERT_EQ(ZELState_GlobalPropRead(marked, "v", &value, nullptr), STATUS_OK);
+  EXPECT_STREQ(static_cast<char *>(value), "old");
+  EXPECT_FALSE(ZELState_GlobalPropIsSet(marked, ZEL_PROP_NOPERSIST));
+  EXPECT_EQ(ZEL_NumPorts(marked), 1u) << "the stored record has no port \"extra\"";
+}
+
+}  // namespace
