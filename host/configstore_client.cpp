@@ -128,8 +128,8 @@ int CreateFile(const std::string &path) {
   return kOk;
 }
 
-// The connection, closed after the statements (members go in reverse order);
-// a transaction still open is rolled back first.
+// The connection, closed after the statements of the Store built on it (a
+// base outlives the members); a transaction still open is rolled back first.
 struct Connection {
   sqlite3 *db = nullptr;
   Connection() = default;
@@ -143,9 +143,7 @@ struct Connection {
 
 }  // namespace
 
-struct Store {
-  Connection conn;
-  sqlite3 *&db = conn.db;
+struct Store : Connection {
   Stmt get, upsert, remove, list;
 
   int Open(const std::string &path) {

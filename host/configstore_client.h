@@ -195,6 +195,8 @@ int DeleteDesired(Store *store, const char *sel1, const char *sel2, const char *
                   const char *instanceId);
 // The object's content as stored (JSON text, freed with free()).
 int ExportObjectJson(Object *object, char **json);
+// The instance id of a top-level object (freed with free()).
+int GetObjectInstanceId(Object *object, char **instanceId);
 
 // --- Test seam ---
 namespace testing {

@@ -344,6 +344,16 @@ TEST(ConfigStoreObjects, MalformedContentIsRefused) {
       R"({"l":[{"key":"a"},{"key":"a"}]})",
       R"({"l":[{"key":"a"},"b"]})",
       R"({"":1})",
+      "1",
+      R"("text")",
+      R"({"@types":1})",
+      R"({"@types":{"a":"int32"},"@types":{},"a":1})",
+      R"({"@types":{"a":{}}})",
+      R"({"a":[[1]]})",
+      R"({"a":1,"a":2})",
+      R"({"a":[true]})",
+      "{\"a\":\"\xff\"}",
+      R"({"@types":{"s":"string_base64"},"s":"*"})",
   };
   for (const char *text : bad) {
     Object *o = reinterpret_cast<Object *>(1);
@@ -366,6 +376,37 @@ TEST(ConfigStoreObjects, MalformedContentIsRefused) {
   EXPECT_EQ(cs::GetValueLong(o, "n", &n), cs::kOk);
   EXPECT_EQ(n, 12);
   EXPECT_EQ(Json(o), R"({"@types":{"n":"int64"},"b":false,"e":[],"l":["x"],"n":12,"s":"t"})");
+}
+
+// Text that is not UTF-8 cannot be a JSON string: it is kept as base64 and
+// comes back byte for byte.  Keys must be UTF-8.
+TEST(ConfigStoreObjects, NonUtf8TextKeepsItsBytes) {
+  ObjectPtr sw = NewSwitch("sw");
+  Object *o = sw.get();
+  Object *inst = nullptr;
+  ASSERT_EQ(cs::SetValueStr(o, "s", "\xff"), cs::kOk);
+  ASSERT_EQ(cs::AppendValueString(o, "l", "ok"), cs::kOk);
+  ASSERT_EQ(cs::AppendValueString(o, "l", "\xfe"), cs::kOk);
+  ASSERT_EQ(cs::SetValueStr(o, "u", "gr\xc3\xbc\xc3\x9f \"q\"\n"), cs::kOk);
+  ASSERT_EQ(cs::CreateSubObject(o, "data", "\xc0\x80", &inst), cs::kOk);  // overlong NUL
+  const std::string golden =
+      R"({"@types":{"l":"string_list_base64","s":"string_base64"},"data":[{"@types":{"key":"string_base64"},"key":"wIA="}],)"
+      R"("l":["b2s=","/g=="],"s":"/w==","u":)" "\"gr\xc3\xbc\xc3\x9f \\\"q\\\"\\n\"}";
+  EXPECT_EQ(Json(o), golden);
+  Object *copy = nullptr;
+  ASSERT_EQ(cs::CreateObject("a", "b", "c", "d", golden.c_str(), &copy), cs::kOk);
+  ObjectPtr owner(copy);
+  EXPECT_EQ(Str(copy, "s"), "\xff");
+  EXPECT_EQ(Str(copy, "u"), "gr\xc3\xbc\xc3\x9f \"q\"\n");
+  ASSERT_EQ(cs::GetSubObject(copy, "data", "\xc0\x80", &inst), cs::kOk);
+  char **arr = nullptr;
+  int n = 0;
+  ASSERT_EQ(cs::GetValueStringArray(copy, "l", &arr, &n), cs::kOk);
+  ASSERT_EQ(n, 2);
+  EXPECT_STREQ(arr[1], "\xfe");
+  cs::DestroyStringArrayValue(&arr, n);
+  EXPECT_EQ(cs::SetValueStr(o, "\xff", "x"), cs::kBadArgument);
+  EXPECT_EQ(cs::CreateSubObject(o, "\xed\xa0\x80", "", &inst), cs::kBadArgument);  // surrogate
 }
 
 TEST(ConfigStoreObjects, Base64EdgeLengths) {
