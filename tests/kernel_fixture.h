@@ -1,0 +1,199 @@
+// Shared by the tests of the kernel's property lists and the persistent
+// retrievals: an emulated kernel module installed as the device, and
+// builders of switches, ports and properties inside it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kernel/channel.h"
+#include "sim/emulated_kernel.h"
+#include "state/state_testing.h"
+#include "test_support.h"
+#include "zel/data.h"
+#include "zel/kernel.h"
+#include "zel/state.h"
+
+namespace zelkerneltest {
+
+using Bytes = std::vector<uint8_t>;
+
+struct Prop {
+  std::string name;
+  Bytes value;
+  uint32_t type = 16;
+  bool operator==(const Prop &) const = default;
+};
+using Props = std::vector<Prop>;
+
+inline Bytes Text(const std::string &s) {
+  Bytes b(s.begin(), s.end());
+  b.push_back(0);
+  return b;
+}
+inline Bytes U32(uint32_t v) {
+  Bytes b(4);
+  std::memcpy(b.data(), &v, 4);
+  return b;
+}
+
+inline void PrintTo(const Prop &p, std::ostream *os) {
+  *os << p.name << "/" << p.type << "/" << p.value.size() << "B";
+}
+
+// The entries of a list, in order.
+inline Props Entries(PropertyList *list) {
+  Props out;
+  PropertyEntry *e = nullptr;
+  while (list != nullptr && ZELData_Next(list, e, &e) == STATUS_OK) {
+    void *v = nullptr;
+    const uint32_t n = ZELData_Data(e, &v);
+    out.push_back({ZELData_Name(e), Bytes(static_cast<uint8_t *>(v), static_cast<uint8_t *>(v) + n),
+                   ZELData_PropType(e)});
+  }
+  return out;
+}
+
+inline std::vector<std::string> Names(const Props &props) {
+  std::vector<std::string> names;
+  for (const Prop &p : props) names.push_back(p.name);
+  return names;
+}
+
+inline PropertyList *MakeList(const Props &props) {
+  PropertyList *list = nullptr;
+  EXPECT_EQ(ZELData_Alloc(&list, [](uint64_t n) { return std::malloc(n); }, std::free), STATUS_OK);
+  for (const Prop &p : props) {
+    EXPECT_EQ(ZELData_Append(list, p.name.c_str(), p.value.data(),
+                             static_cast<uint32_t>(p.value.size()), p.type),
+              STATUS_OK);
+  }
+  return list;
+}
+
+inline Bytes Encode(const Props &props, uint32_t version = 7) {
+  PropertyList *list = MakeList(props);
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  EXPECT_EQ(ZELData_Serialize(list, &buffer, &length, version), STATUS_OK);
+  Bytes out(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length);
+  ZELData_FreeAssocData(list, buffer);
+  ZELData_Free(list);
+  return out;
+}
+
+inline Props Decode(const void *data, uint32_t length) {
+  PropertyList *list = nullptr;
+  EXPECT_EQ(ZELData_Deserialize(&list, data, length, [](uint64_t n) { return std::malloc(n); },
+                                std::free),
+            STATUS_OK);
+  Props out = Entries(list);
+  ZELData_Free(list);
+  return out;
+}
+inline Props Decode(const Bytes &b) { return Decode(b.data(), static_cast<uint32_t>(b.size())); }
+
+// One switch of a state blob, decoded.
+struct SwitchView {
+  std::string id;
+  uint32_t version = 0;
+  std::string className;
+  uint32_t maxPorts = 0;
+  Props global, host;
+  std::vector<std::pair<std::string, Props>> ports;  // in blob order
+};
+
+inline uint32_t AsU32(const Bytes &b) {
+  uint32_t v = 0;
+  std::memcpy(&v, b.data(), b.size() < 4 ? b.size() : 4);
+  return v;
+}
+
+inline std::vector<SwitchView> View(const void *blob, uint32_t length) {
+  std::vector<SwitchView> out;
+  for (const Prop &sw : Decode(blob, length)) {
+    SwitchView v;
+    v.id = sw.name;
+    for (const Prop &field : Decode(sw.value)) {
+      if (field.name == "switchVersion") v.version = AsU32(field.value);
+      else if (field.name == "className") v.className = reinterpret_cast<const char *>(field.value.data());
+      else if (field.name == "maxPorts") v.maxPorts = AsU32(field.value);
+      else if (field.name == "globalPropList") v.global = Decode(field.value);
+      else if (field.name == "hostPropList") v.host = Decode(field.value);
+      else v.ports.emplace_back(field.name, Decode(field.value));
+    }
+    out.push_back(std::move(v));
+  }
+  return out;
+}
+inline std::vector<SwitchView> View(const Bytes &b) {
+  return View(b.data(), static_cast<uint32_t>(b.size()));
+}
+
+inline std::vector<std::string> PortIds(const SwitchView &sw) {
+  std::vector<std::string> ids;
+  for (const auto &[id, props] : sw.ports) ids.push_back(id);
+  return ids;
+}
+
+// True when the state database holds no switch.
+inline bool DatabaseEmpty() {
+  for (int i = 0; i < ZEL_MAX_SWITCHES; ++i) {
+    if (zel::state::testing::SwitchAtSlot(i) != nullptr) return false;
+  }
+  return true;
+}
+
+// Every test drives its own emulated module through the library, with a
+// host limit of 4096 ports on both sides.
+class KernelTest : public ::testing::Test {
+ protected:
+  void SetUp() override { zel::state::testing::SetPortLimit(4096); }
+  void TearDown() override {
+    EXPECT_TRUE(DatabaseEmpty());
+    zel::state::testing::SetPortLimit(0);
+  }
+
+  static void AddSwitch(const char *sw, const char *cls = "vswitch", uint32_t version = 7,
+                        uint32_t maxPorts = 0) {
+    ASSERT_EQ(ZELPYX_SwitchAdd(sw, cls, maxPorts, version), STATUS_OK);
+  }
+  static void SetGlobal(const char *sw, const Props &props) {
+    for (const Prop &p : props) {
+      ASSERT_EQ(ZELPYX_GlobalPropSet(sw, p.name.c_str(), p.value.data(),
+                                     static_cast<uint32_t>(p.value.size()), p.type),
+                STATUS_OK)
+          << p.name;
+    }
+  }
+  static void SetHost(const char *sw, const Props &props) {
+    for (const Prop &p : props) {
+      ASSERT_EQ(ZELPYX_HostPropSet(sw, p.name.c_str(), p.value.data(),
+                                   static_cast<uint32_t>(p.value.size()), p.type),
+                STATUS_OK)
+          << p.name;
+    }
+  }
+  // A port of the given kind (normal: no kind property) with initial props.
+  static void AddPort(const char *sw, const char *port, const Props &props = {},
+                      uint32_t kind = PORT_KIND_NORMAL) {
+    Props all = props;
+    if (kind != PORT_KIND_NORMAL) all.insert(all.begin(), {ZEL_PROP_PORT_TYPE, U32(kind), 16});
+    const Bytes data = all.empty() ? Bytes{} : Encode(all);
+    ASSERT_EQ(ZELPYX_PortAdd(sw, port, data.empty() ? nullptr : data.data(),
+                             static_cast<uint32_t>(data.size())),
+              STATUS_OK)
+        << port;
+  }
+
+  zel::sim::EmulatedKernel kernel{4096};
+  zel::kernel::ScopedTransport use{&kernel};
+};
+
+}  // namespace zelkerneltest
