@@ -14,23 +14,27 @@
 
 #include "kernel/channel.h"
 #include "sim/emulated_kernel.h"
+#include "sim/state_view.h"
 #include "state/state_testing.h"
 #include "test_support.h"
 #include "zel/data.h"
 #include "zel/kernel.h"
 #include "zel/state.h"
 
+namespace zel::sim {
+// Readable failures: name, type and value length.
+inline void PrintTo(const PropView &p, std::ostream *os) {
+  *os << p.name << "/" << p.type << "/" << p.value.size() << "B";
+}
+}  // namespace zel::sim
+
 namespace zelkerneltest {
 
 using Bytes = std::vector<uint8_t>;
 
-struct Prop {
-  std::string name;
-  Bytes value;
-  uint32_t type = 16;
-  bool operator==(const Prop &) const = default;
-};
-using Props = std::vector<Prop>;
+using Prop = zel::sim::PropView;
+using Props = zel::sim::PropsView;
+using zel::sim::SwitchView;
 
 inline Bytes Text(const std::string &s) {
   Bytes b(s.begin(), s.end());
@@ -43,22 +47,7 @@ inline Bytes U32(uint32_t v) {
   return b;
 }
 
-inline void PrintTo(const Prop &p, std::ostream *os) {
-  *os << p.name << "/" << p.type << "/" << p.value.size() << "B";
-}
-
-// The entries of a list, in order.
-inline Props Entries(PropertyList *list) {
-  Props out;
-  PropertyEntry *e = nullptr;
-  while (list != nullptr && ZELData_Next(list, e, &e) == STATUS_OK) {
-    void *v = nullptr;
-    const uint32_t n = ZELData_Data(e, &v);
-    out.push_back({ZELData_Name(e), Bytes(static_cast<uint8_t *>(v), static_cast<uint8_t *>(v) + n),
-                   ZELData_PropType(e)});
-  }
-  return out;
-}
+inline Props Entries(PropertyList *list) { return zel::sim::ViewList(list); }
 
 inline std::vector<std::string> Names(const Props &props) {
   std::vector<std::string> names;
@@ -88,57 +77,15 @@ inline Bytes Encode(const Props &props, uint32_t version = 7) {
   return out;
 }
 
-inline Props Decode(const void *data, uint32_t length) {
-  PropertyList *list = nullptr;
-  EXPECT_EQ(ZELData_Deserialize(&list, data, length, [](uint64_t n) { return std::malloc(n); },
-                                std::free),
-            STATUS_OK);
-  Props out = Entries(list);
-  ZELData_Free(list);
-  return out;
-}
-inline Props Decode(const Bytes &b) { return Decode(b.data(), static_cast<uint32_t>(b.size())); }
-
-// One switch of a state blob, decoded.
-struct SwitchView {
-  std::string id;
-  uint32_t version = 0;
-  std::string className;
-  uint32_t maxPorts = 0;
-  Props global, host;
-  std::vector<std::pair<std::string, Props>> ports;  // in blob order
-};
-
-inline uint32_t AsU32(const Bytes &b) {
-  uint32_t v = 0;
-  std::memcpy(&v, b.data(), b.size() < 4 ? b.size() : 4);
-  return v;
-}
-
 inline std::vector<SwitchView> View(const void *blob, uint32_t length) {
   std::vector<SwitchView> out;
-  for (const Prop &sw : Decode(blob, length)) {
-    SwitchView v;
-    v.id = sw.name;
-    for (const Prop &field : Decode(sw.value)) {
-      if (field.name == "switchVersion") v.version = AsU32(field.value);
-      else if (field.name == "className") v.className = reinterpret_cast<const char *>(field.value.data());
-      else if (field.name == "maxPorts") v.maxPorts = AsU32(field.value);
-      else if (field.name == "globalPropList") v.global = Decode(field.value);
-      else if (field.name == "hostPropList") v.host = Decode(field.value);
-      else v.ports.emplace_back(field.name, Decode(field.value));
-    }
-    out.push_back(std::move(v));
-  }
+  EXPECT_EQ(zel::sim::ViewState(blob, length, &out), STATUS_OK);
   return out;
-}
-inline std::vector<SwitchView> View(const Bytes &b) {
-  return View(b.data(), static_cast<uint32_t>(b.size()));
 }
 
 inline std::vector<std::string> PortIds(const SwitchView &sw) {
   std::vector<std::string> ids;
-  for (const auto &[id, props] : sw.ports) ids.push_back(id);
+  for (const auto &port : sw.ports) ids.push_back(port.id);
   return ids;
 }
 
