@@ -67,8 +67,11 @@ const Bytes *Find(const Props &props, const std::string &name) {
   return nullptr;
 }
 
-class ScalarKinds : public PersistTest {
+class PersistScalar : public PersistTest {
  protected:
+  // Port p1 is an uplink in some tests; its resource pools are not looked at.
+  ScopedKinds pools_{{36}, zp::KindCase{NoSave, NoLoad}};
+
   // Saves one switch of class `cls` with the version property, a
   // "resource_management" sub-object (ports load only under one), port p1
   // and the given properties, and loads it back.
@@ -86,7 +89,7 @@ class ScalarKinds : public PersistTest {
   }
 };
 
-TEST_F(ScalarKinds, EtherswitchSavesExactContentAndLoadsBack) {
+TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
   ASSERT_EQ(Save({EtherSwitch()}), 0u);
   EXPECT_EQ(Json("sw-1"),
             R"({"@types":{"max_ports":"int32"},"is_opaque":true,"max_ports":4096,"name":"dvs-a",)"
@@ -137,7 +140,7 @@ std::vector<std::string> Names(const Props &props) {
   return names;
 }
 
-TEST_F(ScalarKinds, LoadKeepsTheRowsOfTheSwitchClass) {
+TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
   struct Case {
     const char *cls;
     std::vector<std::string> global, port;
@@ -177,7 +180,7 @@ TEST_F(ScalarKinds, LoadKeepsTheRowsOfTheSwitchClass) {
   }
 }
 
-TEST_F(ScalarKinds, SaveThenLoadNormalizesFlagsAndTexts) {
+TEST_F(PersistScalar, SaveThenLoadNormalizesFlagsAndTexts) {
   struct Case {
     int where;  // 0 global, 1 host, 2 port
     const char *name;
@@ -216,7 +219,7 @@ TEST_F(ScalarKinds, SaveThenLoadNormalizesFlagsAndTexts) {
   }
 }
 
-TEST_F(ScalarKinds, EmptyUplinkListsAreStoredDifferently) {
+TEST_F(PersistScalar, EmptyUplinkListsAreStoredDifferently) {
   RoundTrip("etherswitch", {{"com.zorlan.common.uplinkPorts", PortNames({})}},
             {{"com.zorlan.common.host.uplinkPorts", PortIds({})}});
   const std::string json = Json("sw-rt");
@@ -224,7 +227,7 @@ TEST_F(ScalarKinds, EmptyUplinkListsAreStoredDifferently) {
   EXPECT_EQ(json.find("uplink_port_names"), std::string::npos) << json;
 }
 
-TEST_F(ScalarKinds, VersionCodeComesBackFromTextAndQorFlag) {
+TEST_F(PersistScalar, VersionCodeComesBackFromTextAndQorFlag) {
   struct Case {
     uint32_t code;
     const char *qor;  // host "com.zorlan.common.portset.qor", or null
@@ -251,7 +254,7 @@ TEST_F(ScalarKinds, VersionCodeComesBackFromTextAndQorFlag) {
   }
 }
 
-TEST_F(ScalarKinds, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
+TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
   const std::string before = Dump();
   zelconfigstore_debug = 0;
   SwitchSpec s;
@@ -285,7 +288,7 @@ TEST_F(ScalarKinds, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
   EXPECT_NE(json.find(R"("uplink_port_keys":["k1","k2"])"), std::string::npos) << json;
 }
 
-TEST_F(ScalarKinds, LoadedListNamesAreCutToTheirSlot) {
+TEST_F(PersistScalar, LoadedListNamesAreCutToTheirSlot) {
   const std::string key(60, 'k'), name(100, 'n');
   const std::string content = R"({"uuid":"sw-c","max_ports":8,"product":{"forwarding_class":"x",)"
                               R"("version":"6.5.0"},"uplink_port_keys":[")" +
@@ -300,7 +303,7 @@ TEST_F(ScalarKinds, LoadedListNamesAreCutToTheirSlot) {
             NameList({name.substr(0, 80)}, 81, 1));
 }
 
-TEST_F(ScalarKinds, UnparsableAddressFailsTheLoad) {
+TEST_F(PersistScalar, UnparsableAddressFailsTheLoad) {
   Put("sw-a", R"({"uuid":"sw-a","max_ports":8,"switch_address":"192.168.1",)"
               R"("product":{"forwarding_class":"x","version":"7.0.0"}})");
   zelconfigstore_debug = 0;
