@@ -8,113 +8,59 @@ using namespace persisttest;
 
 namespace {
 
-struct Row {
-  const char *name;
-  const char *path;  // components joined with "/"
-  uint32_t kind;
-};
-
-const std::vector<Row> kGlobal = {
-    {"com.zorlan.common.alias", "name", 1},
-    {"com.zorlan.common.version", "product/version", 15},
-    {"com.zorlan.common.portset.mtu", "settings/max_mtu", 21},
-    {"com.zorlan.vswitch.mtu", "settings/max_mtu", 21},
-    {"com.zorlan.etherswitch.mtu", "settings/max_mtu", 21},
-    {"com.zorlan.common.opaqueZel", "is_opaque", 4},
-    {"com.zorlan.common.uplinkPorts", "uplink_port_names", 20},
-    {"com.zorlan.etherswitch.lacp", "settings/lacp_groups", 16},
-    {"com.zorlan.etherswitch.ipv4addr", "switch_address", 5},
-    {"com.zorlan.etherswitch.beaconTimeout", "settings/beacon", 2},
-    {"com.zorlan.etherswitch.pvlanMap", "settings/pvlans", 6},
-    {"com.zorlan.vswitch.pvlanMap", "settings/pvlans", 7},
-    {"com.zorlan.etherswitch.cdp", "settings/link_discovery_protocol", 8},
-    {"com.zorlan.etherswitch.mirrorSessions", "settings/vspans", 9},
-    {"com.zorlan.vswitch.mirrorSessions", "settings/vspans", 9},
-    {"com.zorlan.etherswitch.ipfix", "settings/ipfix", 10},
-    {"com.zorlan.etherswitch.multicastFilter", "settings/multicast_filtering_mode", 1},
-    {"com.zorlan.vswitch.multicastFilter", "settings/multicast_filtering_mode", 1},
-    {"com.zorlan.etherswitch.multicastFilter", "settings/multicast_filtering_mode", 1},
-    {"com.zorlan.common.vlanmtucheck.deploy", "health_checks", 11},
-    {"com.zorlan.common.teamcheck.deploy", "health_checks", 11},
-    {"com.zorlan.common.respools.cfg", "resource_management/traffic_resources", 12},
-    {"com.zorlan.common.respools.list", "resource_management/network_resource_pool_keys", 13},
-    {"com.zorlan.common.respools.sched", "resource_management/enable", 3},
-    {"com.zorlan.common.respools.version",
-     "resource_management/network_resource_control_version", 1},
-    {"com.zorlan.common.resv.threshold",
-     "resource_management/pnic_capacity_ratio_for_reservation", 0},
-    {"com.zorlan.vswitch.teaming", "settings/uplink_teaming_policy", 18},
-    {"DEFAULT", "data", 22},
-};
-
-const std::vector<Row> kHost = {
-    {"com.zorlan.common.host.portset", "portset_name", 1},
-    {"com.zorlan.common.host.uplinkPorts", "uplink_port_keys", 14},
-    {"com.zorlan.common.portset.qor", "qor_enabled", 19},
-    {"DEFAULT", "data", 22},
-};
-
-const std::vector<Row> kPort = {
-    {"com.zorlan.common.port.alias", "name", 1},
-    {"com.zorlan.common.port.connectid", "connection_cookie", 0},
-    {"com.zorlan.common.port.block", "settings/blocked", 31},
-    {"com.zorlan.common.port.ptAllowed", "settings/ferrox_gen2_allowed", 32},
-    {"com.zorlan.etherswitch.port.txUplink", "settings/tx_uplink", 23},
-    {"com.zorlan.vswitch.port.txUplink", "settings/tx_uplink", 23},
-    {"com.zorlan.common.port.portgroupid", "port_group_key", 1},
-    {"com.zorlan.etherswitch.port.teaming", "settings/uplink_teaming_policy", 17},
-    {"com.zorlan.vswitch.port.teaming.policy", "settings/uplink_teaming_policy", 18},
-    {"com.zorlan.etherswitch.port.vlan", "settings/vlan", 24},
-    {"com.zorlan.vswitch.port.vlan", "settings/vlan", 25},
-    {"com.zorlan.etherswitch.port.ipfix", "settings/ipfix_enabled", 34},
-    {"com.zorlan.common.port.shaper.input", "settings/in_shaping_policy", 26},
-    {"com.zorlan.common.port.shaper.output", "settings/out_shaping_policy", 26},
-    {"com.zorlan.etherswitch.port.security", "settings/mac_management_policy", 27},
-    {"com.zorlan.vswitch.port.security", "settings/mac_management_policy", 28},
-    {"com.zorlan.common.port.dvfilter", "settings/filter_policy", 29},
-    {"com.zorlan.common.port.respools.cfg", "settings/network_resource_pools", 36},
-    {"com.zorlan.common.port.backingType", "settings/backing_type", 1},
-    {"com.zorlan.vswitch.port.priority", "settings/vlan/priority", 0},
-    {"com.zorlan.vswitch.port.mirrorSessions", "vspans", 9},
-    {"com.zorlan.etherswitch.port.mirrorSessions", "vspans", 9},
-    {"com.zorlan.etherswitch.port.lacp", "settings/lacp_policy", 35},
-    {"DEFAULT", "data", 33},
-};
-
 bool AllZero(const char *field) {
   for (size_t i = 0; i < ZEL_CONFIG_PATH_SIZE; ++i)
     if (field[i] != 0) return false;
   return true;
 }
 
-void ExpectTable(const PropToConfigEntry *table, const std::vector<Row> &rows) {
-  for (size_t i = 0; i < rows.size(); ++i) {
-    SCOPED_TRACE(i);
+std::string Path(const PropToConfigEntry &e) {
+  std::string path;
+  for (uint32_t c = 0; c < e.depth; ++c) path += (c > 0 ? "/" : "") + std::string(e.path[c]);
+  return path;
+}
+
+// Checks the shape of a table (named rows of depth 1 to 3 with zero bytes
+// past their depth and flags 16, the catch-all "DEFAULT" last, then the
+// terminator) and returns its kinds in row order.
+std::string Kinds(const PropToConfigEntry *table, size_t named, uint32_t catchAll) {
+  std::string kinds;
+  for (size_t i = 0; i < named; ++i) {
     const PropToConfigEntry &e = table[i];
-    ASSERT_NE(e.name, nullptr);
-    EXPECT_STREQ(e.name, rows[i].name);
-    std::string path;
-    for (uint32_t c = 0; c < e.depth; ++c) path += (c > 0 ? "/" : "") + std::string(e.path[c]);
-    EXPECT_EQ(path, rows[i].path);
+    EXPECT_NE(e.name, nullptr) << i;
+    EXPECT_GE(e.depth, 1u) << i;
+    EXPECT_LE(e.depth, 3u) << i;
     for (uint32_t c = e.depth; c < ZEL_CONFIG_PATH_COMPONENTS; ++c) EXPECT_TRUE(AllZero(e.path[c]));
-    EXPECT_EQ(e.kind, rows[i].kind);
-    EXPECT_EQ(e.flags, 16u);
+    EXPECT_EQ(e.flags, 16u) << i;
+    kinds += (i > 0 ? " " : "") + std::to_string(e.kind);
   }
-  const PropToConfigEntry &end = table[rows.size()];
+  EXPECT_STREQ(table[named - 1].name, "DEFAULT");
+  EXPECT_EQ(Path(table[named - 1]), "data");
+  EXPECT_EQ(table[named - 1].kind, catchAll);
+  const PropToConfigEntry &end = table[named];
   EXPECT_EQ(end.name, nullptr);
   for (const auto &component : end.path) EXPECT_TRUE(AllZero(component));
   EXPECT_EQ(end.depth, 0u);
   EXPECT_EQ(end.kind, 37u);
   EXPECT_EQ(end.flags, 0u);
+  return kinds;
 }
 
-TEST(PersistMapping, TablesHoldEveryRowAndTheirTerminators) {
+TEST(PersistMapping, TablesAreWellFormed) {
   static_assert(sizeof zelGlobalProp2Config / sizeof zelGlobalProp2Config[0] == 29);
   static_assert(sizeof zelHostProp2Config / sizeof zelHostProp2Config[0] == 5);
   static_assert(sizeof zelPortProp2Config / sizeof zelPortProp2Config[0] == 25);
-  ExpectTable(zelGlobalProp2Config, kGlobal);
-  ExpectTable(zelHostProp2Config, kHost);
-  ExpectTable(zelPortProp2Config, kPort);
+  EXPECT_EQ(Kinds(zelGlobalProp2Config, 28, 22),
+            "1 15 21 21 21 4 20 16 5 2 6 7 8 9 9 10 1 1 1 11 11 12 13 3 1 0 18 22");
+  EXPECT_EQ(Kinds(zelHostProp2Config, 4, 22), "1 14 19 22");
+  EXPECT_EQ(Kinds(zelPortProp2Config, 24, 33),
+            "1 0 31 32 23 23 1 17 18 24 25 34 26 26 27 28 29 36 1 0 9 9 35 33");
+  // Rows the other checks do not reach.
+  EXPECT_STREQ(zelGlobalProp2Config[18].name, zelGlobalProp2Config[16].name);
+  EXPECT_EQ(Path(zelGlobalProp2Config[22]), "resource_management/network_resource_pool_keys");
+  EXPECT_EQ(Path(zelGlobalProp2Config[10]), "settings/pvlans");
+  EXPECT_EQ(Path(zelPortProp2Config[17]), "settings/network_resource_pools");
+  EXPECT_EQ(Path(zelPortProp2Config[21]), "vspans");
   EXPECT_EQ(zelConfigMaps[0], zelGlobalProp2Config);
   EXPECT_EQ(zelConfigMaps[1], zelHostProp2Config);
   EXPECT_EQ(zelConfigMaps[2], zelPortProp2Config);
