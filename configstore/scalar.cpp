@@ -134,8 +134,6 @@ uint32_t SaveUint32(const SaveArgs &a) {
   return ReadU32(a, &v) ? Status(cs::SetValueUint32(a.parent, a.key, v)) : kFailure;
 }
 
-uint32_t LoadUint32(const LoadArgs &a) { return LoadUint32Prop(a); }
-
 uint32_t SaveString(const SaveArgs &a) {
   return Status(cs::SetValueStr(a.parent, a.key, ValueText(a).c_str()));
 }
@@ -179,29 +177,28 @@ uint32_t SaveFlagByte(const SaveArgs &a) {
   return Status(cs::SetValueBool(a.parent, a.key, a.value[0] != 0));
 }
 
-// Reads a bool; *found is false when nothing is stored.
-uint32_t ReadBool(const LoadArgs &a, bool *found, bool *value) {
+// Reads the bool under the key and hands it to `add`; nothing stored adds
+// nothing.
+template <typename AddFn>
+uint32_t WithStoredBool(const LoadArgs &a, AddFn add) {
   uint8_t v = 0;
   const int status = cs::GetValueBool(a.parent, a.key, &v);
-  *found = status == cs::kOk;
-  *value = v != 0;
-  return status == cs::kOk || Absent(status) ? 0 : Status(status);
+  if (status != cs::kOk) {
+    return Absent(status) ? 0 : Status(status);
+  }
+  return add(v != 0);
 }
 
 uint32_t LoadFlagByte(const LoadArgs &a) {
-  bool found = false, value = false;
-  if (uint32_t status = ReadBool(a, &found, &value); status != 0 || !found) {
-    return status;
-  }
-  const uint8_t byte = value ? 1 : 0;
-  return Add(a, &byte, sizeof byte);
+  return WithStoredBool(a, [&a](bool value) {
+    const uint8_t byte = value ? 1 : 0;
+    return Add(a, &byte, sizeof byte);
+  });
 }
 
 uint32_t SaveTrueText(const SaveArgs &a) {
   return Status(cs::SetValueBool(a.parent, a.key, TextIs(a, "true")));
 }
-
-uint32_t LoadTrueText(const LoadArgs &a) { return LoadBoolAsText(a); }
 
 uint32_t SaveIpv4(const SaveArgs &a) {
   uint32_t raw = 0;
@@ -313,11 +310,7 @@ uint32_t LoadTxUplink(const LoadArgs &a) {
   if (std::strcmp(a.name, kVswitchTxUplink) == 0 && currentSwitchClass == kClassOther) {
     return 0;
   }
-  bool found = false, value = false;
-  if (uint32_t status = ReadBool(a, &found, &value); status != 0 || !found) {
-    return status;
-  }
-  return AddText(a, value ? "always" : "normal");
+  return WithStoredBool(a, [&a](bool value) { return AddText(a, value ? "always" : "normal"); });
 }
 
 uint32_t SavePassthrough(const SaveArgs &a) {
@@ -326,12 +319,10 @@ uint32_t SavePassthrough(const SaveArgs &a) {
 }
 
 uint32_t LoadPassthrough(const LoadArgs &a) {
-  bool found = false, value = false;
-  if (uint32_t status = ReadBool(a, &found, &value); status != 0 || !found) {
-    return status;
-  }
-  const uint32_t v = value ? 2 : 0;
-  return Add(a, &v, sizeof v);
+  return WithStoredBool(a, [&a](bool value) {
+    const uint32_t v = value ? 2 : 0;
+    return Add(a, &v, sizeof v);
+  });
 }
 
 uint32_t SaveIpfixEnabled(const SaveArgs &a) {
@@ -339,11 +330,8 @@ uint32_t SaveIpfixEnabled(const SaveArgs &a) {
 }
 
 uint32_t LoadIpfixEnabled(const LoadArgs &a) {
-  bool found = false, value = false;
-  if (uint32_t status = ReadBool(a, &found, &value); status != 0 || !found || !value) {
-    return status;
-  }
-  return AddText(a, "enabled");
+  // A stored false gives no property.
+  return WithStoredBool(a, [&a](bool value) { return value ? AddText(a, "enabled") : 0u; });
 }
 
 }  // namespace
@@ -358,27 +346,23 @@ uint32_t LoadUint32Prop(const LoadArgs &a) {
 }
 
 uint32_t LoadBoolAsText(const LoadArgs &a) {
-  bool found = false, value = false;
-  if (uint32_t status = ReadBool(a, &found, &value); status != 0 || !found) {
-    return status;
-  }
-  return AddText(a, value ? "true" : "false");
+  return WithStoredBool(a, [&a](bool value) { return AddText(a, value ? "true" : "false"); });
 }
 
 void RegisterScalarKinds(KindTable &table) {
-  table.Add(kKindUint32, SaveUint32, LoadUint32);
+  table.Add(kKindUint32, SaveUint32, LoadUint32Prop);
   table.Add(kKindString, SaveString, LoadString);
   table.Add(kKindInt32, SaveInt32, LoadInt32);
   table.Add(kKindFlagByte, SaveFlagByte, LoadFlagByte);
-  table.Add(kKindTextBool, SaveTrueText, LoadTrueText);
+  table.Add(kKindTextBool, SaveTrueText, LoadBoolAsText);
   table.Add(kKindIpv4, SaveIpv4, LoadIpv4);
   table.Add(kKindUplinkPortKeys, SaveUplinkPortKeys, LoadUplinkPortKeys);
   table.Add(kKindVersion, SaveVersion, LoadVersion);
-  table.Add(kKindQorFlag, SaveTrueText, LoadTrueText);
+  table.Add(kKindQorFlag, SaveTrueText, LoadBoolAsText);
   table.Add(kKindUplinkPortNames, SaveUplinkPortNames, LoadUplinkPortNames);
   table.Add(kKindMtu, SaveUint32, LoadMtu);
   table.Add(kKindTxUplink, SaveTxUplink, LoadTxUplink);
-  table.Add(kKindPortBlocked, SaveTrueText, LoadTrueText);
+  table.Add(kKindPortBlocked, SaveTrueText, LoadBoolAsText);
   table.Add(kKindPassthrough, SavePassthrough, LoadPassthrough);
   table.Add(kKindIpfixEnabled, SaveIpfixEnabled, LoadIpfixEnabled);
 }
