@@ -72,7 +72,7 @@ class WithoutKinds : public ScopedKinds {
 };
 
 // A switch of the state database to be saved.
-struct SwitchSpec {
+struct SwitchDef {
   std::string id;
   std::string cls = "etherswitch";
   uint32_t version = 7;
@@ -171,8 +171,8 @@ class PersistTest : public zelstatetest::StateTest {
 
   // Builds the switches in the state database and returns them as a state
   // blob, leaving the database empty.
-  static Bytes Blob(const std::vector<SwitchSpec> &switches) {
-    for (const SwitchSpec &s : switches) {
+  static Bytes Blob(const std::vector<SwitchDef> &switches) {
+    for (const SwitchDef &s : switches) {
       EXPECT_EQ(ZELState_SwitchAdd(s.id.c_str(), s.cls.c_str(), s.maxPorts, s.version), STATUS_OK);
       for (const auto &[name, value] : s.global)
         EXPECT_EQ(ZELState_GlobalPropSet(s.id.c_str(), name.c_str(), value.data(),
@@ -196,7 +196,7 @@ class PersistTest : public zelstatetest::StateTest {
     return ZELState_SaveBufToConfigStore_ByInstance(blob.data(), static_cast<uint32_t>(blob.size()),
                                                     switchId);
   }
-  static uint32_t Save(const std::vector<SwitchSpec> &switches, const char *switchId = nullptr) {
+  static uint32_t Save(const std::vector<SwitchDef> &switches, const char *switchId = nullptr) {
     return Save(Blob(switches), switchId);
   }
 

@@ -11,8 +11,8 @@ using Op = cs::testing::Op;
 
 namespace {
 
-SwitchSpec Switch(const std::string &id, const std::string &alias) {
-  SwitchSpec s;
+SwitchDef Switch(const std::string &id, const std::string &alias) {
+  SwitchDef s;
   s.id = id;
   s.global = {{"com.zorlan.common.alias", Text(alias)}, {"com.zorlan.common.version", U32(6)}};
   return s;
@@ -45,7 +45,7 @@ TEST_F(PersistSave, StaleSwitchObjectsAreDeleted) {
   EXPECT_EQ(Json("A"), Minimal("A", "a1"));
 
   // A blob without switches clears every switch object that carries its id.
-  ASSERT_EQ(Save(std::vector<SwitchSpec>{}), 0u);
+  ASSERT_EQ(Save(std::vector<SwitchDef>{}), 0u);
   EXPECT_EQ(Json("A"), "");
   EXPECT_EQ(Json("old-1"), "{}");
   EXPECT_TRUE(DatabaseEmpty());
@@ -77,7 +77,7 @@ TEST_F(PersistSave, AFailingPropertyCancelsTheWholeSave) {
 
   // A is rewritten and Z is stale, but B fails: nothing of it reaches the
   // store, and C (after B) is not attempted.
-  SwitchSpec b = Switch("B", "b1");
+  SwitchDef b = Switch("B", "b1");
   b.global.emplace_back("com.zorlan.etherswitch.lacp", U32(0));  // a kind not in place
   zelconfigstore_debug = 1;
   std::string out = zeltest::CaptureStdout(
@@ -92,12 +92,12 @@ TEST_F(PersistSave, AFailingPropertyCancelsTheWholeSave) {
 
   // Unlisted names fall to the catch-all rows, whose kinds are not in place.
   zelconfigstore_debug = 0;
-  SwitchSpec vendor = Switch("A", "a2");
+  SwitchDef vendor = Switch("A", "a2");
   vendor.global.emplace_back("com.vendor.opaque", Text("x"));
   out = zeltest::CaptureStdout([&] { EXPECT_EQ(Save({vendor}), kFail); });
   EXPECT_EQ(out, "Unknow prop type: 22\nSet prop: com.vendor.opaque failed\n"
                  "Failed to save zel: A to configstore\nFailed to save zel to configstore");
-  SwitchSpec port = Switch("A", "a2");
+  SwitchDef port = Switch("A", "a2");
   port.ports = {{"p1", {{"com.vendor.port.opaque", Text("x")}}}};
   out = zeltest::CaptureStdout([&] { EXPECT_EQ(Save({port}), kFail); });
   EXPECT_EQ(out.substr(0, 25), "Unknow prop type: 33\nSet ");
@@ -110,7 +110,7 @@ TEST_F(PersistSave, AFailingPropertyCancelsTheWholeSave) {
   cs::testing::FailNext(Op::kCommitTransaction, cs::kBusy);
   EXPECT_EQ(Save(blob), 8u);
   cs::testing::FailNext(Op::kSetValueUint32, cs::kBusy);
-  SwitchSpec mtu = Switch("A", "a3");
+  SwitchDef mtu = Switch("A", "a3");
   mtu.global.emplace_back("com.zorlan.common.portset.mtu", U32(1500));
   EXPECT_EQ(Save({mtu}), 8u);
   cs::testing::FailNext(Op::kCreateSubObject, cs::kNoMemory);
@@ -128,7 +128,7 @@ TEST_F(PersistSave, SwitchObjectIsRewrittenWhole) {
            R"("ports":[{"key":"old-port"}],"uplink_ports":[{"key":"u"}],)"
            R"("pyxnic_ports":[{"key":"n"}],"vtep_ports":[{"key":"v"}],)"
            R"("health_checks":[{"key":"h"}]})");
-  SwitchSpec a = Switch("A", "a1");
+  SwitchDef a = Switch("A", "a1");
   a.ports = {{"p1", {{"com.zorlan.common.port.alias", Text("nic")}}}};
   ASSERT_EQ(Save({a}), 0u);
   // Only keys outside the reset lists survive.
@@ -143,7 +143,7 @@ TEST_F(PersistSave, OnlyPropertiesWithBit8Or16AreSaved) {
   // that would fall to the catch-all row are passed over.
   for (uint32_t type : {4u, 32u, 36u}) {
     SCOPED_TRACE(type);
-    SwitchSpec a = Switch("A", "a1");
+    SwitchDef a = Switch("A", "a1");
     a.type = type;
     a.host = {{"com.zorlan.common.host.portset", Text("ps")}, {"com.vendor.x", Text("x")}};
     a.ports = {{"p1", {{"com.zorlan.common.port.alias", Text("nic")}}}};
@@ -153,7 +153,7 @@ TEST_F(PersistSave, OnlyPropertiesWithBit8Or16AreSaved) {
                          R"("uuid":"A"})");
   }
   for (uint32_t type : {8u, 24u}) {
-    SwitchSpec a = Switch("A", "a1");
+    SwitchDef a = Switch("A", "a1");
     a.type = type;
     ASSERT_EQ(Save({a}), 0u);
     EXPECT_EQ(Json("A"), Minimal("A", "a1")) << type;
@@ -197,7 +197,7 @@ TEST_F(PersistSave, StateDatabaseIsEmptiedAndBadBlobsNeverReachTheStore) {
 }
 
 TEST_F(PersistSave, TracesAndSystemLogLines) {
-  SwitchSpec a = Switch("A", "a1");
+  SwitchDef a = Switch("A", "a1");
   a.host = {{"com.zorlan.common.host.portset", Text("ps")}};
   a.ports = {{"p1", {{"com.zorlan.common.port.alias", Text("nic")}}}};
   const Bytes blob = Blob({a});

@@ -23,8 +23,8 @@ Bytes PortIds(const std::vector<std::string> &names) { return NameList(names, 48
 Bytes PortNames(const std::vector<std::string> &names) { return NameList(names, 81, names.size()); }
 Bytes I32(int32_t v) { return U32(static_cast<uint32_t>(v)); }
 
-SwitchSpec EtherSwitch() {
-  SwitchSpec s;
+SwitchDef EtherSwitch() {
+  SwitchDef s;
   s.id = "sw-1";
   s.global = {
       {"com.zorlan.common.alias", Text("dvs-a")},
@@ -76,7 +76,7 @@ class PersistScalar : public PersistTest {
   // "resource_management" sub-object (ports load only under one), port p1
   // and the given properties, and loads it back.
   Loaded RoundTrip(const std::string &cls, Props global, Props host = {}, Props port = {}) {
-    SwitchSpec s;
+    SwitchDef s;
     s.id = "sw-rt";
     s.cls = cls;
     s.global = {{"com.zorlan.common.version", U32(7)},
@@ -230,7 +230,7 @@ TEST_F(PersistScalar, VersionCodeComesBackFromTextAndQorFlag) {
   };
   for (const Case &c : cases) {
     SCOPED_TRACE(c.code);
-    SwitchSpec s;
+    SwitchDef s;
     s.id = "sw-v";
     s.version = c.code;
     s.global = {{"com.zorlan.common.version", U32(c.code)}};
@@ -247,7 +247,7 @@ TEST_F(PersistScalar, VersionCodeComesBackFromTextAndQorFlag) {
 TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
   const std::string before = Dump();
   zelconfigstore_debug = 0;
-  SwitchSpec s;
+  SwitchDef s;
   s.id = "sw-m";
   s.global = {{"com.zorlan.common.version", U32(8)}};
   std::string out = zeltest::CaptureStdout([&] { EXPECT_EQ(Save({s}), kFail); });
