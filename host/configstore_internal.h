@@ -37,16 +37,30 @@ inline bool IsInteger(Kind k) {
   return k == Kind::kInt32 || k == Kind::kUint32 || k == Kind::kUint16 || k == Kind::kInt64;
 }
 
+// The contents of a list member, allocated only for lists.
+struct Lists {
+  std::vector<std::string> strings;                 // kStringList
+  std::vector<int64_t> ints;                        // kIntList
+  std::vector<std::unique_ptr<Object>> items;       // kSubObjectList, in order
+  std::unordered_map<std::string, Object *> index;  // items by instance id
+};
+
 // What one key of an object holds.  Only the fields of its kind are used.
 struct Member {
   Kind kind = Kind::kString;
-  int64_t number = 0;                          // integers and bool
-  std::string text;                            // string, binary bytes
-  std::vector<std::string> strings;            // kStringList
-  std::vector<int64_t> ints;                   // kIntList
-  std::unique_ptr<Object> child;               // kSubObject
-  std::vector<std::unique_ptr<Object>> items;  // kSubObjectList, in order
-  std::unordered_map<std::string, Object *> index;  // items by instance id
+  int64_t number = 0;             // integers and bool
+  std::string text;               // string, binary bytes
+  std::unique_ptr<Object> child;  // kSubObject
+  std::unique_ptr<Lists> lists;   // list kinds (may be null while empty)
+
+  Lists &L() {
+    if (!lists) lists = std::make_unique<Lists>();
+    return *lists;
+  }
+  const Lists &L() const {
+    static const Lists kNone;
+    return lists ? *lists : kNone;
+  }
 };
 
 // Addressing and bookkeeping of a top-level object.
@@ -83,6 +97,9 @@ struct Filter {
 // not a valid object; nothing is added on failure.
 int ParseContent(std::string_view text, Object &node);
 std::string SerializeContent(const Object &node);
+
+// Strict UTF-8 (no overlong forms, surrogates or values above U+10FFFF).
+bool ValidUtf8(std::string_view s);
 
 std::string Base64Encode(std::string_view bytes);
 // False for text that is not padded standard base64.

@@ -1,214 +1,402 @@
 // The JSON form of configuration-store objects, and base64 for binary values.
+//
+// Reading goes through the event (SAX) parser of nlohmann-json straight into
+// the object tree; writing emits the text directly.  Both keep "@types" as
+// the record of the types that JSON cannot show (see configstore_client.h).
+// Text that is not valid UTF-8 cannot be a JSON string: such a string value
+// (or list of strings) is written as base64 and tagged "string_base64"
+// ("string_list_base64"), so any bytes come back exactly.
+#include <charconv>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "host/configstore_internal.h"
 
 namespace zel::cfgstore {
 
-using nlohmann::json;
-
 namespace {
 
-constexpr const char *kTypesKey = "@types";
+constexpr std::string_view kTypesKey = "@types";
 
-const char *IntegerTag(Kind k) {
-  switch (k) {
+// ---------------------------------------------------------------- writing
+
+void WriteString(std::string &out, std::string_view s) {
+  static constexpr char kHex[] = "0123456789abcdef";
+  out += '"';
+  for (char ch : s) {
+    auto c = static_cast<unsigned char>(ch);
+    switch (c) {
+      case '"': out += "\\\""; break;
+      case '\\': out += "\\\\"; break;
+      case '\b': out += "\\b"; break;
+      case '\f': out += "\\f"; break;
+      case '\n': out += "\\n"; break;
+      case '\r': out += "\\r"; break;
+      case '\t': out += "\\t"; break;
+      default:
+        if (c < 0x20) {
+          out += "\\u00";
+          out += kHex[c >> 4];
+          out += kHex[c & 15];
+        } else {
+          out += ch;
+        }
+    }
+  }
+  out += '"';
+}
+
+void WriteNumber(std::string &out, int64_t n) {
+  char buf[24];
+  auto r = std::to_chars(buf, buf + sizeof buf, n);
+  out.append(buf, r.ptr);
+}
+
+const char *Tag(const Member &m) {
+  switch (m.kind) {
     case Kind::kInt32: return "int32";
     case Kind::kUint32: return "uint32";
     case Kind::kUint16: return "uint16";
-    default: return "int64";
+    case Kind::kInt64: return "int64";
+    case Kind::kBinary: return "binary";
+    case Kind::kString: return ValidUtf8(m.text) ? nullptr : "string_base64";
+    case Kind::kStringList:
+      for (const auto &s : m.L().strings)
+        if (!ValidUtf8(s)) return "string_list_base64";
+      return nullptr;
+    default: return nullptr;
   }
 }
 
-json ToJson(const Object &node) {
-  json out = json::object();
-  json types = json::object();
+void WriteObject(std::string &out, const Object &node) {
+  out += '{';
+  bool first = true;
+  auto comma = [&] {
+    if (!first) out += ',';
+    first = false;
+  };
+  bool anyTag = false;
   for (const auto &[key, m] : node.members) {
+    const char *tag = Tag(m);
+    if (tag == nullptr) continue;
+    if (!anyTag) {
+      WriteString(out, kTypesKey);
+      out += ":{";
+      anyTag = true;
+    } else {
+      out += ',';
+    }
+    WriteString(out, key);
+    out += ':';
+    WriteString(out, tag);
+  }
+  if (anyTag) {
+    out += '}';
+    first = false;
+  }
+  for (const auto &[key, m] : node.members) {
+    comma();
+    WriteString(out, key);
+    out += ':';
     switch (m.kind) {
-      case Kind::kString: out[key] = m.text; break;
+      case Kind::kString:
+        WriteString(out, ValidUtf8(m.text) ? m.text : Base64Encode(m.text));
+        break;
       case Kind::kInt32:
       case Kind::kUint32:
       case Kind::kUint16:
-      case Kind::kInt64:
-        out[key] = m.number;
-        types[key] = IntegerTag(m.kind);
-        break;
-      case Kind::kBool: out[key] = m.number != 0; break;
-      case Kind::kBinary:
-        out[key] = Base64Encode(m.text);
-        types[key] = "binary";
-        break;
-      case Kind::kEmptyList: out[key] = json::array(); break;
-      case Kind::kStringList: out[key] = m.strings; break;
-      case Kind::kIntList: out[key] = m.ints; break;
-      case Kind::kSubObject: out[key] = ToJson(*m.child); break;
-      case Kind::kSubObjectList: {
-        json arr = json::array();
-        for (const auto &item : m.items) arr.push_back(ToJson(*item));
-        out[key] = std::move(arr);
+      case Kind::kInt64: WriteNumber(out, m.number); break;
+      case Kind::kBool: out += m.number != 0 ? "true" : "false"; break;
+      case Kind::kBinary: WriteString(out, Base64Encode(m.text)); break;
+      case Kind::kEmptyList: out += "[]"; break;
+      case Kind::kStringList: {
+        bool plain = Tag(m) == nullptr;
+        out += '[';
+        for (size_t i = 0; i < m.L().strings.size(); ++i) {
+          if (i > 0) out += ',';
+          WriteString(out, plain ? m.L().strings[i] : Base64Encode(m.L().strings[i]));
+        }
+        out += ']';
         break;
       }
+      case Kind::kIntList:
+        out += '[';
+        for (size_t i = 0; i < m.L().ints.size(); ++i) {
+          if (i > 0) out += ',';
+          WriteNumber(out, m.L().ints[i]);
+        }
+        out += ']';
+        break;
+      case Kind::kSubObject: WriteObject(out, *m.child); break;
+      case Kind::kSubObjectList:
+        out += '[';
+        for (size_t i = 0; i < m.L().items.size(); ++i) {
+          if (i > 0) out += ',';
+          WriteObject(out, *m.L().items[i]);
+        }
+        out += ']';
+        break;
     }
   }
-  if (!types.empty()) out[kTypesKey] = std::move(types);
-  return out;
+  out += '}';
 }
 
-bool FitsInt64(const json &v, int64_t &out) {
-  if (v.is_number_integer() && !v.is_number_unsigned()) {
-    out = v.get<int64_t>();
-    return true;
-  }
-  if (v.is_number_unsigned()) {
-    uint64_t u = v.get<uint64_t>();
-    if (u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return false;
-    out = static_cast<int64_t>(u);
-    return true;
-  }
-  return false;
-}
+// ---------------------------------------------------------------- reading
 
-class Parser {
+using json = nlohmann::json;
+
+// Builds the tree from parser events.  Values arrive with their JSON kind
+// (integers as int64); an object's "@types" is applied when the object ends.
+// Any event that cannot belong to a valid object stops the parse.
+class Builder : public nlohmann::json_sax<json> {
  public:
-  // Fills `node` from the JSON object `j`; kCorrupt when anything is off.
-  int Fill(const json &j, Object &node) {
-    if (!j.is_object() || node.depth > kMaxDepth) return kCorrupt;
-    const json *types = nullptr;
-    if (auto it = j.find(kTypesKey); it != j.end()) {
-      if (!it->is_object()) return kCorrupt;
-      for (const auto &t : *it)
-        if (!t.is_string()) return kCorrupt;
-      types = &*it;
+  explicit Builder(Object &root) : root_(root) {}
+
+  bool null() override { return false; }
+  bool boolean(bool v) override {
+    Member *m = NewValue();
+    if (m == nullptr) return false;
+    m->kind = Kind::kBool;
+    m->number = v ? 1 : 0;
+    return true;
+  }
+  bool number_integer(number_integer_t v) override { return Integer(v); }
+  bool number_unsigned(number_unsigned_t v) override {
+    if (v > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return false;
+    return Integer(static_cast<int64_t>(v));
+  }
+  bool number_float(number_float_t, const string_t &) override { return false; }
+  bool binary(binary_t &) override { return false; }
+
+  bool string(string_t &v) override {
+    if (frames_.empty()) return false;
+    Frame &f = frames_.back();
+    if (f.inTypes) {
+      f.tags.emplace_back(std::move(pendingKey_), std::move(v));
+      return true;
     }
-    for (auto it = j.begin(); it != j.end(); ++it) {
-      const std::string &key = it.key();
-      if (key == kTypesKey) continue;
-      if (key.empty()) return kCorrupt;
-      std::string tag;
-      if (types != nullptr) {
-        if (auto t = types->find(key); t != types->end()) tag = t->get<std::string>();
-      }
-      Member m;
-      if (int s = Value(*it, tag, node, m); s != kOk) return s;
-      auto [pos, inserted] = node.members.emplace(key, std::move(m));
-      if (!inserted) return kCorrupt;
-      for (auto &item : pos->second.items) item->list = &pos->second;
+    if (f.array != nullptr) {
+      if (f.array->kind != Kind::kEmptyList && f.array->kind != Kind::kStringList) return false;
+      f.array->kind = Kind::kStringList;
+      f.array->L().strings.push_back(std::move(v));
+      return true;
     }
-    return kOk;
+    Member *m = NewValue();
+    if (m == nullptr) return false;
+    m->kind = Kind::kString;
+    m->text = std::move(v);
+    return true;
+  }
+
+  bool key(string_t &k) override {
+    if (k.empty()) return false;
+    pendingKey_ = std::move(k);
+    return true;
+  }
+
+  bool start_object(std::size_t) override {
+    if (frames_.empty()) {
+      frames_.push_back(Frame{&root_});
+      return true;
+    }
+    Frame &f = frames_.back();
+    if (f.inTypes) return false;
+    if (f.array == nullptr && pendingKey_ == kTypesKey) {
+      if (f.sawTypes) return false;
+      f.sawTypes = true;
+      f.inTypes = true;
+      return true;
+    }
+    Object *parent = f.array != nullptr ? f.owner : f.node;
+    if (parent->depth >= kMaxDepth) return false;
+    auto child = std::make_unique<Object>();
+    child->parent = parent;
+    child->root = parent->root;
+    child->depth = parent->depth + 1;
+    Object *raw = child.get();
+    if (f.array != nullptr) {
+      Member &list = *f.array;
+      if (list.kind != Kind::kEmptyList && list.kind != Kind::kSubObjectList) return false;
+      list.kind = Kind::kSubObjectList;
+      raw->list = &list;
+      list.L().items.push_back(std::move(child));
+    } else {
+      Member *m = NewValue();
+      if (m == nullptr) return false;
+      m->kind = Kind::kSubObject;
+      m->child = std::move(child);
+    }
+    frames_.push_back(Frame{raw});
+    return true;
+  }
+
+  bool end_object() override {
+    Frame &f = frames_.back();
+    if (f.inTypes) {
+      f.inTypes = false;
+      return true;
+    }
+    if (!ApplyTags(f)) return false;
+    Object *node = f.node;
+    frames_.pop_back();
+    if (node->list == nullptr) return true;
+    // A list instance: its "key" is its unique instance id.
+    auto key = node->members.find("key");
+    if (key == node->members.end() || key->second.kind != Kind::kString || key->second.text.empty())
+      return false;
+    return node->list->L().index.emplace(key->second.text, node).second;
+  }
+
+  bool start_array(std::size_t) override {
+    if (frames_.empty() || frames_.back().inTypes || frames_.back().array != nullptr) return false;
+    Member *m = NewValue();
+    if (m == nullptr) return false;
+    m->kind = Kind::kEmptyList;
+    Frame frame{};
+    frame.owner = frames_.back().node;
+    frame.array = m;
+    frames_.push_back(std::move(frame));
+    return true;
+  }
+
+  bool end_array() override {
+    frames_.pop_back();
+    return true;
+  }
+
+  bool parse_error(std::size_t, const std::string &, const nlohmann::detail::exception &) override {
+    return false;
   }
 
  private:
-  std::unique_ptr<Object> Child(Object &parent) {
-    auto child = std::make_unique<Object>();
-    child->parent = &parent;
-    child->root = parent.root;
-    child->depth = parent.depth + 1;
-    return child;
+  struct Frame {
+    Object *node = nullptr;   // object frames: the node being filled
+    Object *owner = nullptr;  // array frames: the node holding the array
+    Member *array = nullptr;  // array frames: the member being filled
+    bool inTypes = false;     // inside this object's "@types"
+    bool sawTypes = false;
+    std::vector<std::pair<std::string, std::string>> tags;
+  };
+
+  // The member for the value that follows a key in an object.
+  Member *NewValue() {
+    if (frames_.empty()) return nullptr;
+    Frame &f = frames_.back();
+    if (f.inTypes || f.array != nullptr || pendingKey_ == kTypesKey) return nullptr;
+    auto [it, inserted] = f.node->members.try_emplace(std::move(pendingKey_));
+    pendingKey_.clear();
+    return inserted ? &it->second : nullptr;
   }
 
-  int Value(const json &v, const std::string &tag, Object &node, Member &m) {
-    switch (v.type()) {
-      case json::value_t::string:
-        if (tag == "binary") {
-          m.kind = Kind::kBinary;
-          return Base64Decode(v.get_ref<const std::string &>(), m.text) ? kOk : kCorrupt;
-        }
-        if (!tag.empty() && tag != "string") return kCorrupt;
-        m.kind = Kind::kString;
-        m.text = v.get<std::string>();
-        return kOk;
-      case json::value_t::boolean:
-        if (!tag.empty() && tag != "bool") return kCorrupt;
-        m.kind = Kind::kBool;
-        m.number = v.get<bool>() ? 1 : 0;
-        return kOk;
-      case json::value_t::number_integer:
-      case json::value_t::number_unsigned: return Integer(v, tag, m);
-      case json::value_t::object: {
-        if (!tag.empty()) return kCorrupt;
-        m.kind = Kind::kSubObject;
-        m.child = Child(node);
-        return Fill(v, *m.child);
-      }
-      case json::value_t::array: return Array(v, tag, node, m);
-      default: return kCorrupt;  // null, float, binary
+  bool Integer(int64_t v) {
+    if (frames_.empty()) return false;
+    Frame &f = frames_.back();
+    if (f.inTypes) return false;
+    if (f.array != nullptr) {
+      if (f.array->kind != Kind::kEmptyList && f.array->kind != Kind::kIntList) return false;
+      f.array->kind = Kind::kIntList;
+      f.array->L().ints.push_back(v);
+      return true;
     }
+    Member *m = NewValue();
+    if (m == nullptr) return false;
+    m->kind = Kind::kInt64;
+    m->number = v;
+    return true;
   }
 
-  static int Integer(const json &v, const std::string &tag, Member &m) {
-    int64_t n = 0;
-    if (!FitsInt64(v, n)) return kCorrupt;
-    int64_t lo = std::numeric_limits<int64_t>::min();
-    int64_t hi = std::numeric_limits<int64_t>::max();
-    if (tag.empty() || tag == "int64") {
-      m.kind = Kind::kInt64;
-    } else if (tag == "int32") {
-      m.kind = Kind::kInt32;
-      lo = std::numeric_limits<int32_t>::min();
-      hi = std::numeric_limits<int32_t>::max();
-    } else if (tag == "uint32") {
-      m.kind = Kind::kUint32;
-      lo = 0;
-      hi = std::numeric_limits<uint32_t>::max();
-    } else if (tag == "uint16") {
-      m.kind = Kind::kUint16;
-      lo = 0;
-      hi = std::numeric_limits<uint16_t>::max();
-    } else {
-      return kCorrupt;
+  static bool ApplyTags(Frame &f) {
+    for (auto &[key, tag] : f.tags) {
+      auto it = f.node->members.find(key);
+      if (it == f.node->members.end()) continue;  // a tag for nothing: harmless
+      if (!ApplyTag(tag, it->second)) return false;
     }
-    if (n < lo || n > hi) return kCorrupt;
-    m.number = n;
-    return kOk;
+    return true;
   }
 
-  int Array(const json &v, const std::string &tag, Object &node, Member &m) {
-    if (v.empty()) {
-      if (!tag.empty() && tag != "list" && tag != "string_list" && tag != "int_list")
-        return kCorrupt;
-      m.kind = Kind::kEmptyList;
-      return kOk;
-    }
-    const json &first = v.front();
-    if (first.is_string()) {
-      if (!tag.empty() && tag != "list" && tag != "string_list") return kCorrupt;
-      m.kind = Kind::kStringList;
-      for (const auto &e : v) {
-        if (!e.is_string()) return kCorrupt;
-        m.strings.push_back(e.get<std::string>());
-      }
-      return kOk;
-    }
-    if (first.is_number_integer()) {
-      if (!tag.empty() && tag != "list" && tag != "int_list") return kCorrupt;
-      m.kind = Kind::kIntList;
-      for (const auto &e : v) {
-        int64_t n = 0;
-        if (!FitsInt64(e, n)) return kCorrupt;
-        m.ints.push_back(n);
-      }
-      return kOk;
-    }
-    if (!first.is_object() || !tag.empty()) return kCorrupt;
-    // A list of instances: every element is an object with a unique "key".
-    m.kind = Kind::kSubObjectList;
-    for (const auto &e : v) {
-      if (!e.is_object()) return kCorrupt;
-      auto item = Child(node);
-      if (int s = Fill(e, *item); s != kOk) return s;
-      auto key = item->members.find("key");
-      if (key == item->members.end() || key->second.kind != Kind::kString ||
-          key->second.text.empty())
-        return kCorrupt;
-      if (!m.index.emplace(key->second.text, item.get()).second) return kCorrupt;
-      m.items.push_back(std::move(item));
-    }
-    return kOk;
+  static bool Range(Member &m, Kind kind, int64_t lo, int64_t hi) {
+    if (m.kind != Kind::kInt64 || m.number < lo || m.number > hi) return false;
+    m.kind = kind;
+    return true;
   }
+
+  static bool ApplyTag(const std::string &tag, Member &m) {
+    using L = std::numeric_limits<int64_t>;
+    if (tag == "int64") return Range(m, Kind::kInt64, L::min(), L::max());
+    if (tag == "int32")
+      return Range(m, Kind::kInt32, std::numeric_limits<int32_t>::min(),
+                   std::numeric_limits<int32_t>::max());
+    if (tag == "uint32") return Range(m, Kind::kUint32, 0, std::numeric_limits<uint32_t>::max());
+    if (tag == "uint16") return Range(m, Kind::kUint16, 0, std::numeric_limits<uint16_t>::max());
+    if (tag == "string") return m.kind == Kind::kString;
+    if (tag == "bool") return m.kind == Kind::kBool;
+    if (tag == "binary" || tag == "string_base64") {
+      if (m.kind != Kind::kString) return false;
+      std::string bytes;
+      if (!Base64Decode(m.text, bytes)) return false;
+      m.text = std::move(bytes);
+      if (tag == "binary") m.kind = Kind::kBinary;
+      return true;
+    }
+    if (tag == "string_list_base64") {
+      if (m.kind != Kind::kStringList) return false;
+      for (auto &s : m.L().strings) {
+        std::string bytes;
+        if (!Base64Decode(s, bytes)) return false;
+        s = std::move(bytes);
+      }
+      return true;
+    }
+    if (tag == "list")
+      return m.kind == Kind::kEmptyList || m.kind == Kind::kStringList || m.kind == Kind::kIntList;
+    if (tag == "string_list") return m.kind == Kind::kEmptyList || m.kind == Kind::kStringList;
+    if (tag == "int_list") return m.kind == Kind::kEmptyList || m.kind == Kind::kIntList;
+    return false;
+  }
+
+  Object &root_;
+  std::vector<Frame> frames_;
+  std::string pendingKey_;
 };
 
 }  // namespace
+
+bool ValidUtf8(std::string_view s) {
+  size_t i = 0;
+  const size_t n = s.size();
+  while (i < n) {
+    auto c = static_cast<unsigned char>(s[i]);
+    if (c < 0x80) {
+      ++i;
+      continue;
+    }
+    size_t len;
+    unsigned char lo = 0x80, hi = 0xBF;  // allowed range of the second byte
+    if (c >= 0xC2 && c <= 0xDF) {
+      len = 2;
+    } else if (c >= 0xE0 && c <= 0xEF) {
+      len = 3;
+      if (c == 0xE0) lo = 0xA0;  // no overlong forms
+      if (c == 0xED) hi = 0x9F;  // no surrogates
+    } else if (c >= 0xF0 && c <= 0xF4) {
+      len = 4;
+      if (c == 0xF0) lo = 0x90;
+      if (c == 0xF4) hi = 0x8F;  // nothing above U+10FFFF
+    } else {
+      return false;
+    }
+    if (n - i < len) return false;
+    auto c1 = static_cast<unsigned char>(s[i + 1]);
+    if (c1 < lo || c1 > hi) return false;
+    for (size_t k = 2; k < len; ++k) {
+      auto ck = static_cast<unsigned char>(s[i + k]);
+      if (ck < 0x80 || ck > 0xBF) return false;
+    }
+    i += len;
+  }
+  return true;
+}
 
 std::unique_ptr<Object> NewRoot(std::string sel1, std::string sel2, std::string sel3,
                                 std::string instanceId) {
@@ -228,23 +416,26 @@ bool Alive(const Object *node) {
 }
 
 int ParseContent(std::string_view text, Object &node) {
-  json j = json::parse(text.begin(), text.end(), nullptr, false);
-  if (j.is_discarded()) return kCorrupt;
+  // Parse into a scratch node so that a failure adds nothing to `node`.
   Object scratch;
   scratch.root = node.root;
   scratch.depth = node.depth;
-  Parser parser;
-  if (int s = parser.Fill(j, scratch); s != kOk) return s;
-  // Re-home the parsed members: their children point at the scratch node.
-  node.members = std::move(scratch.members);
+  Builder builder(scratch);
+  if (!json::sax_parse(text.begin(), text.end(), &builder)) return kCorrupt;
+  node.members = std::move(scratch.members);  // map nodes move, addresses stay
   for (auto &[key, m] : node.members) {
     if (m.child) m.child->parent = &node;
-    for (auto &item : m.items) item->parent = &node;
+    if (m.lists)
+      for (auto &item : m.lists->items) item->parent = &node;
   }
   return kOk;
 }
 
-std::string SerializeContent(const Object &node) { return ToJson(node).dump(); }
+std::string SerializeContent(const Object &node) {
+  std::string out;
+  WriteObject(out, node);
+  return out;
+}
 
 namespace {
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

@@ -15,9 +15,11 @@ constexpr const char *kIdKey = "key";
 
 bool Text(const char *s) { return s != nullptr && s[0] != '\0'; }
 
-// The object must be a live node and the key a usable name.
+// The object must be a live node and the key a usable name (UTF-8 text,
+// since keys are JSON names).
 int CheckTarget(const Object *object, const char *key) {
-  if (object == nullptr || !Text(key) || strcmp(key, "@types") == 0) return kBadArgument;
+  if (object == nullptr || !Text(key) || strcmp(key, "@types") == 0 || !ValidUtf8(key))
+    return kBadArgument;
   return Alive(object) ? kOk : kNotFound;
 }
 
@@ -27,16 +29,18 @@ bool IsInstance(const Object *object) { return object->list != nullptr; }
 // handles to them stay valid memory.  Reserves first: on failure nothing moved.
 void DetachAll(Object *root, Member &m) {
   auto &detached = root->top->detached;
-  detached.reserve(detached.size() + m.items.size() + (m.child ? 1 : 0));
+  size_t items = m.lists ? m.lists->items.size() : 0;
+  detached.reserve(detached.size() + items + (m.child ? 1 : 0));
   auto cut = [&](std::unique_ptr<Object> node) {
     node->parent = nullptr;
     node->list = nullptr;
     detached.push_back(std::move(node));
   };
   if (m.child) cut(std::move(m.child));
-  for (auto &item : m.items) cut(std::move(item));
-  m.items.clear();
-  m.index.clear();
+  if (!m.lists) return;
+  for (auto &item : m.lists->items) cut(std::move(item));
+  m.lists->items.clear();
+  m.lists->index.clear();
 }
 
 // Takes one instance out of its list (to the detached nodes).
@@ -44,16 +48,16 @@ void RemoveInstance(Object *root, Member &list,
                     std::unordered_map<std::string, Object *>::iterator found) {
   auto &detached = root->top->detached;
   detached.reserve(detached.size() + 1);
-  for (auto item = list.items.begin(); item != list.items.end(); ++item) {
+  for (auto item = list.L().items.begin(); item != list.L().items.end(); ++item) {
     if (item->get() != found->second) continue;
     (*item)->parent = nullptr;
     (*item)->list = nullptr;
     detached.push_back(std::move(*item));
-    list.items.erase(item);
+    list.L().items.erase(item);
     break;
   }
-  list.index.erase(found);
-  if (list.items.empty()) list.kind = Kind::kEmptyList;
+  list.L().index.erase(found);
+  if (list.L().items.empty()) list.kind = Kind::kEmptyList;
 }
 
 // Writes a member under a key, replacing what was there.
@@ -83,8 +87,8 @@ int Rename(Object *instance, const char *id) {
   if (key.text == id) return kOk;
   Member &list = *instance->list;
   std::string newId(id);
-  if (!list.index.emplace(newId, instance).second) return kConflict;
-  list.index.erase(key.text);
+  if (!list.L().index.emplace(newId, instance).second) return kConflict;
+  list.L().index.erase(key.text);
   key.text.swap(newId);
   return kOk;
 }
@@ -165,8 +169,8 @@ int GetSubObject(Object *object, const char *name, const char *instanceId, Objec
     }
     if (m->kind == Kind::kEmptyList) return kNotFound;
     if (m->kind != Kind::kSubObjectList) return kTypeMismatch;
-    auto found = m->index.find(instanceId);
-    if (found == m->index.end()) return kNotFound;
+    auto found = m->L().index.find(instanceId);
+    if (found == m->L().index.end()) return kNotFound;
     *sub = found->second;
     return kOk;
   });
@@ -192,15 +196,16 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
       }
       Member m;
       m.kind = Kind::kSubObject;
+      Object *raw = node.get();
       m.child = std::move(node);
-      *sub = m.child.get();
       object->members.emplace(name, std::move(m));
+      *sub = raw;
       return kOk;
     }
     if (it != object->members.end()) {
       Member &list = it->second;
       if (list.kind != Kind::kSubObjectList && list.kind != Kind::kEmptyList) return kTypeMismatch;
-      if (auto found = list.index.find(instanceId); found != list.index.end()) {
+      if (auto found = list.L().index.find(instanceId); found != list.L().index.end()) {
         *sub = found->second;
         return kOk;
       }
@@ -214,12 +219,12 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
       it = object->members.emplace(name, std::move(m)).first;
     }
     Member &list = it->second;
-    list.items.reserve(list.items.size() + 1);
-    list.index.emplace(instanceId, node.get());
+    list.L().items.reserve(list.L().items.size() + 1);
+    list.L().index.emplace(instanceId, node.get());
     node->list = &list;
     list.kind = Kind::kSubObjectList;
     *sub = node.get();
-    list.items.push_back(std::move(node));
+    list.L().items.push_back(std::move(node));
     return kOk;
   });
 }
@@ -238,8 +243,8 @@ int DeleteSubObject(Object *object, const char *name, const char *instanceId) {
     }
     if (m.kind == Kind::kEmptyList) return kNotFound;
     if (m.kind != Kind::kSubObjectList) return kTypeMismatch;
-    auto found = m.index.find(instanceId);
-    if (found == m.index.end()) return kNotFound;
+    auto found = m.L().index.find(instanceId);
+    if (found == m.L().index.end()) return kNotFound;
     RemoveInstance(object->root, m, found);
     return kOk;
   });
@@ -250,8 +255,8 @@ int DeleteSubObjectInstances(Object *object, Filter *filter) {
     Member *list = nullptr;
     if (int s = ListOf(object, filter, list); s != kOk) return s;
     if (!filter->instanceId.empty()) {
-      auto found = list->index.find(filter->instanceId);
-      if (found == list->index.end()) return kNotFound;
+      auto found = list->L().index.find(filter->instanceId);
+      if (found == list->L().index.end()) return kNotFound;
       RemoveInstance(object->root, *list, found);
       return kOk;
     }
@@ -270,10 +275,10 @@ int GetSubObjectInstances(Object *object, Filter *filter, Object ***subs, int *c
     if (int s = ListOf(object, filter, list); s != kOk) return s;
     std::vector<Object *> chosen;
     if (filter->instanceId.empty()) {
-      for (auto &item : list->items) chosen.push_back(item.get());
+      for (auto &item : list->L().items) chosen.push_back(item.get());
     } else {
-      auto found = list->index.find(filter->instanceId);
-      if (found == list->index.end()) return kNotFound;
+      auto found = list->L().index.find(filter->instanceId);
+      if (found == list->L().index.end()) return kNotFound;
       chosen.push_back(found->second);
     }
     if (chosen.empty()) return kOk;
@@ -318,7 +323,8 @@ int SetValueLong(Object *object, const char *key, int64_t value) {
 }
 
 int SetValueBool(Object *object, const char *key, bool value) {
-  return Run(Op::kSetValueBool, [&] { return Put(object, key, Scalar(Kind::kBool, value ? 1 : 0)); });
+  return Run(Op::kSetValueBool,
+             [&] { return Put(object, key, Scalar(Kind::kBool, value ? 1 : 0)); });
 }
 
 int SetValueBinary(Object *object, const char *key, const void *data, int length) {
@@ -339,13 +345,13 @@ int AppendValueString(Object *object, const char *key, const char *value) {
   return Run(Op::kAppendValueString, [&] {
     if (value == nullptr) return kBadArgument;
     return AppendTo(object, key, Kind::kStringList,
-                    [&](Member &m) { m.strings.emplace_back(value); });
+                    [&](Member &m) { m.L().strings.emplace_back(value); });
   });
 }
 
 int AppendValueInt(Object *object, const char *key, int32_t value) {
   return Run(Op::kAppendValueInt, [&] {
-    return AppendTo(object, key, Kind::kIntList, [&](Member &m) { m.ints.push_back(value); });
+    return AppendTo(object, key, Kind::kIntList, [&](Member &m) { m.L().ints.push_back(value); });
   });
 }
 
@@ -427,12 +433,12 @@ int GetValueStringArray(Object *object, const char *key, char ***array, int *cou
     if (int s = Find(object, key, m); s != kOk) return s;
     if (m->kind == Kind::kEmptyList) return kOk;
     if (m->kind != Kind::kStringList) return kTypeMismatch;
-    size_t n = m->strings.size();
+    size_t n = m->L().strings.size();
     if (n > static_cast<size_t>(std::numeric_limits<int>::max())) return kOutOfRange;
     auto **arr = static_cast<char **>(calloc(n, sizeof(char *)));
     if (arr == nullptr) return kNoMemory;
     for (size_t i = 0; i < n; ++i) {
-      arr[i] = CopyText(m->strings[i]);
+      arr[i] = CopyText(m->L().strings[i]);
       if (arr[i] == nullptr) {
         DestroyStringArrayValue(&arr, static_cast<int>(i));
         return kNoMemory;
@@ -465,6 +471,14 @@ int ExportObjectJson(Object *object, char **json) {
     return kNoMemory;
   }
   return *json != nullptr ? kOk : kNoMemory;
+}
+
+int GetObjectInstanceId(Object *object, char **instanceId) {
+  if (instanceId == nullptr) return kBadArgument;
+  *instanceId = nullptr;
+  if (object == nullptr || object->top == nullptr) return kBadArgument;
+  *instanceId = CopyText(object->top->instanceId);
+  return *instanceId != nullptr ? kOk : kNoMemory;
 }
 
 }  // namespace zel::cfgstore

@@ -7,17 +7,19 @@
 #include <cstdio>
 
 #include "host/bitvector.h"
+#include "host/diag.h"
 #include "state/port_index.h"
 #include "zel/data.h"
 #include "zel/state.h"
 
 // One allocation per switch: this header, then the port slots (one per
-// system-wide port), the bit vector of occupied slots and the port index.
+// system-wide port), the bit vector of occupied slots and the port index
+// (sized for maxPorts, which never exceeds the limit the switch was made with).
 // Nothing in it ever moves, so handles into it stay valid for its life.
 struct SwitchState {
   uint32_t numPorts;
   uint32_t maxPorts;     // limit in effect; the slots that port addition searches
-  uint32_t newMaxPorts;  // configured limit; serialized as "maxPorts"
+  uint32_t newMaxPorts;  // configured limit, fixed at creation; serialized as "maxPorts"
   uint32_t version;
   char id[ZEL_SWITCH_ID_SIZE];
   char className[ZEL_CLASS_NAME_SIZE];
@@ -95,9 +97,4 @@ const char *StatusText(ReturnStatus status);
 }  // namespace zel::state
 
 // Diagnostics of the state database, guarded by zel_debug.
-#define ZEL_LOG(level, ...)       \
-  do {                            \
-    if (zel_debug >= (level)) {   \
-      std::printf(__VA_ARGS__);   \
-    }                             \
-  } while (0)
+#define ZEL_LOG(level, ...) zel::host::DiagPrint(zel_debug, (level), __VA_ARGS__)

@@ -12,6 +12,9 @@
  * Diagnostics print on standard output when zel_debug is at least the
  * message's level (0 failures, 1 switch and port progress, 2 details,
  * 3 entries read while deserializing).
+ *
+ * A null switch or port id gives an error status or a null result; switch,
+ * port, name and output pointers must be valid unless a comment says so.
  */
 #ifndef ZEL_STATE_H
 #define ZEL_STATE_H

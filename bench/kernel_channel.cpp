@@ -1,0 +1,69 @@
+// The kernel channel against the in-process emulated module: a plain
+// request, a property fetch, and whole-state fetches of growing size (one
+// ioctl while the state fits the first reply buffer, two beyond it).
+#include <benchmark/benchmark.h>
+
+#include <string>
+
+#include "kernel/channel.h"
+#include "sim/emulated_kernel.h"
+#include "zel/kernel.h"
+
+namespace {
+
+void FillSwitches(int switches, int portsPerSwitch) {
+  for (int s = 0; s < switches; ++s) {
+    const std::string sw = "sw" + std::to_string(s);
+    ZELPYX_SwitchAdd(sw.c_str(), "vswitch", 0, 7);
+    ZELPYX_GlobalPropSet(sw.c_str(), "com.zorlan.common.alias", sw.c_str(),
+                         static_cast<uint32_t>(sw.size() + 1), 16);
+    for (int p = 0; p < portsPerSwitch; ++p) {
+      const std::string port = std::to_string(p);
+      ZELPYX_PortAdd(sw.c_str(), port.c_str(), nullptr, 0);
+      ZELPYX_PortDataSet(sw.c_str(), port.c_str(), "com.zorlan.common.port.alias", port.c_str(),
+                         static_cast<uint32_t>(port.size() + 1), 16);
+    }
+  }
+}
+
+void BM_PlainRequest(benchmark::State &state) {
+  zel::sim::EmulatedKernel kernel;
+  zel::kernel::ScopedTransport use(&kernel);
+  FillSwitches(1, 1);
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(ZELPYX_PortFind("sw0", "0"));
+  }
+}
+BENCHMARK(BM_PlainRequest);
+
+void BM_PropertyGet(benchmark::State &state) {
+  zel::sim::EmulatedKernel kernel;
+  zel::kernel::ScopedTransport use(&kernel);
+  FillSwitches(1, 0);
+  for (auto _ : state) {
+    void *value = nullptr;
+    uint32_t length = 0;
+    ZELPYX_GlobalPropGet("sw0", "com.zorlan.common.alias", &value, &length);
+    ZELPYX_DataFree(value);
+  }
+}
+BENCHMARK(BM_PropertyGet);
+
+// Argument: ports on each of 4 switches.
+void BM_StateGet(benchmark::State &state) {
+  zel::sim::EmulatedKernel kernel;
+  zel::kernel::ScopedTransport use(&kernel);
+  FillSwitches(4, static_cast<int>(state.range(0)));
+  uint32_t length = 0;
+  for (auto _ : state) {
+    void *blob = nullptr;
+    ZELPYX_StateGet(&blob, &length);
+    ZELPYX_DataFree(blob);
+  }
+  state.counters["blobBytes"] = length;
+  state.counters["ioctlsPerGet"] = benchmark::Counter(
+      static_cast<double>(kernel.IoctlCount(ZELPYX_REQ_STATE_GET)), benchmark::Counter::kAvgIterations);
+}
+BENCHMARK(BM_StateGet)->Arg(0)->Arg(8)->Arg(16)->Arg(32)->Arg(48)->Arg(64)->Arg(512);
+
+}  // namespace

@@ -1,0 +1,195 @@
+/*
+ * libzel kernel channel: the command record exchanged with the kernel switch
+ * module through its character device, the request numbers, and the one-call
+ * wrappers around every request.
+ *
+ * Every request is one ioctl on the device whose argument is the address of a
+ * ZELPYXCommand.  Three shapes of exchange exist:
+ *   - plain: ZELPYX_Ioctl on one process-wide descriptor (opened on first use,
+ *     never closed); a failing ioctl prints "ioctl failed: ..." on standard
+ *     error and yields the record's status;
+ *   - reply: the library allocates the reply buffer (32768 bytes first, larger
+ *     when the kernel answers STATUS_LIMIT_EXCEEDED naming the size it needs);
+ *     the caller owns it on success and releases it with ZELPYX_DataFree;
+ *   - command execution: ZELPYX_CmdExec, the same growth rule on its output.
+ * Kernel-channel failures go to standard error whatever any debug level says.
+ * The exchanges take no lock; they may be called from any thread.
+ */
+#ifndef ZEL_KERNEL_H
+#define ZEL_KERNEL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include "zel/status.h"
+
+ZEL_EXTERN_C_BEGIN
+
+#define ZELPYX_DEVICE_PATH "/tarn/devices/char/pyxdriver/zeldev"
+
+#define ZELPYX_SWITCH_NAME_SIZE 64u
+#define ZELPYX_PORT_ID_SIZE 48u
+#define ZELPYX_NAME_SIZE 128u
+#define ZELPYX_COMMAND_TEXT_SIZE 128u
+/* Capacity of the first reply or command-output buffer. */
+#define ZELPYX_FIRST_REPLY_SIZE 32768u
+
+/*
+ * The command record: 424 bytes, little-endian, no gaps (cmdIn sits at a
+ * 4-byte boundary, hence the packing).  Text fields are NUL-terminated and
+ * cut to their size less one.  Addresses travel as 64-bit integers.
+ */
+#pragma pack(push, 1)
+typedef struct ZELPYXCommand {
+  char switchName[ZELPYX_SWITCH_NAME_SIZE]; /* 0 */
+  char portId[ZELPYX_PORT_ID_SIZE];         /* 64 */
+  char name[ZELPYX_NAME_SIZE];              /* 112: property, class name or uplink index */
+  uint32_t maxPorts;                        /* 240 */
+  uint32_t version;                         /* 244 */
+  uint32_t propType;                        /* 248 */
+  uint32_t reserved;                        /* 252: zero */
+  uint32_t status;                          /* 256: preset to STATUS_FAILURE */
+  uint32_t dataLen;                         /* 260 */
+  uint64_t data;                            /* 264 */
+  char command[ZELPYX_COMMAND_TEXT_SIZE];   /* 272 */
+  uint32_t cmdInLen;                        /* 400 */
+  uint64_t cmdIn;                           /* 404 */
+  uint32_t cmdOutLen;                       /* 412 */
+  uint64_t cmdOut;                          /* 416 */
+} ZELPYXCommand;
+#pragma pack(pop)
+
+#ifdef __cplusplus
+#define ZELPYX_STATIC_ASSERT(cond, msg) static_assert(cond, msg)
+#else
+#define ZELPYX_STATIC_ASSERT(cond, msg) _Static_assert(cond, msg)
+#endif
+ZELPYX_STATIC_ASSERT(sizeof(ZELPYXCommand) == 424, "ZELPYXCommand is 424 bytes");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, switchName) == 0, "switchName offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, portId) == 64, "portId offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, name) == 112, "name offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, maxPorts) == 240, "maxPorts offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, version) == 244, "version offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, propType) == 248, "propType offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, reserved) == 252, "reserved offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, status) == 256, "status offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, dataLen) == 260, "dataLen offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, data) == 264, "data offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, command) == 272, "command offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, cmdInLen) == 400, "cmdInLen offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, cmdIn) == 404, "cmdIn offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, cmdOutLen) == 412, "cmdOutLen offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, cmdOut) == 416, "cmdOut offset");
+
+/* Request numbers, passed to ioctl unchanged (no direction or size bits). */
+#define ZELPYX_REQ_STATE_INIT 0
+#define ZELPYX_REQ_STATE_CLEANUP 1
+#define ZELPYX_REQ_STATE_SANITIZE 2
+#define ZELPYX_REQ_STATE_GET 3
+#define ZELPYX_REQ_SWITCH_ADD 4
+#define ZELPYX_REQ_SWITCH_REMOVE 5
+#define ZELPYX_REQ_SWITCH_ASSOCIATE 6
+#define ZELPYX_REQ_SWITCH_DISSOCIATE 7
+#define ZELPYX_REQ_GLOBAL_PROP_GET 8
+#define ZELPYX_REQ_GLOBAL_PROP_SET 9
+#define ZELPYX_REQ_GLOBAL_PROP_CLEAR 10
+#define ZELPYX_REQ_HOST_PROP_GET 11
+#define ZELPYX_REQ_HOST_PROP_SET 12
+#define ZELPYX_REQ_HOST_PROP_CLEAR 13
+#define ZELPYX_REQ_PORT_ADD 14
+#define ZELPYX_REQ_PORT_REMOVE 15
+#define ZELPYX_REQ_PORT_DATA_GET 16
+#define ZELPYX_REQ_PORT_DATA_SET 17
+#define ZELPYX_REQ_PORT_DATA_CLEAR 18
+#define ZELPYX_REQ_PORT_STATE_GET 19
+#define ZELPYX_REQ_PORT_FIND 20
+#define ZELPYX_REQ_SWITCH_SET_MAX_PORTS 21
+#define ZELPYX_REQ_SWITCH_SET_VERSION 22
+#define ZELPYX_REQ_UPLINK_DATA_SET 26
+#define ZELPYX_REQ_UPLINK_DATA_GET 27
+#define ZELPYX_REQ_CMD_EXEC 28
+
+/* --- the channel lock --- */
+
+/*
+ * "zelpyx", a process-wide recursive lock (rank 0xFEFFFFFE), created on first
+ * use.  Holders of both locks take it before the state database's "zelstate".
+ * The retrievals that use the state database as scratch space hold it from
+ * loading the kernel's state to emptying the database again.
+ */
+typedef struct ZelRecLock ZelRecLock;
+#define ZELPYX_LOCK_NAME "zelpyx"
+#define ZELPYX_LOCK_RANK 0xFEFFFFFEu
+
+/* Takes the lock (creating it on first use) and returns its handle. */
+ZEL_API ZelRecLock *ZelSwitchPYXLock(void);
+/* Releases it; a null handle is ignored. */
+ZEL_API void ZelSwitchPYXUnlock(ZelRecLock *lock);
+
+/* --- exchanges and state requests --- */
+
+/* The plain exchange: request with the record; 0 when ioctl succeeded. */
+ZEL_API ReturnStatus ZELPYX_Ioctl(int request, ZELPYXCommand *cmd);
+/* Runs a named command in the kernel module; *output (ZELPYX_DataFree) and
+ * *outputLen receive its output. */
+ZEL_API ReturnStatus ZELPYX_CmdExec(const char *switchName, const char *command,
+                                    const void *input, uint32_t inputLen, void **output,
+                                    uint32_t *outputLen);
+/* Hands a whole state blob to the kernel, which takes its state from it. */
+ZEL_API ReturnStatus ZELPYX_StateInit(const void *blob, uint32_t blobLen);
+ZEL_API ReturnStatus ZELPYX_StateCleanup(void);
+ZEL_API ReturnStatus ZELPYX_StateSanitize(void);
+/* The kernel's whole state as a state blob, released with ZELPYX_DataFree. */
+ZEL_API ReturnStatus ZELPYX_StateGet(void **blob, uint32_t *blobLen);
+/* Releases a reply buffer of any exchange. */
+ZEL_API void ZELPYX_DataFree(void *buffer);
+
+/* --- switch and port commands --- */
+
+ZEL_API ReturnStatus ZELPYX_SwitchAdd(const char *switchName, const char *className,
+                                      uint32_t maxPorts, uint32_t version);
+ZEL_API ReturnStatus ZELPYX_SwitchRemove(const char *switchName);
+ZEL_API ReturnStatus ZELPYX_SwitchAssociate(const char *switchName);
+ZEL_API ReturnStatus ZELPYX_SwitchDissociate(const char *switchName);
+ZEL_API ReturnStatus ZELPYX_SwitchSetMaxPorts(const char *switchName, uint32_t maxPorts);
+ZEL_API ReturnStatus ZELPYX_SwitchSetVersion(const char *switchName, uint32_t version);
+
+ZEL_API ReturnStatus ZELPYX_GlobalPropGet(const char *switchName, const char *propName,
+                                          void **buffer, uint32_t *length);
+ZEL_API ReturnStatus ZELPYX_GlobalPropSet(const char *switchName, const char *propName,
+                                          const void *data, uint32_t dataLen, uint32_t propType);
+ZEL_API ReturnStatus ZELPYX_GlobalPropClear(const char *switchName, const char *propName);
+ZEL_API ReturnStatus ZELPYX_HostPropGet(const char *switchName, const char *propName,
+                                        void **buffer, uint32_t *length);
+ZEL_API ReturnStatus ZELPYX_HostPropSet(const char *switchName, const char *propName,
+                                        const void *data, uint32_t dataLen, uint32_t propType);
+ZEL_API ReturnStatus ZELPYX_HostPropClear(const char *switchName, const char *propName);
+/* The clear behind both of the above: request 10 (global) or 13 (host). */
+ZEL_API ReturnStatus ZELPYXSwitchPropClear(const char *switchName, const char *propName,
+                                           int request);
+
+ZEL_API ReturnStatus ZELPYX_PortAdd(const char *switchName, const char *portId, const void *data,
+                                    uint32_t dataLen);
+ZEL_API ReturnStatus ZELPYX_PortRemove(const char *switchName, const char *portId);
+ZEL_API ReturnStatus ZELPYX_PortFind(const char *switchName, const char *portId);
+ZEL_API ReturnStatus ZELPYX_PortDataGet(const char *switchName, const char *portId,
+                                        const char *propName, void **buffer, uint32_t *length);
+ZEL_API ReturnStatus ZELPYX_PortDataSet(const char *switchName, const char *portId,
+                                        const char *propName, const void *data, uint32_t dataLen,
+                                        uint32_t propType);
+ZEL_API ReturnStatus ZELPYX_PortDataClear(const char *switchName, const char *portId,
+                                          const char *propName);
+/* The port's properties as serialized property data (ZELPYX_DataFree). */
+ZEL_API ReturnStatus ZELPYX_PortStateGet(const char *switchName, const char *portId,
+                                         void **buffer, uint32_t *length);
+
+/* The uplink index travels in the name field as signed decimal ("%d"). */
+ZEL_API ReturnStatus ZELPYX_UplinkDataSet(const char *switchName, const char *portId,
+                                          uint32_t uplinkIndex, const void *data,
+                                          uint32_t dataLen, uint32_t propType);
+ZEL_API ReturnStatus ZELPYX_UplinkDataGet(const char *switchName, const char *portId,
+                                          int32_t uplinkIndex, void **buffer, uint32_t *length);
+
+ZEL_EXTERN_C_END
+
+#endif /* ZEL_KERNEL_H */

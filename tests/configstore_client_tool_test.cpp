@@ -1,0 +1,71 @@
+// The zel_configstore tool writes the desired layer that the client reads.
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "configstore_client_support.h"
+
+namespace {
+
+using namespace cfgtest;
+
+// The tool is built beside the tests directory of the build tree.
+std::string ToolPath() {
+  char self[PATH_MAX] = {};
+  ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) return "";
+  std::string dir(self, static_cast<size_t>(n));
+  dir = dir.substr(0, dir.rfind('/'));
+  return dir.substr(0, dir.rfind('/')) + "/zel_configstore";
+}
+
+// Runs the tool on the test's database; returns its exit status and output.
+int Tool(const TempStore &tmp, const std::string &args, std::string *out = nullptr) {
+  std::string cmd = ToolPath() + " --db '" + tmp.path() + "' " + args + " 2>/dev/null";
+  FILE *p = popen(cmd.c_str(), "r");
+  if (p == nullptr) return -1;
+  std::string text;
+  char buf[256];
+  while (fgets(buf, sizeof buf, p) != nullptr) text += buf;
+  int st = pclose(p);
+  if (out != nullptr) *out = text;
+  return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
+}
+
+TEST(ConfigStoreTool, WritesDesiredLayerReadByClient) {
+  if (access(ToolPath().c_str(), X_OK) != 0) GTEST_SKIP() << "tool not built";
+  TempStore tmp;
+  ASSERT_EQ(
+      Tool(
+          tmp,
+          R"(--desired put switches network_zel orn sw1 '{"uuid":"sw1","@types":{"max_ports":"int32"},"max_ports":64}')"),
+      0);
+  ASSERT_EQ(Tool(tmp, R"(put switches network_zel orn sw1 '{"uuid":"sw1"}')"), 0);
+  EXPECT_EQ(Tool(tmp, R"(put switches network_zel orn sw2 '{"bad":1.5}')"), cs::kBadArgument);
+
+  cs::Object **objs = nullptr;
+  int n = 0;
+  ASSERT_EQ(cs::GetDesiredUserConfigInstances("switches", "network_zel", "orn", &objs, &n),
+            cs::kOk);
+  ASSERT_EQ(n, 1);
+  int32_t maxPorts = 0;
+  EXPECT_EQ(cs::GetValueInt(objs[0], "max_ports", &maxPorts), cs::kOk);
+  EXPECT_EQ(maxPorts, 64);
+  cs::DestroyConfigStoreObject(objs[0]);
+  free(objs);
+
+  std::string out;
+  EXPECT_EQ(Tool(tmp, "--desired get switches network_zel orn sw1", &out), 0);
+  EXPECT_EQ(out, "{\"@types\":{\"max_ports\":\"int32\"},\"max_ports\":64,\"uuid\":\"sw1\"}\n");
+  EXPECT_EQ(Tool(tmp, "list switches network_zel orn", &out), 0);
+  EXPECT_EQ(out, "sw1\t{\"uuid\":\"sw1\"}\n");
+  EXPECT_EQ(Tool(tmp, "--desired delete switches network_zel orn sw1"), 0);
+  EXPECT_EQ(Tool(tmp, "--desired get switches network_zel orn sw1"), cs::kNotFound);
+}
+
+}  // namespace
