@@ -2,6 +2,8 @@
 // (1,000 ports of 10 values each), listing 32 of them, and the same bytes
 // written and read as a plain SQLite row on the same kind of connection, which
 // is the storage engine's share of the cost.
+#include "host/configstore_client.h"
+
 #include <benchmark/benchmark.h>
 #include <sqlite3.h>
 #include <stdlib.h>
@@ -9,8 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <string>
-
-#include "host/configstore_client.h"
 
 namespace {
 
@@ -143,8 +143,8 @@ struct PlainDb {
                  nullptr, nullptr, nullptr);
     sqlite3_prepare_v2(db, "INSERT OR REPLACE INTO plain VALUES (?1, ?2)", -1, &put, nullptr);
     sqlite3_prepare_v2(db, "SELECT content FROM plain WHERE id=?1", -1, &get, nullptr);
-    sqlite3_prepare_v2(db, "SELECT id, content FROM plain WHERE id LIKE 'many-%' ORDER BY id", -1, &all,
-                       nullptr);
+    sqlite3_prepare_v2(db, "SELECT id, content FROM plain WHERE id LIKE 'many-%' ORDER BY id", -1,
+                       &all, nullptr);
   }
   ~PlainDb() {
     sqlite3_finalize(put);

@@ -90,6 +90,38 @@ bool FitsFormat(const PropertyList *list, uint32_t dataLength) {
 
 namespace zel::data {
 
+ReturnStatus AppendSerialized(PropertyList *list, const uint8_t *entry) {
+  const uint32_t dataLength = LoadU32(entry + kDataLengthOffset);
+  const uint32_t entryLength = EntryLengthFor(dataLength);
+  const char *name = reinterpret_cast<const char *>(entry + kNameOffset);
+  if (LoadU32(entry) != entryLength) {
+    // Longer than its value needs: rebuilt in the canonical length.
+    return AppendNamed(list, name, strnlen(name, kMaxNameLength), entry + kDataOffset, dataLength,
+                       LoadU32(entry + kPropTypeOffset));
+  }
+  if (zeldata_debug >= 2) {
+    DiagPrint(zeldata_debug, 2, "added data %.*s, len %d, start serialSize = %d\n",
+              static_cast<int>(strnlen(name, kMaxNameLength)), name, static_cast<int>(dataLength),
+              static_cast<int>(list->serialSize));
+  }
+  if (!FitsFormat(list, dataLength)) {
+    return STATUS_BAD_PARAM;
+  }
+  auto *e = static_cast<PropertyEntry *>(list->allocFn(uint64_t{kLinkSize} + entryLength));
+  if (e == nullptr) {
+    return STATUS_NO_MEMORY;
+  }
+  SetNext(e, nullptr);
+  std::memcpy(Serial(e), entry, entryLength);
+  NameOf(e)[kMaxNameLength] = '\0';  // a name without a NUL is cut to 127 characters
+  LinkAtTail(list, e);
+  if (zeldata_debug >= 2) {
+    DiagPrint(zeldata_debug, 2, "added data %s, serialSize = %d\n", NameOf(e),
+              static_cast<int>(list->serialSize));
+  }
+  return STATUS_OK;
+}
+
 ReturnStatus AppendNamed(PropertyList *list, const char *name, size_t nameLength,
                          const void *value, uint32_t dataLength, uint32_t propType) {
   if (zeldata_debug >= 2) {  // checked here: appends are the deserializer's hot path

@@ -80,6 +80,11 @@ uint32_t Checksum(const uint8_t *data, uint32_t size);
 // Wrapping sum of `count` little-endian words starting at data.
 uint32_t SumWords(const uint8_t *data, uint32_t count);
 
+// Appends a copy of a serialized entry already checked by the reader (its
+// length holds its name and value).  A canonical entry is copied in one piece,
+// bytes after the name's NUL and the padding included; those carry no meaning.
+ReturnStatus AppendSerialized(PropertyList *list, const uint8_t *entry);
+
 // Appends an entry whose name is given with its length (already cut to at most
 // 127 characters).  Used by Append and by the deserializer.
 ReturnStatus AppendNamed(PropertyList *list, const char *name, size_t nameLength,

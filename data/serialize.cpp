@@ -351,7 +351,7 @@ ZEL_API ReturnStatus ZELData_DeserializeWithPropType(PropertyList **out, const v
                 static_cast<int>(propType));
     }
     if ((propType & typeMask) != 0) {
-      status = AppendNamed(list, name, nameLength, entry + kDataOffset, valueLength, propType);
+      status = AppendSerialized(list, entry);
       if (status != STATUS_OK) {
         break;
       }

@@ -10,10 +10,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <atomic>
+#include <limits>
 #include <mutex>
 
 #include "host/configstore_internal.h"
@@ -85,6 +86,7 @@ class Stmt {
     sqlite3_clear_bindings(stmt_);
     int i = 0;
     for (std::string_view t : {std::string_view(texts)...}) {
+      if (t.size() > static_cast<size_t>(std::numeric_limits<int>::max())) return kOutOfRange;
       int rc = sqlite3_bind_text(stmt_, ++i, t.data(), static_cast<int>(t.size()), SQLITE_STATIC);
       if (rc != SQLITE_OK) return FromSqlite(rc);
     }
@@ -113,7 +115,9 @@ bool ColumnText(sqlite3_stmt *st, int col, std::string_view &out) {
   return true;
 }
 
-int Exec(sqlite3 *db, const char *sql) { return FromSqlite(sqlite3_exec(db, sql, nullptr, nullptr, nullptr)); }
+int Exec(sqlite3 *db, const char *sql) {
+  return FromSqlite(sqlite3_exec(db, sql, nullptr, nullptr, nullptr));
+}
 
 // Creates the file (mode 0600) and, one level up, its directory (0700).
 int CreateFile(const std::string &path) {
@@ -148,8 +152,8 @@ struct Store : Connection {
 
   int Open(const std::string &path) {
     if (int s = CreateFile(path); s != kOk) return s;
-    int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX,
-                             nullptr);
+    int rc =
+        sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
     if (rc != SQLITE_OK) return FromSqlite(rc);
     sqlite3_extended_result_codes(db, 1);
     sqlite3_busy_timeout(db, g_busyTimeoutMs.load());
@@ -206,8 +210,8 @@ struct Store : Connection {
   }
 
   // Reads one object's row into a new root.
-  int Load(const char *layer, const char *sel1, const char *sel2, const char *sel3,
-           const char *id, std::unique_ptr<Object> &out) {
+  int Load(const char *layer, const char *sel1, const char *sel2, const char *sel3, const char *id,
+           std::unique_ptr<Object> &out) {
     ResetOnExit guard{get};
     if (int s = get.Bind(layer, sel1, sel2, sel3, id); s != kOk) return s;
     int rc = get.Step();
@@ -243,8 +247,7 @@ struct Store : Connection {
     std::string content = SerializeContent(object);
     const TopLevel &t = *object.top;
     ResetOnExit guard{upsert};
-    if (int s = upsert.Bind(layer, t.sel1, t.sel2, t.sel3, t.instanceId, content, origin);
-        s != kOk)
+    if (int s = upsert.Bind(layer, t.sel1, t.sel2, t.sel3, t.instanceId, content, origin); s != kOk)
       return s;
     int rc = upsert.Step();
     return rc == SQLITE_DONE ? kOk : FromSqlite(rc);
@@ -450,9 +453,9 @@ int GenerateInstanceId(char **instanceId) {
     b[8] = static_cast<uint8_t>((b[8] & 0x3F) | 0x80);  // RFC 4122 variant
     char *text = static_cast<char *>(malloc(37));
     if (text == nullptr) return kNoMemory;
-    snprintf(text, 37, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x",
-             b[0], b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12],
-             b[13], b[14], b[15]);
+    snprintf(text, 37, "%02x%02x%02x%02x-%02x%02x-%02x%02x-%02x%02x-%02x%02x%02x%02x%02x%02x", b[0],
+             b[1], b[2], b[3], b[4], b[5], b[6], b[7], b[8], b[9], b[10], b[11], b[12], b[13],
+             b[14], b[15]);
     *instanceId = text;
     return kOk;
   });

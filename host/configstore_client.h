@@ -37,7 +37,8 @@
 //   2  kBadArgument    null or empty argument, negative length, reserved key,
 //                      a sub-object handle where a top-level one is needed
 //   3  kTypeMismatch   the value or sub-object under the key has another type
-//   4  kOutOfRange     an integer value does not fit the getter's type
+//   4  kOutOfRange     an integer value does not fit the getter's type;
+//                      sub-objects nested deeper than 32 levels
 //   5  kNoMemory       allocation failed
 //   6  kNotFound       the object, instance, sub-object or value does not
 //                      exist (also: a sub-object handle that was deleted)

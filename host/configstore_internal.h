@@ -39,9 +39,9 @@ inline bool IsInteger(Kind k) {
 
 // The contents of a list member, allocated only for lists.
 struct Lists {
-  std::vector<std::string> strings;            // kStringList
-  std::vector<int64_t> ints;                   // kIntList
-  std::vector<std::unique_ptr<Object>> items;  // kSubObjectList, in order
+  std::vector<std::string> strings;                 // kStringList
+  std::vector<int64_t> ints;                        // kIntList
+  std::vector<std::unique_ptr<Object>> items;       // kSubObjectList, in order
   std::unordered_map<std::string, Object *> index;  // items by instance id
 };
 

@@ -271,10 +271,10 @@ class Builder : public nlohmann::json_sax<json> {
 
  private:
   struct Frame {
-    Object *node = nullptr;    // object frames: the node being filled
-    Object *owner = nullptr;   // array frames: the node holding the array
-    Member *array = nullptr;   // array frames: the member being filled
-    bool inTypes = false;      // inside this object's "@types"
+    Object *node = nullptr;   // object frames: the node being filled
+    Object *owner = nullptr;  // array frames: the node holding the array
+    Member *array = nullptr;  // array frames: the member being filled
+    bool inTypes = false;     // inside this object's "@types"
     bool sawTypes = false;
     std::vector<std::pair<std::string, std::string>> tags;
   };
@@ -348,7 +348,8 @@ class Builder : public nlohmann::json_sax<json> {
       }
       return true;
     }
-    if (tag == "list") return m.kind == Kind::kEmptyList || m.kind == Kind::kStringList || m.kind == Kind::kIntList;
+    if (tag == "list")
+      return m.kind == Kind::kEmptyList || m.kind == Kind::kStringList || m.kind == Kind::kIntList;
     if (tag == "string_list") return m.kind == Kind::kEmptyList || m.kind == Kind::kStringList;
     if (tag == "int_list") return m.kind == Kind::kEmptyList || m.kind == Kind::kIntList;
     return false;

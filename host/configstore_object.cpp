@@ -196,9 +196,10 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
       }
       Member m;
       m.kind = Kind::kSubObject;
+      Object *raw = node.get();
       m.child = std::move(node);
-      *sub = m.child.get();
       object->members.emplace(name, std::move(m));
+      *sub = raw;
       return kOk;
     }
     if (it != object->members.end()) {
@@ -322,7 +323,8 @@ int SetValueLong(Object *object, const char *key, int64_t value) {
 }
 
 int SetValueBool(Object *object, const char *key, bool value) {
-  return Run(Op::kSetValueBool, [&] { return Put(object, key, Scalar(Kind::kBool, value ? 1 : 0)); });
+  return Run(Op::kSetValueBool,
+             [&] { return Put(object, key, Scalar(Kind::kBool, value ? 1 : 0)); });
 }
 
 int SetValueBinary(Object *object, const char *key, const void *data, int length) {

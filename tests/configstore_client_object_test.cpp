@@ -14,22 +14,6 @@ namespace {
 using namespace cfgtest;
 using cs::Object;
 
-std::string Json(Object *o) {
-  char *text = nullptr;
-  EXPECT_EQ(cs::ExportObjectJson(o, &text), cs::kOk);
-  std::string out = text != nullptr ? text : "";
-  free(text);
-  return out;
-}
-
-std::string Str(Object *o, const char *key) {
-  char *v = nullptr;
-  if (cs::GetValueStr(o, key, &v) != cs::kOk) return "<none>";
-  std::string out = v;
-  free(v);
-  return out;
-}
-
 cs::Filter *ListFilter(const char *name, const char *id = "") {
   cs::Filter *f = nullptr;
   EXPECT_EQ(cs::CreateFilterSpecObject(name, "", "", id, &f), cs::kOk);
@@ -132,28 +116,61 @@ TEST(ConfigStoreObjects, GetterTypeMatrix) {
 
   using Getter = int (*)(Object *, const char *);
   const Getter getters[] = {
-      [](Object *x, const char *k) { char *v = nullptr; int s = cs::GetValueStr(x, k, &v); free(v); return s; },
-      [](Object *x, const char *k) { int32_t v; return cs::GetValueInt(x, k, &v); },
-      [](Object *x, const char *k) { uint32_t v; return cs::GetValueUint32(x, k, &v); },
-      [](Object *x, const char *k) { uint16_t v; return cs::GetValueUint16(x, k, &v); },
-      [](Object *x, const char *k) { int64_t v; return cs::GetValueLong(x, k, &v); },
-      [](Object *x, const char *k) { uint8_t v; return cs::GetValueBool(x, k, &v); },
-      [](Object *x, const char *k) { uint8_t *v = nullptr; int n; int s = cs::GetValueBinary(x, k, &v, &n); free(v); return s; },
-      [](Object *x, const char *k) { char **v = nullptr; int n = 0; int s = cs::GetValueStringArray(x, k, &v, &n); cs::DestroyStringArrayValue(&v, n); return s; },
+      [](Object *x, const char *k) {
+        char *v = nullptr;
+        int s = cs::GetValueStr(x, k, &v);
+        free(v);
+        return s;
+      },
+      [](Object *x, const char *k) {
+        int32_t v;
+        return cs::GetValueInt(x, k, &v);
+      },
+      [](Object *x, const char *k) {
+        uint32_t v;
+        return cs::GetValueUint32(x, k, &v);
+      },
+      [](Object *x, const char *k) {
+        uint16_t v;
+        return cs::GetValueUint16(x, k, &v);
+      },
+      [](Object *x, const char *k) {
+        int64_t v;
+        return cs::GetValueLong(x, k, &v);
+      },
+      [](Object *x, const char *k) {
+        uint8_t v;
+        return cs::GetValueBool(x, k, &v);
+      },
+      [](Object *x, const char *k) {
+        uint8_t *v = nullptr;
+        int n;
+        int s = cs::GetValueBinary(x, k, &v, &n);
+        free(v);
+        return s;
+      },
+      [](Object *x, const char *k) {
+        char **v = nullptr;
+        int n = 0;
+        int s = cs::GetValueStringArray(x, k, &v, &n);
+        cs::DestroyStringArrayValue(&v, n);
+        return s;
+      },
   };
   // Rows: stored keys; columns: the getters above in order.
   const struct {
     const char *key;
     int expect[8];
   } rows[] = {
-      {"str", {0, 3, 3, 3, 3, 3, 3, 3}},    {"int", {3, 0, 0, 0, 0, 3, 3, 3}},
-      {"bool", {3, 3, 3, 3, 3, 0, 3, 3}},   {"bin", {3, 3, 3, 3, 3, 3, 0, 3}},
-      {"strs", {3, 3, 3, 3, 3, 3, 3, 0}},   {"ints", {3, 3, 3, 3, 3, 3, 3, 3}},
-      {"single", {3, 3, 3, 3, 3, 3, 3, 3}}, {"items", {3, 3, 3, 3, 3, 3, 3, 3}},
+      {"str", {0, 3, 3, 3, 3, 3, 3, 3}},     {"int", {3, 0, 0, 0, 0, 3, 3, 3}},
+      {"bool", {3, 3, 3, 3, 3, 0, 3, 3}},    {"bin", {3, 3, 3, 3, 3, 3, 0, 3}},
+      {"strs", {3, 3, 3, 3, 3, 3, 3, 0}},    {"ints", {3, 3, 3, 3, 3, 3, 3, 3}},
+      {"single", {3, 3, 3, 3, 3, 3, 3, 3}},  {"items", {3, 3, 3, 3, 3, 3, 3, 3}},
       {"missing", {6, 6, 6, 6, 6, 6, 6, 6}},
   };
   for (const auto &row : rows)
-    for (int g = 0; g < 8; ++g) EXPECT_EQ(getters[g](o, row.key), row.expect[g]) << row.key << " getter " << g;
+    for (int g = 0; g < 8; ++g)
+      EXPECT_EQ(getters[g](o, row.key), row.expect[g]) << row.key << " getter " << g;
 }
 
 TEST(ConfigStoreObjects, IntegerRanges) {
@@ -316,7 +333,8 @@ TEST(ConfigStoreObjects, BadArguments) {
   // Nesting is bounded.
   Object *at = o;
   int status = cs::kOk;
-  for (int depth = 0; depth < 40 && status == cs::kOk; ++depth) status = cs::CreateSubObject(at, "n", "", &at);
+  for (int depth = 0; depth < 40 && status == cs::kOk; ++depth)
+    status = cs::CreateSubObject(at, "n", "", &at);
   EXPECT_EQ(status, cs::kOutOfRange);
 }
 
@@ -357,14 +375,16 @@ TEST(ConfigStoreObjects, MalformedContentIsRefused) {
   };
   for (const char *text : bad) {
     Object *o = reinterpret_cast<Object *>(1);
-    EXPECT_EQ(cs::CreateObject("switches", "network_zel", "orn", "x", text, &o), cs::kBadArgument) << text;
+    EXPECT_EQ(cs::CreateObject("switches", "network_zel", "orn", "x", text, &o), cs::kBadArgument)
+        << text;
     EXPECT_EQ(o, nullptr);
   }
   std::string deep;
   for (int i = 0; i < 40; ++i) deep += R"({"n":)";
   deep += "{}" + std::string(40, '}');
   Object *o = nullptr;
-  EXPECT_EQ(cs::CreateObject("switches", "network_zel", "orn", "x", deep.c_str(), &o), cs::kBadArgument);
+  EXPECT_EQ(cs::CreateObject("switches", "network_zel", "orn", "x", deep.c_str(), &o),
+            cs::kBadArgument);
   // Hand-written content may name the obvious types or leave them out.
   ASSERT_EQ(cs::CreateObject("switches", "network_zel", "orn", "x",
                              R"({"@types":{"s":"string","b":"bool","l":"string_list","e":"list"},)"
@@ -391,7 +411,8 @@ TEST(ConfigStoreObjects, NonUtf8TextKeepsItsBytes) {
   ASSERT_EQ(cs::CreateSubObject(o, "data", "\xc0\x80", &inst), cs::kOk);  // overlong NUL
   const std::string golden =
       R"({"@types":{"l":"string_list_base64","s":"string_base64"},"data":[{"@types":{"key":"string_base64"},"key":"wIA="}],)"
-      R"("l":["b2s=","/g=="],"s":"/w==","u":)" "\"gr\xc3\xbc\xc3\x9f \\\"q\\\"\\n\"}";
+      R"("l":["b2s=","/g=="],"s":"/w==","u":)"
+      "\"gr\xc3\xbc\xc3\x9f \\\"q\\\"\\n\"}";
   EXPECT_EQ(Json(o), golden);
   Object *copy = nullptr;
   ASSERT_EQ(cs::CreateObject("a", "b", "c", "d", golden.c_str(), &copy), cs::kOk);

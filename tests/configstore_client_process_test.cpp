@@ -17,25 +17,6 @@ namespace {
 using namespace cfgtest;
 using cs::Object;
 
-std::vector<std::string> Ids(cs::Store *store) {
-  cs::Filter *f = nullptr;
-  cs::CreateFilterSpecObject("switches", "network_zel", "orn", "", &f);
-  Object **objs = nullptr;
-  int n = 0;
-  EXPECT_EQ(cs::GetInstances(store, f, &objs, &n), cs::kOk);
-  std::vector<std::string> out;
-  for (int i = 0; i < n; ++i) {
-    char *v = nullptr;
-    cs::GetValueStr(objs[i], "uuid", &v);
-    out.push_back(v != nullptr ? v : "?");
-    free(v);
-    cs::DestroyConfigStoreObject(objs[i]);
-  }
-  free(objs);
-  cs::DestroyFilterSpecObject(f);
-  return out;
-}
-
 int SetSwitch(cs::Store *store, const std::string &id) {
   ObjectPtr o = NewSwitch(id.c_str());
   cs::SetValueStr(o.get(), "uuid", id.c_str());
@@ -49,7 +30,8 @@ int Increment(cs::Store *store, const std::string &tag, int i) {
   if (s != cs::kOk) return s;
   Object *o = nullptr;
   s = cs::Get(store, "switches", "network_zel", "orn", "counter", &o);
-  if (s == cs::kNotFound) s = cs::CreateObject("switches", "network_zel", "orn", "counter", "{}", &o);
+  if (s == cs::kNotFound)
+    s = cs::CreateObject("switches", "network_zel", "orn", "counter", "{}", &o);
   ObjectPtr owner(o);
   int64_t count = 0;
   if (s == cs::kOk && cs::GetValueLong(o, "count", &count) == cs::kNotFound) count = 0;
@@ -64,7 +46,8 @@ int Increment(cs::Store *store, const std::string &tag, int i) {
 int64_t Count(cs::Store *store) {
   Object *o = nullptr;
   int64_t count = -1;
-  if (cs::Get(store, "switches", "network_zel", "orn", "counter", &o) == cs::kOk) cs::GetValueLong(o, "count", &count);
+  if (cs::Get(store, "switches", "network_zel", "orn", "counter", &o) == cs::kOk)
+    cs::GetValueLong(o, "count", &count);
   cs::DestroyConfigStoreObject(o);
   return count;
 }
@@ -103,15 +86,15 @@ TEST(ConfigStoreProcesses, KilledWriterLeavesStoreUnchanged) {
     for (;;) pause();
   }
   ASSERT_EQ(ReadByte(ready[0]), 'w');
-  EXPECT_EQ(Ids(store.get()), std::vector<std::string>{"before"});
+  EXPECT_EQ(SwitchUuids(store.get()), std::vector<std::string>{"before"});
   kill(pid, SIGKILL);
   int st = Wait(pid);
   EXPECT_TRUE(WIFSIGNALED(st));
   close(ready[0]);
   close(ready[1]);
-  EXPECT_EQ(Ids(store.get()), std::vector<std::string>{"before"});
+  EXPECT_EQ(SwitchUuids(store.get()), std::vector<std::string>{"before"});
   StorePtr fresh = OpenStore();
-  EXPECT_EQ(Ids(fresh.get()), std::vector<std::string>{"before"});
+  EXPECT_EQ(SwitchUuids(fresh.get()), std::vector<std::string>{"before"});
   // The store is writable again at once: the dead writer's lock is gone.
   ASSERT_EQ(cs::BeginTransaction(fresh.get()), cs::kOk);
   EXPECT_EQ(cs::CommitTransaction(fresh.get()), cs::kOk);
@@ -132,10 +115,12 @@ TEST(ConfigStoreProcesses, CommitSeenWholeCancelNotAtAll) {
     bool ok = cs::GetStore(0, &s) == cs::kOk;
     for (const char *round : {"kept", "dropped"}) {
       ok = ok && cs::BeginTransaction(s) == cs::kOk;
-      for (int i = 0; ok && i < 5; ++i) ok = SetSwitch(s, std::string(round) + std::to_string(i)) == cs::kOk;
+      for (int i = 0; ok && i < 5; ++i)
+        ok = SetSwitch(s, std::string(round) + std::to_string(i)) == cs::kOk;
       char c = ok ? 'w' : 'f';
       if (write(toParent[1], &c, 1) != 1 || ReadByte(toChild[0]) != 'g') _exit(3);
-      if (ok) ok = (round[0] == 'k' ? cs::CommitTransaction(s) : cs::CancelTransaction(s)) == cs::kOk;
+      if (ok)
+        ok = (round[0] == 'k' ? cs::CommitTransaction(s) : cs::CancelTransaction(s)) == cs::kOk;
       c = ok ? 'd' : 'f';
       if (write(toParent[1], &c, 1) != 1) _exit(3);
     }
@@ -144,10 +129,10 @@ TEST(ConfigStoreProcesses, CommitSeenWholeCancelNotAtAll) {
   }
   for (const char *round : {"kept", "dropped"}) {
     ASSERT_EQ(ReadByte(toParent[0]), 'w') << round;
-    std::vector<std::string> seen = Ids(store.get());
+    std::vector<std::string> seen = SwitchUuids(store.get());
     WriteByte(toChild[1], 'g');
     ASSERT_EQ(ReadByte(toParent[0]), 'd') << round;
-    std::vector<std::string> after = Ids(store.get());
+    std::vector<std::string> after = SwitchUuids(store.get());
     if (round[0] == 'k') {
       EXPECT_TRUE(seen.empty());
       EXPECT_EQ(after.size(), 5u);
@@ -184,7 +169,7 @@ TEST(ConfigStoreProcesses, TwoWritersTakeTurns) {
   }
   StorePtr store = OpenStore();
   EXPECT_EQ(Count(store.get()), 2 * kRounds);
-  EXPECT_EQ(Ids(store.get()).size(), 2u * kRounds + 1);  // and the counter itself
+  EXPECT_EQ(SwitchUuids(store.get()).size(), 2u * kRounds + 1);  // and the counter itself
 }
 
 // The same with threads, each on a store of its own.
@@ -200,7 +185,8 @@ TEST(ConfigStoreConcurrency, ThreadsWithOwnStoresTakeTurns) {
         failures[t] = -1;
         return;
       }
-      for (int i = 0; i < kRounds; ++i) failures[t] += Increment(s, "t" + std::to_string(t), i) != cs::kOk;
+      for (int i = 0; i < kRounds; ++i)
+        failures[t] += Increment(s, "t" + std::to_string(t), i) != cs::kOk;
       cs::DestroyStore(s);
     });
   }

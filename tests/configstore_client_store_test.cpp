@@ -15,40 +15,11 @@ namespace {
 using namespace cfgtest;
 using cs::Object;
 
-std::string Json(Object *o) {
-  char *text = nullptr;
-  EXPECT_EQ(cs::ExportObjectJson(o, &text), cs::kOk);
-  std::string out = text != nullptr ? text : "";
-  free(text);
-  return out;
-}
-
 ObjectPtr SwitchWith(const char *id, const char *name) {
   ObjectPtr o = NewSwitch(id);
   cs::SetValueStr(o.get(), "uuid", id);
   cs::SetValueStr(o.get(), "name", name);
   return o;
-}
-
-// The uuids of the current switch objects, in the order listed.
-std::vector<std::string> Listed(cs::Store *store, int *status = nullptr) {
-  cs::Filter *f = nullptr;
-  cs::CreateFilterSpecObject("switches", "network_zel", "orn", "", &f);
-  Object **objs = nullptr;
-  int n = 0;
-  int s = cs::GetInstances(store, f, &objs, &n);
-  if (status != nullptr) *status = s;
-  std::vector<std::string> out;
-  for (int i = 0; i < n; ++i) {
-    char *v = nullptr;
-    cs::GetValueStr(objs[i], "uuid", &v);
-    out.push_back(v != nullptr ? v : "?");
-    free(v);
-    cs::DestroyConfigStoreObject(objs[i]);
-  }
-  free(objs);
-  cs::DestroyFilterSpecObject(f);
-  return out;
 }
 
 void Exec(const std::string &path, const char *sql) {
@@ -116,14 +87,15 @@ TEST(ConfigStoreStore, InstancesOrderedAndFiltered) {
   TempStore tmp;
   StorePtr store = OpenStore();
   int status = -1;
-  EXPECT_EQ(Listed(store.get(), &status), std::vector<std::string>{});
+  EXPECT_EQ(SwitchUuids(store.get(), &status), std::vector<std::string>{});
   EXPECT_EQ(status, cs::kOk);  // an empty store is not an error
-  for (const char *id : {"b", "c", "a"}) ASSERT_EQ(cs::Set(store.get(), SwitchWith(id, id).get(), "EXTERNAL"), cs::kOk);
+  for (const char *id : {"b", "c", "a"})
+    ASSERT_EQ(cs::Set(store.get(), SwitchWith(id, id).get(), "EXTERNAL"), cs::kOk);
   Object *other = nullptr;
   ASSERT_EQ(cs::CreateObject("switches", "network_zel", "other", "a", "{}", &other), cs::kOk);
   ObjectPtr owner(other);
   ASSERT_EQ(cs::Set(store.get(), other, "EXTERNAL"), cs::kOk);
-  EXPECT_EQ(Listed(store.get()), (std::vector<std::string>{"a", "b", "c"}));
+  EXPECT_EQ(SwitchUuids(store.get()), (std::vector<std::string>{"a", "b", "c"}));
 
   cs::Filter *f = nullptr;
   Object **objs = nullptr;
@@ -149,11 +121,12 @@ TEST(ConfigStoreStore, DesiredLayerIsSeparate) {
   ASSERT_EQ(cs::Set(store.get(), SwitchWith("sw1", "current").get(), "EXTERNAL"), cs::kOk);
   ASSERT_EQ(cs::SetDesired(store.get(), SwitchWith("sw2", "wanted").get()), cs::kOk);
   ASSERT_EQ(cs::SetDesired(store.get(), SwitchWith("sw1", "wanted").get()), cs::kOk);
-  EXPECT_EQ(Listed(store.get()), std::vector<std::string>{"sw1"});
+  EXPECT_EQ(SwitchUuids(store.get()), std::vector<std::string>{"sw1"});
 
   Object **objs = nullptr;
   int n = 0;
-  ASSERT_EQ(cs::GetDesiredUserConfigInstances("switches", "network_zel", "orn", &objs, &n), cs::kOk);
+  ASSERT_EQ(cs::GetDesiredUserConfigInstances("switches", "network_zel", "orn", &objs, &n),
+            cs::kOk);
   ASSERT_EQ(n, 2);
   EXPECT_EQ(Json(objs[0]), R"({"name":"wanted","uuid":"sw1"})");
   EXPECT_EQ(Json(objs[1]), R"({"name":"wanted","uuid":"sw2"})");
@@ -163,11 +136,12 @@ TEST(ConfigStoreStore, DesiredLayerIsSeparate) {
 
   ASSERT_EQ(cs::DeleteDesired(store.get(), "switches", "network_zel", "orn", "sw1"), cs::kOk);
   EXPECT_EQ(cs::DeleteDesired(store.get(), "switches", "network_zel", "orn", "sw1"), cs::kNotFound);
-  ASSERT_EQ(cs::GetDesiredUserConfigInstances("switches", "network_zel", "orn", &objs, &n), cs::kOk);
+  ASSERT_EQ(cs::GetDesiredUserConfigInstances("switches", "network_zel", "orn", &objs, &n),
+            cs::kOk);
   EXPECT_EQ(n, 1);
   cs::DestroyConfigStoreObject(objs[0]);
   free(objs);
-  EXPECT_EQ(Listed(store.get()), std::vector<std::string>{"sw1"});
+  EXPECT_EQ(SwitchUuids(store.get()), std::vector<std::string>{"sw1"});
 }
 
 TEST(ConfigStoreStore, TransactionsCommitAndCancelWhole) {
@@ -182,10 +156,10 @@ TEST(ConfigStoreStore, TransactionsCommitAndCancelWhole) {
   ASSERT_EQ(cs::Set(writer.get(), SwitchWith("b", "new").get(), "EXTERNAL"), cs::kOk);
   ASSERT_EQ(cs::Delete(writer.get(), "switches", "network_zel", "orn", "old"), cs::kOk);
   // The writer sees its own changes; another connection sees none yet.
-  EXPECT_EQ(Listed(writer.get()), (std::vector<std::string>{"a", "b"}));
-  EXPECT_EQ(Listed(reader.get()), std::vector<std::string>{"old"});
+  EXPECT_EQ(SwitchUuids(writer.get()), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(SwitchUuids(reader.get()), std::vector<std::string>{"old"});
   ASSERT_EQ(cs::CommitTransaction(writer.get()), cs::kOk);
-  EXPECT_EQ(Listed(reader.get()), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(SwitchUuids(reader.get()), (std::vector<std::string>{"a", "b"}));
   EXPECT_EQ(cs::CommitTransaction(writer.get()), cs::kTransaction);
   EXPECT_EQ(cs::CancelTransaction(writer.get()), cs::kTransaction);
 
@@ -194,14 +168,14 @@ TEST(ConfigStoreStore, TransactionsCommitAndCancelWhole) {
   ASSERT_EQ(cs::Set(writer.get(), SwitchWith("c", "gone").get(), "EXTERNAL"), cs::kOk);
   ASSERT_EQ(cs::Delete(writer.get(), "switches", "network_zel", "orn", "a"), cs::kOk);
   ASSERT_EQ(cs::CancelTransaction(writer.get()), cs::kOk);
-  EXPECT_EQ(Listed(reader.get()), (std::vector<std::string>{"a", "b"}));
-  EXPECT_EQ(Listed(writer.get()), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(SwitchUuids(reader.get()), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(SwitchUuids(writer.get()), (std::vector<std::string>{"a", "b"}));
 
   // Closing a store with an open transaction discards it.
   ASSERT_EQ(cs::BeginTransaction(writer.get()), cs::kOk);
   ASSERT_EQ(cs::Set(writer.get(), SwitchWith("d", "gone").get(), "EXTERNAL"), cs::kOk);
   writer.reset();
-  EXPECT_EQ(Listed(reader.get()), (std::vector<std::string>{"a", "b"}));
+  EXPECT_EQ(SwitchUuids(reader.get()), (std::vector<std::string>{"a", "b"}));
 }
 
 TEST(ConfigStoreStore, SecondWriterWaitsThenReportsBusy) {
@@ -213,7 +187,7 @@ TEST(ConfigStoreStore, SecondWriterWaitsThenReportsBusy) {
   ASSERT_EQ(cs::BeginTransaction(first.get()), cs::kOk);
   EXPECT_EQ(cs::BeginTransaction(second.get()), cs::kBusy);
   EXPECT_EQ(cs::Set(second.get(), SwitchWith("x", "x").get(), "EXTERNAL"), cs::kBusy);
-  EXPECT_EQ(Listed(second.get()), std::vector<std::string>{});  // reading is not blocked
+  EXPECT_EQ(SwitchUuids(second.get()), std::vector<std::string>{});  // reading is not blocked
   ASSERT_EQ(cs::CommitTransaction(first.get()), cs::kOk);
   ASSERT_EQ(cs::BeginTransaction(second.get()), cs::kOk);
   EXPECT_EQ(cs::CommitTransaction(second.get()), cs::kOk);
@@ -234,7 +208,7 @@ TEST(ConfigStoreStore, UntrustedStoredContent) {
   ASSERT_EQ(cs::Get(store.get(), "switches", "network_zel", "orn", "ok", &o), cs::kOk);
   cs::DestroyConfigStoreObject(o);
   int status = 0;
-  EXPECT_EQ(Listed(store.get(), &status), std::vector<std::string>{});
+  EXPECT_EQ(SwitchUuids(store.get(), &status), std::vector<std::string>{});
   EXPECT_EQ(status, cs::kCorrupt);
   store.reset();
 

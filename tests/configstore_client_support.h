@@ -5,9 +5,11 @@
 #include <sqlite3.h>
 #include <stdlib.h>
 
+#include <cstdlib>
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "host/configstore_client.h"
 
@@ -64,6 +66,42 @@ inline ObjectPtr NewSwitch(const char *id) {
   cs::Object *o = nullptr;
   cs::CreateObject("switches", "network_zel", "orn", id, "{}", &o);
   return ObjectPtr(o);
+}
+
+// An object's content as the store writes it ("" on failure).
+inline std::string Json(cs::Object *o) {
+  char *text = nullptr;
+  cs::ExportObjectJson(o, &text);
+  std::string out = text != nullptr ? text : "";
+  free(text);
+  return out;
+}
+
+// A string value, or "<none>" when it cannot be read.
+inline std::string Str(cs::Object *o, const char *key) {
+  char *v = nullptr;
+  if (cs::GetValueStr(o, key, &v) != cs::kOk) return "<none>";
+  std::string out = v;
+  free(v);
+  return out;
+}
+
+// The "uuid" of every current switch object, in the order listed.
+inline std::vector<std::string> SwitchUuids(cs::Store *store, int *status = nullptr) {
+  cs::Filter *f = nullptr;
+  cs::CreateFilterSpecObject("switches", "network_zel", "orn", "", &f);
+  cs::Object **objs = nullptr;
+  int n = 0;
+  int s = cs::GetInstances(store, f, &objs, &n);
+  if (status != nullptr) *status = s;
+  std::vector<std::string> out;
+  for (int i = 0; i < n; ++i) {
+    out.push_back(Str(objs[i], "uuid"));
+    cs::DestroyConfigStoreObject(objs[i]);
+  }
+  free(objs);
+  cs::DestroyFilterSpecObject(f);
+  return out;
 }
 
 // The stored row's content read with plain SQLite ("" when there is none).

@@ -40,13 +40,18 @@ int Tool(const TempStore &tmp, const std::string &args, std::string *out = nullp
 TEST(ConfigStoreTool, WritesDesiredLayerReadByClient) {
   if (access(ToolPath().c_str(), X_OK) != 0) GTEST_SKIP() << "tool not built";
   TempStore tmp;
-  ASSERT_EQ(Tool(tmp, R"(--desired put switches network_zel orn sw1 '{"uuid":"sw1","@types":{"max_ports":"int32"},"max_ports":64}')"), 0);
+  ASSERT_EQ(
+      Tool(
+          tmp,
+          R"(--desired put switches network_zel orn sw1 '{"uuid":"sw1","@types":{"max_ports":"int32"},"max_ports":64}')"),
+      0);
   ASSERT_EQ(Tool(tmp, R"(put switches network_zel orn sw1 '{"uuid":"sw1"}')"), 0);
   EXPECT_EQ(Tool(tmp, R"(put switches network_zel orn sw2 '{"bad":1.5}')"), cs::kBadArgument);
 
   cs::Object **objs = nullptr;
   int n = 0;
-  ASSERT_EQ(cs::GetDesiredUserConfigInstances("switches", "network_zel", "orn", &objs, &n), cs::kOk);
+  ASSERT_EQ(cs::GetDesiredUserConfigInstances("switches", "network_zel", "orn", &objs, &n),
+            cs::kOk);
   ASSERT_EQ(n, 1);
   int32_t maxPorts = 0;
   EXPECT_EQ(cs::GetValueInt(objs[0], "max_ports", &maxPorts), cs::kOk);

@@ -304,6 +304,33 @@ TEST(SerializedDataTest, EntryRefusals) {
   }
 }
 
+TEST(SerializedDataTest, DecodedEntriesAreCanonical) {
+  // A name filling all 128 bytes is cut to 127 characters.
+  Bytes full = MaxPortsGolden();
+  std::memset(full.data() + 16, 'n', 128);
+  Reseal(full);
+  PropertyList *list = nullptr;
+  ASSERT_EQ(Decode(full, &list), STATUS_OK);
+  PropertyEntry *e = nullptr;
+  ASSERT_EQ(ZELData_Next(list, nullptr, &e), STATUS_OK);
+  EXPECT_EQ(std::string(ZELData_Name(e)), std::string(127, 'n'));
+  ZELData_Free(list);
+  // An entry longer than its value needs is rebuilt at the canonical length.
+  Bytes roomy(168, 0);
+  Put32(roomy, 0, 168);
+  roomy[8] = 1;
+  Put32(roomy, 12, 152);
+  std::memcpy(roomy.data() + 16, "maxPorts", 8);
+  Put32(roomy, 144, 16);
+  Put32(roomy, 148, 4);
+  Put32(roomy, 152, 256);
+  Reseal(roomy);
+  ASSERT_EQ(Decode(roomy, &list), STATUS_OK);
+  EXPECT_EQ(ZELData_SerializedSize(list, 0), 164u);
+  EXPECT_EQ(Serialize(list), MaxPortsGolden());
+  ZELData_Free(list);
+}
+
 TEST(SerializedDataTest, SingleValueReader) {
   Bytes g = MaxPortsGolden();
   uint32_t value = 0;

@@ -105,8 +105,9 @@ int Show(cs::Store *store, const Args &a, bool one) {
 int main(int argc, char **argv) {
   CLI::App app{"Reads and writes objects of the host configuration store."};
   Args a;
-  app.add_option("--db", a.db, "database file (default: $ZEL_CONFIGSTORE_PATH or " +
-                                   std::string(cs::kDefaultPath) + ")");
+  app.add_option(
+      "--db", a.db,
+      "database file (default: $ZEL_CONFIGSTORE_PATH or " + std::string(cs::kDefaultPath) + ")");
   app.add_flag("--desired", a.desired, "use the desired (user-configured) layer");
   app.require_subcommand(1);
   std::string sel1, sel2, sel3, id;

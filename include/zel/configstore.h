@@ -2,6 +2,11 @@
  * libzel configuration-store persistence: the state blob saved into the host
  * configuration store as structured switch objects, and loaded back.
  *
+ * Every property name maps, through one of three tables, to a path inside
+ * the switch object (or inside the port's element of its "ports" list) and
+ * to the conversion kind that turns the property bytes into typed values and
+ * back.
+ *
  * These functions return a plain u32: 0 on success, 0xFFFFFFFF for the
  * library's own failures, otherwise the failing configuration-store status.
  * A save and a load, or two loads, must not run at the same time.
@@ -9,6 +14,7 @@
 #ifndef ZEL_CONFIGSTORE_H
 #define ZEL_CONFIGSTORE_H
 
+#include <stdbool.h>
 #include <stdint.h>
 
 #include "zel/status.h"
@@ -17,17 +23,57 @@ ZEL_EXTERN_C_BEGIN
 
 #define ZEL_CONFIGSTORE_FAILURE 0xFFFFFFFFu
 
-/* Trace level of the configuration-store code; initially 10. */
+/* Path of a mapping row: up to 5 components of at most 127 characters. */
+#define ZEL_CONFIG_PATH_COMPONENTS 5
+#define ZEL_CONFIG_PATH_SIZE 128
+/* The kind of every terminating row; never converted. */
+#define ZEL_CONFIG_KIND_END 37u
+
+/* One row of a mapping table.  `path[depth - 1]` is the key of the value (or
+ * the sub-object the conversion fills); the components before it name
+ * singleton sub-objects nested from the owning object.  A table ends with a
+ * row whose name is NULL, depth 0 and kind ZEL_CONFIG_KIND_END. */
+typedef struct PropToConfigEntry {
+  const char *name;
+  char path[ZEL_CONFIG_PATH_COMPONENTS][ZEL_CONFIG_PATH_SIZE];
+  uint32_t depth;
+  uint32_t kind;
+  uint32_t flags; /* property type of the properties a load creates (16) */
+} PropToConfigEntry;
+
+/* Switch-wide, host and port properties; zelConfigMaps holds them at the
+ * table indices 0, 1 and 2. */
+ZEL_API extern const PropToConfigEntry zelGlobalProp2Config[29];
+ZEL_API extern const PropToConfigEntry zelHostProp2Config[5];
+ZEL_API extern const PropToConfigEntry zelPortProp2Config[25];
+ZEL_API extern const PropToConfigEntry *const zelConfigMaps[3];
+
+/* What a save clears from an existing switch object before rewriting it:
+ * plain values, singleton sub-objects, lists of sub-objects.  Each list ends
+ * with NULL. */
+ZEL_API extern const char *const UNUSED_PRIMITIVE_PROPS[10];
+ZEL_API extern const char *const UNUSED_SINGLETON_PROPS[5];
+ZEL_API extern const char *const UNUSED_NON_SINGLETON_PROPS[6];
+
+/* Trace level of the configuration-store code; initially 10.  Failures print
+ * when it is >= 0, traces when it is > 0. */
 ZEL_API extern int zelconfigstore_debug;
+
+/* The first row of table 0, 1 or 2; NULL for any other index. */
+ZEL_API const PropToConfigEntry *GetConfigMap(int index);
 
 /* Saves every switch of the state blob (and deletes stored switches it lacks). */
 ZEL_API uint32_t ZELState_SaveBufToConfigStore(const void *blob, uint32_t length);
-/* The same, limited to one switch when switchId is not NULL. */
+/* The same, limited to one switch when switchId is not NULL.  A blob that
+ * does not deserialize returns the deserializer's status and leaves the
+ * store untouched. */
 ZEL_API uint32_t ZELState_SaveBufToConfigStore_ByInstance(const void *blob, uint32_t length,
                                                           const char *switchId);
 /* Builds a state blob from the stored switch objects (the desired layer when
- * desired is true).  *blob is allocated with malloc; the caller frees it. */
+ * desired is true).  *blob is allocated with malloc; the caller frees it.
+ * The outputs are written only on success. */
 ZEL_API uint32_t ZELState_LoadFromConfigStoreAsBuf(void **blob, uint32_t *length, bool desired);
+/* True when text equals one of the first count strings of array. */
 ZEL_API bool StringExistInArray(const char *text, char **array, int count);
 
 ZEL_EXTERN_C_END

@@ -1,0 +1,261 @@
+// The load driver over hand-written switch objects: the blob it builds, how
+// it finds the version, which ports it loads, the desired layer, and its
+// failures with their messages.
+#include <string>
+
+#include "configstore_persist_support.h"
+
+using namespace persisttest;
+using Op = cs::testing::Op;
+
+namespace {
+
+constexpr const char *kHead = R"("max_ports":16,"product":{"forwarding_class":"vswitch",)";
+
+std::string Object(const std::string &id, const std::string &version, const std::string &rest) {
+  return R"({"uuid":")" + id + R"(",)" + kHead + R"("version":")" + version + R"("})" + rest + "}";
+}
+
+// Three ports named by their "name"; p1 is the only uplink.
+std::string ThreePorts() {
+  return Object("sw", "6.6.0",
+                R"(,"resource_management":{"enable":false},"uplink_port_keys":["p1"],)"
+                R"("ports":[{"key":"p1","name":"one"},{"key":"p2","name":"two"},)"
+                R"({"key":"p3","name":"three"}])");
+}
+
+class PersistLoad : public PersistTest {
+ protected:
+  std::string Loading(uint32_t expected, int level = 0) {
+    zeltest::ScopedLevel scoped(zelconfigstore_debug, level);
+    return zeltest::CaptureStdout([&] {
+      uint32_t status = 0;
+      LoadAll(&status);
+      EXPECT_EQ(status, expected);
+    });
+  }
+};
+
+TEST_F(PersistLoad, EmptyStoreGivesAnEmptyBlob) {
+  void *blob = nullptr;
+  uint32_t length = 0;
+  ASSERT_EQ(ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false), 0u);
+  const auto *b = static_cast<const uint8_t *>(blob);
+  EXPECT_EQ(Bytes(b, b + length), (Bytes{16, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
+  std::free(blob);
+  EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(nullptr, &length, false), kFail);
+}
+
+TEST_F(PersistLoad, SwitchBlobMatchesTheStateDatabaseLayout) {
+  Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":true)").c_str());
+  void *blob = nullptr;
+  uint32_t length = 0;
+  {
+    NoPolicy stubs;
+    ASSERT_EQ(ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false), 0u);
+  }
+  // The state database takes the loaded blob as it is.
+  ASSERT_EQ(ZELState_ConfigDeserialize(blob, length), STATUS_OK);
+  std::free(blob);
+  SwitchState *sw = ZELState_SwitchFind("sw");
+  ASSERT_NE(sw, nullptr);
+  EXPECT_EQ(ZEL_Version(sw), 107u);
+  EXPECT_STREQ(ZEL_ClassName(sw), "vswitch");
+  const auto global = zelstatetest::ListProps(ZEL_GlobalPropList(sw));
+  EXPECT_EQ(global, (Props{{"com.zorlan.common.version", U32(107)}}));
+  // "className" carries the text and its NUL only.
+  Loaded loaded = LoadOne();
+  EXPECT_EQ(loaded.className, Text("vswitch"));
+  EXPECT_EQ(loaded.maxPorts, 16u);
+  EXPECT_EQ(loaded.host, (Props{{"com.zorlan.common.portset.qor", Text("true")}}));
+}
+
+TEST_F(PersistLoad, VersionTextAndSwitchHeaderFailures) {
+  Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":false)").c_str());
+  EXPECT_EQ(LoadOne().version, 7u);
+  Put("sw", Object("sw", "7.0.0", "").c_str());
+  EXPECT_EQ(Loading(0, 1), "Loading switch:sw\nUnabled to get qor_enabled"
+                           "LoadProps: globalPropList\nUnabled to get qor_enabled"
+                           "LoadProps: hostPropList\n");
+
+  Put("sw", Object("sw", "7.0", "").c_str());
+  EXPECT_EQ(Loading(kFail),
+            "Unknown zel version 7.0\nFailed to load buf of switch: sw from configstore\n");
+  Put("sw", R"({"uuid":"sw","max_ports":1})");
+  EXPECT_EQ(Loading(6), "Failed to load buf of switch: sw from configstore\n");
+  Put("sw", R"({"uuid":"sw","product":{"forwarding_class":"x","version":"6.0.0"}})");
+  EXPECT_EQ(Loading(6),
+            "Failed to get max_ports, rc: 6\nFailed to load buf of switch: sw from configstore\n");
+  Put("sw", R"({"uuid":"sw","max_ports":1,"product":{"version":"6.0.0"}})");
+  EXPECT_EQ(Loading(6), "Failed to get forwarding_class, rc: 6\n"
+                        "Failed to load buf of switch: sw from configstore\n");
+  // Without a readable uuid the repeated read's status ends the load.
+  Put("sw", R"({"uuid":7,"max_ports":1})");
+  EXPECT_EQ(Loading(3), "Failed to get uuid, rc: 3\n");
+}
+
+TEST_F(PersistLoad, PolicyRowsAreRejectedUntilTheirKindsAreInPlace) {
+  WithoutKinds rejected({11});
+  Put("sw", Object("sw", "6.6.0", "").c_str());
+  zeltest::ScopedLevel scoped(zelconfigstore_debug, 0);
+  void *blob = nullptr;
+  uint32_t length = 0;
+  std::string out = zeltest::CaptureStdout(
+      [&] { EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false), kFail); });
+  EXPECT_EQ(blob, nullptr);
+  EXPECT_EQ(out,
+            "Faild to load prop: com.zorlan.common.vlanmtucheck.deploy, key: health_checks, "
+            "type:11 from configstore, rc: -1\n"
+            "Load zel props from configstore failed, props type:globalPropList\n"
+            "Failed to load buf of switch: sw from configstore\n");
+}
+
+TEST_F(PersistLoad, PortsAndTheUplinkResourcePools) {
+  // Only under "resource_management" do ports load.
+  Put("sw", Object("sw", "6.6.0", R"(,"ports":[{"key":"p1","name":"one"}])").c_str());
+  EXPECT_TRUE(LoadOne().ports.empty());
+
+  Put("sw", ThreePorts().c_str());
+  // Kind 36 not in place: the uplink port fails the load.
+  WithoutKinds without36({36});
+  EXPECT_EQ(Loading(kFail), "Faild to load prop: com.zorlan.common.port.respools.cfg, key: "
+                            "traffic_resources, type:36 from configstore, rc: -1\n"
+                            "Load zel props from configstore failed, props type:p1\n"
+                            "Failed to load buf of switch: sw from configstore\n");
+
+  // With a case for kind 36, it runs after the rows of uplink ports only,
+  // on the switch's "resource_management" object.
+  auto pools = [](const zp::LoadArgs &a) -> uint32_t {
+    uint8_t enable = 1;
+    if (cs::GetValueBool(a.parent, "enable", &enable) != 0 || enable != 0) return 99;
+    return ZELData_Update(a.list, a.name, a.key, static_cast<uint32_t>(std::strlen(a.key) + 1),
+                          a.propType);
+  };
+  ScopedKinds kind36({36}, zp::KindCase{NoSave, pools});
+  Loaded sw = LoadOne();
+  using Ports = std::vector<std::pair<std::string, Props>>;
+  EXPECT_EQ(sw.ports, (Ports{{"p1",
+                              {{"com.zorlan.common.port.alias", Text("one")},
+                               {"com.zorlan.common.port.respools.cfg", Text("traffic_resources")}}},
+                             {"p2", {{"com.zorlan.common.port.alias", Text("two")}}},
+                             {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}}));
+}
+
+// The port catch-all row is the last one a port walks; these cases act on
+// the element being loaded.
+uint32_t FailNextKeyRead(const zp::LoadArgs &a) {
+  char *key = nullptr;
+  cs::GetValueStr(a.object, "key", &key);
+  if (key != nullptr && std::strcmp(key, "p1") == 0)
+    cs::testing::FailNext(Op::kGetValueStr, cs::kStorage);  // the next port's "key"
+  std::free(key);
+  return 0;
+}
+uint32_t AbsentForP2(const zp::LoadArgs &a) {
+  char *key = nullptr;
+  cs::GetValueStr(a.object, "key", &key);
+  const bool p2 = key != nullptr && std::strcmp(key, "p2") == 0;
+  std::free(key);
+  return p2 ? 6 : 0;
+}
+
+TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
+  Put("sw", ThreePorts().c_str());
+  ScopedKinds kind36({36}, zp::KindCase{NoSave, NoLoad});
+  using Ports = std::vector<std::pair<std::string, Props>>;
+  const Ports expected = {{"p1", {{"com.zorlan.common.port.alias", Text("one")}}},
+                          {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}};
+  {
+    ScopedKinds kind33({33}, zp::KindCase{NoSave, FailNextKeyRead});
+    zeltest::ScopedLevel level(zelconfigstore_debug, 0);
+    Loaded sw;
+    std::string out = zeltest::CaptureStdout([&] { sw = LoadOne(); });
+    EXPECT_EQ(sw.ports, expected);  // p2's properties are filed under no other key
+    EXPECT_EQ(out, "Failed to get port key, rc: 7\n");
+  }
+  {
+    ScopedKinds kind33({33}, zp::KindCase{NoSave, AbsentForP2});
+    zeltest::ScopedLevel level(zelconfigstore_debug, 0);
+    Loaded sw;
+    std::string out = zeltest::CaptureStdout([&] { sw = LoadOne(); });
+    EXPECT_EQ(sw.ports, expected);
+    EXPECT_EQ(out, "Faild to load prop: DEFAULT, key: data, type:33 from configstore, rc: 6\n"
+                   "Load zel props from configstore failed, props type:p2\n");
+  }
+  // A port keyed like an entry of the switch list would overwrite it.
+  Put("sw", Object("sw", "6.6.0",
+                   R"(,"resource_management":{},"ports":[{"key":"className","name":"x"}])")
+                .c_str());
+  Loaded sw = LoadOne();
+  EXPECT_TRUE(sw.ports.empty());
+  EXPECT_EQ(sw.className, Text("vswitch"));
+}
+
+TEST_F(PersistLoad, DesiredLayerPairsObjectsByPosition) {
+  Put("a", Object("a", "6.6.0", R"(,"portset_name":"current-a")").c_str());
+  Put("b", Object("b", "6.6.0", R"(,"portset_name":"current-b")").c_str());
+  cfgtest::StorePtr store = cfgtest::OpenStore();
+  auto desire = [&](const char *id, const std::string &content) {
+    cs::Object *o = nullptr;
+    ASSERT_EQ(cs::CreateObject("switches", "network_zel", "orn", id, content.c_str(), &o), 0);
+    EXPECT_EQ(cs::SetDesired(store.get(), o), 0);
+    cs::DestroyConfigStoreObject(o);
+  };
+  desire("a", Object("a", "5.0", ""));  // an unloadable version: the desired objects are loaded
+  uint32_t status = 0;
+  LoadAll(&status, true);
+  EXPECT_EQ(status, kFail);  // one desired, two current
+
+  desire("a", Object("a", "6.5.0", R"(,"portset_name":"desired-a")"));
+  desire("b", Object("b", "6.0.0", ""));
+  auto loaded = LoadAll(&status, true);
+  ASSERT_EQ(status, 0u);
+  ASSERT_EQ(loaded.size(), 2u);
+  EXPECT_EQ(loaded[0].second.version, 5u);
+  EXPECT_EQ(loaded[0].second.host, (Props{{"com.zorlan.common.host.portset", Text("current-a")}}));
+  EXPECT_EQ(loaded[1].second.version, 4u);
+  EXPECT_EQ(loaded[1].second.host, (Props{{"com.zorlan.common.host.portset", Text("current-b")}}));
+
+  cs::testing::FailNext(Op::kGetDesiredUserConfigInstances, cs::kBusy);
+  zeltest::ScopedLevel level(zelconfigstore_debug, 0);
+  std::string out = zeltest::CaptureStdout([&] { LoadAll(&status, true); });
+  EXPECT_EQ(status, 8u);
+  EXPECT_EQ(out, "Failed to get zel desired user config instances");
+}
+
+TEST_F(PersistLoad, StoreAndAllocationFailures) {
+  Put("sw", Object("sw", "6.6.0", R"(,"name":"dvs")").c_str());
+  cs::testing::FailNext(Op::kGetStore, cs::kStorage);
+  EXPECT_EQ(Loading(7), "Get store failed");
+  cs::testing::FailNext(Op::kGetInstances, cs::kCorrupt);
+  EXPECT_EQ(Loading(9), "Failed to get zel instances");
+
+  // Every allocation of the load's lists fails once in turn: the load fails
+  // cleanly (nothing handed back, nothing left allocated) until none fails.
+  namespace fa = zeltest::failalloc;
+  zp::testing::SetLoadAllocator(fa::Alloc, fa::Free);
+  NoPolicy stubs;
+  zeltest::ScopedLevel level(zelconfigstore_debug, 1);
+  bool sawListMessage = false;
+  for (uint64_t k = 1;; ++k) {
+    SCOPED_TRACE(k);
+    fa::FailAt(k);
+    void *blob = nullptr;
+    uint32_t length = 0, status = 0;
+    std::string out = zeltest::CaptureStdout(
+        [&] { status = ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false); });
+    if (status == 0) {
+      EXPECT_GT(k, 4u);
+      fa::Free(blob);
+      break;
+    }
+    EXPECT_EQ(blob, nullptr);
+    EXPECT_EQ(fa::Live(), 0);
+    sawListMessage |= out.find("Load zel: sw from configstore failed, error: ") != std::string::npos;
+  }
+  EXPECT_TRUE(sawListMessage);
+  fa::FailAt(0);
+  EXPECT_EQ(fa::Live(), 0);
+}
+
+}  // namespace

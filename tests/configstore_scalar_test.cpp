@@ -1,0 +1,310 @@
+// The plain conversions through a real store file: what a save writes (the
+// exact stored content), what a load gives back, and every way the two differ.
+#include <optional>
+#include <string>
+
+#include "configstore_persist_support.h"
+
+using namespace persisttest;
+
+namespace {
+
+// A counted list of names in slots of `slot` bytes.
+Bytes NameList(const std::vector<std::string> &names, size_t slot, uint32_t count) {
+  Bytes b = U32(count);
+  for (const std::string &n : names) {
+    Bytes s(slot, 0);
+    std::memcpy(s.data(), n.data(), std::min(n.size(), slot));
+    b.insert(b.end(), s.begin(), s.end());
+  }
+  return b;
+}
+Bytes PortIds(const std::vector<std::string> &names) { return NameList(names, 48, names.size()); }
+Bytes PortNames(const std::vector<std::string> &names) { return NameList(names, 81, names.size()); }
+Bytes I32(int32_t v) { return U32(static_cast<uint32_t>(v)); }
+
+SwitchDef EtherSwitch() {
+  SwitchDef s;
+  s.id = "sw-1";
+  s.global = {
+      {"com.zorlan.common.alias", Text("dvs-a")},
+      {"com.zorlan.common.version", U32(7)},
+      {"com.zorlan.etherswitch.mtu", U32(9000)},
+      {"com.zorlan.common.opaqueZel", Text("true")},
+      {"com.zorlan.common.uplinkPorts", PortNames({"uplink1", "uplink2"})},
+      {"com.zorlan.etherswitch.ipv4addr", Bytes{0xC0, 0xA8, 0x01, 0x0A}},
+      {"com.zorlan.etherswitch.beaconTimeout", I32(-1)},
+      {"com.zorlan.etherswitch.multicastFilter", Text("legacyFiltering")},
+      {"com.zorlan.common.respools.sched", Bytes{1}},
+      {"com.zorlan.common.respools.version", Text("version3")},
+      {"com.zorlan.common.resv.threshold", U32(75)},
+  };
+  s.host = {
+      {"com.zorlan.common.host.portset", Text("ps-1")},
+      {"com.zorlan.common.host.uplinkPorts", PortIds({"p1", "p9"})},
+      {"com.zorlan.common.portset.qor", Text("false")},
+  };
+  s.ports = {{"p1",
+              {
+                  {"com.zorlan.common.port.alias", Text("vm-nic")},
+                  {"com.zorlan.common.port.connectid", U32(12345)},
+                  {"com.zorlan.common.port.block", Text("true")},
+                  {"com.zorlan.common.port.ptAllowed", U32(2)},
+                  {"com.zorlan.etherswitch.port.txUplink", Text("always")},
+                  {"com.zorlan.common.port.portgroupid", Text("pg-7")},
+                  {"com.zorlan.etherswitch.port.ipfix", Text("enabled")},
+                  {"com.zorlan.common.port.backingType", Text("standard")},
+                  {"com.zorlan.vswitch.port.priority", U32(5)},
+              }}};
+  return s;
+}
+
+// The value a load gives back for a property ("" absent), and whether the
+// property is there at all.
+const Bytes *Find(const Props &props, const std::string &name) {
+  for (const auto &[n, v] : props)
+    if (n == name) return &v;
+  return nullptr;
+}
+
+class PersistScalar : public PersistTest {
+ protected:
+  // Port p1 is an uplink in some tests; its resource pools are not looked at.
+  ScopedKinds pools_{{36}, zp::KindCase{NoSave, NoLoad}};
+
+  // Saves one switch of class `cls` with the version property, a
+  // "resource_management" sub-object (ports load only under one), port p1
+  // and the given properties, and loads it back.
+  Loaded RoundTrip(const std::string &cls, Props global, Props host = {}, Props port = {}) {
+    SwitchDef s;
+    s.id = "sw-rt";
+    s.cls = cls;
+    s.global = {{"com.zorlan.common.version", U32(7)},
+                {"com.zorlan.common.respools.sched", Bytes{0}}};
+    s.global.insert(s.global.end(), global.begin(), global.end());
+    s.host = std::move(host);
+    s.ports = {{"p1", std::move(port)}};
+    EXPECT_EQ(Save({s}), 0u);
+    return LoadOne();
+  }
+};
+
+TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
+  ASSERT_EQ(Save({EtherSwitch()}), 0u);
+  EXPECT_EQ(Json("sw-1"),
+            R"({"@types":{"max_ports":"int32"},"is_opaque":true,"max_ports":4096,"name":"dvs-a",)"
+            R"("ports":[{"@types":{"connection_cookie":"uint32"},"connection_cookie":12345,)"
+            R"("key":"p1","name":"vm-nic","port_group_key":"pg-7","settings":{)"
+            R"("backing_type":"standard","blocked":true,"ferrox_gen2_allowed":true,)"
+            R"("ipfix_enabled":true,"tx_uplink":true,)"
+            R"("vlan":{"@types":{"priority":"uint32"},"priority":5}}}],)"
+            R"("portset_name":"ps-1","product":{"forwarding_class":"etherswitch","version":"7.0.0"},)"
+            R"("qor_enabled":false,"resource_management":{)"
+            R"("@types":{"pnic_capacity_ratio_for_reservation":"uint32"},"enable":true,)"
+            R"("network_resource_control_version":"version3",)"
+            R"("pnic_capacity_ratio_for_reservation":75},)"
+            R"("settings":{"@types":{"beacon":"int32","max_mtu":"uint32"},"beacon":-1,)"
+            R"("max_mtu":9000,"multicast_filtering_mode":"legacyFiltering"},)"
+            R"("switch_address":"192.168.1.10","uplink_port_keys":["p1","p9"],)"
+            R"("uplink_port_names":["uplink1","uplink2"],"uuid":"sw-1"})");
+
+  Loaded sw = LoadOne();
+  EXPECT_EQ(sw.version, 7u);
+  EXPECT_EQ(sw.className, Text("etherswitch"));
+  EXPECT_EQ(sw.maxPorts, 4096u);  // the class is exempt from the port limit
+  // Row order, which is the saved order here; the MTU key is shared, so the
+  // common row comes back as well.
+  Props global = EtherSwitch().global;
+  global.insert(global.begin() + 2, {"com.zorlan.common.portset.mtu", U32(9000)});
+  EXPECT_EQ(sw.global, global);
+  EXPECT_EQ(sw.host, EtherSwitch().host);
+  ASSERT_EQ(sw.ports.size(), 1u);
+  EXPECT_EQ(sw.ports[0].first, "p1");
+  EXPECT_EQ(sw.ports[0].second, EtherSwitch().ports[0].second);
+}
+
+// Names of the loaded properties of a list, for the class filters.
+std::vector<std::string> Names(const Props &props) {
+  std::vector<std::string> names;
+  for (const auto &[n, v] : props) names.push_back(n);
+  return names;
+}
+
+TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
+  struct Case {
+    const char *cls;
+    std::vector<std::string> global, port;
+  } cases[] = {
+      {"etherswitch",
+       {"com.zorlan.common.portset.mtu", "com.zorlan.etherswitch.mtu",
+        "com.zorlan.etherswitch.multicastFilter"},
+       {"com.zorlan.etherswitch.port.txUplink"}},
+      {"pyxswitch",
+       {"com.zorlan.common.portset.mtu", "com.zorlan.etherswitch.mtu",
+        "com.zorlan.etherswitch.multicastFilter"},
+       {"com.zorlan.etherswitch.port.txUplink"}},
+      {"vswitch",
+       {"com.zorlan.common.portset.mtu", "com.zorlan.vswitch.mtu",
+        "com.zorlan.vswitch.multicastFilter"},
+       {"com.zorlan.vswitch.port.txUplink"}},
+      {"cswitch",
+       {"com.zorlan.common.portset.mtu", "com.zorlan.vswitch.multicastFilter"},
+       {"com.zorlan.vswitch.port.txUplink"}},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.cls);
+    Loaded sw = RoundTrip(c.cls,
+                          {{"com.zorlan.vswitch.mtu", U32(1600)},
+                           {"com.zorlan.vswitch.multicastFilter", Text("snooping")}},
+                          {}, {{"com.zorlan.vswitch.port.txUplink", Text("always")}});
+    // A switch without an alias was saved with the name "unknown".
+    std::vector<std::string> expected = {"com.zorlan.common.alias", "com.zorlan.common.version"};
+    expected.insert(expected.end(), c.global.begin(), c.global.end());
+    expected.push_back("com.zorlan.common.respools.sched");
+    EXPECT_EQ(Names(sw.global), expected);
+    for (const std::string &name : c.global)
+      EXPECT_EQ(*Find(sw.global, name), name.find("mtu") != std::string::npos ? U32(1600)
+                                                                                : Text("snooping"));
+    ASSERT_EQ(sw.ports.size(), 1u);
+    EXPECT_EQ(sw.ports[0].second, (Props{{c.port[0], Text("always")}}));
+  }
+}
+
+TEST_F(PersistScalar, SaveThenLoadNormalizesFlagsAndTexts) {
+  struct Case {
+    int where;  // 0 global, 1 host, 2 port
+    const char *name;
+    Bytes saved;
+    std::optional<Bytes> loaded;  // nullopt: no property comes back
+  } cases[] = {
+      {0, "com.zorlan.common.respools.sched", Bytes{7}, Bytes{1}},
+      {0, "com.zorlan.common.opaqueZel", Text("yes"), Text("false")},
+      {0, "com.zorlan.common.opaqueZel", Text("truex"), Text("false")},
+      {0, "com.zorlan.common.opaqueZel", Text("tru"), Text("false")},
+      // A text without its NUL is read to the value's end.
+      {0, "com.zorlan.common.opaqueZel", Bytes{'t', 'r', 'u', 'e'}, Text("true")},
+      {1, "com.zorlan.common.portset.qor", Text("TRUE"), Text("false")},
+      {1, "com.zorlan.common.portset.qor", Text("true"), Text("true")},
+      {2, "com.zorlan.common.port.block", Text("1"), Text("false")},
+      {2, "com.zorlan.etherswitch.port.txUplink", Text("sometimes"), Text("normal")},
+      {2, "com.zorlan.common.port.ptAllowed", U32(1), U32(0)},
+      {2, "com.zorlan.etherswitch.port.ipfix", Text("disabled"), std::nullopt},
+      {0, "com.zorlan.common.uplinkPorts", PortNames({}), std::nullopt},
+      {1, "com.zorlan.common.host.uplinkPorts", PortIds({}), std::nullopt},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.name);
+    Props props = {{c.name, c.saved}};
+    Loaded sw = c.where == 0   ? RoundTrip("etherswitch", props)
+                : c.where == 1 ? RoundTrip("etherswitch", {}, props)
+                               : RoundTrip("etherswitch", {}, {}, props);
+    const Props &list = c.where == 0 ? sw.global : c.where == 1 ? sw.host : sw.ports.at(0).second;
+    const Bytes *got = Find(list, c.name);
+    if (c.loaded) {
+      ASSERT_NE(got, nullptr);
+      EXPECT_EQ(*got, *c.loaded);
+    } else {
+      EXPECT_EQ(got, nullptr);
+    }
+  }
+}
+
+TEST_F(PersistScalar, EmptyUplinkListsAreStoredDifferently) {
+  RoundTrip("etherswitch", {{"com.zorlan.common.uplinkPorts", PortNames({})}},
+            {{"com.zorlan.common.host.uplinkPorts", PortIds({})}});
+  const std::string json = Json("sw-rt");
+  EXPECT_NE(json.find(R"("uplink_port_keys":[])"), std::string::npos) << json;
+  EXPECT_EQ(json.find("uplink_port_names"), std::string::npos) << json;
+}
+
+TEST_F(PersistScalar, VersionCodeComesBackFromTextAndQorFlag) {
+  struct Case {
+    uint32_t code;
+    const char *qor;  // host "com.zorlan.common.portset.qor", or null
+    const char *text;
+    uint32_t loaded;
+  } cases[] = {
+      {4, nullptr, "6.0.0", 4},       {5, nullptr, "6.5.0", 5},     {6, nullptr, "6.6.0", 6},
+      {7, nullptr, "7.0.0", 7},       {100, nullptr, "QOR 1.0", 100}, {107, "true", "7.0.0", 107},
+      {107, "false", "7.0.0", 7},     {107, nullptr, "7.0.0", 7},
+  };
+  for (const Case &c : cases) {
+    SCOPED_TRACE(c.code);
+    SwitchDef s;
+    s.id = "sw-v";
+    s.version = c.code;
+    s.global = {{"com.zorlan.common.version", U32(c.code)}};
+    if (c.qor != nullptr) s.host = {{"com.zorlan.common.portset.qor", Text(c.qor)}};
+    ASSERT_EQ(Save({s}), 0u);
+    EXPECT_NE(Json("sw-v").find(std::string(R"("version":")") + c.text + "\""), std::string::npos);
+    Loaded sw = LoadOne();
+    EXPECT_EQ(sw.version, c.loaded);
+    EXPECT_EQ(sw.global, (Props{{"com.zorlan.common.alias", Text("unknown")},
+                                {"com.zorlan.common.version", U32(c.loaded)}}));
+  }
+}
+
+TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
+  const std::string before = Dump();
+  zelconfigstore_debug = 0;
+  SwitchDef s;
+  s.id = "sw-m";
+  s.global = {{"com.zorlan.common.version", U32(8)}};
+  std::string out = zeltest::CaptureStdout([&] { EXPECT_EQ(Save({s}), kFail); });
+  EXPECT_EQ(out,
+            "Unknow version : 8\n"
+            "Set prop: com.zorlan.common.version failed\n"
+            "Failed to save zel: sw-m to configstore\n"
+            "Failed to save zel to configstore");
+  zelconfigstore_debug = -1;
+  // Numbers and list counts shorter than 4 bytes are refused.
+  for (const auto &[name, value] : Props{{"com.zorlan.common.resv.threshold", Bytes{1, 2}},
+                                         {"com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}},
+                                         {"com.zorlan.common.uplinkPorts", Bytes{1, 0}}}) {
+    s.global = {{"com.zorlan.common.version", U32(7)}, {name, value}};
+    EXPECT_EQ(Save({s}), kFail) << name;
+  }
+  EXPECT_EQ(Dump(), before);
+
+  // A count beyond the value's slots: only the whole slots present are read.
+  Bytes names = NameList({"u1", "u2"}, 81, 5);
+  names.resize(names.size() - 1);  // the second slot is cut short
+  Bytes keys = NameList({"k1", "k2"}, 48, 3);
+  s.global = {{"com.zorlan.common.version", U32(7)}, {"com.zorlan.common.uplinkPorts", names}};
+  s.host = {{"com.zorlan.common.host.uplinkPorts", keys}};
+  ASSERT_EQ(Save({s}), 0u);
+  const std::string json = Json("sw-m");
+  EXPECT_NE(json.find(R"("uplink_port_names":["u1"])"), std::string::npos) << json;
+  EXPECT_NE(json.find(R"("uplink_port_keys":["k1","k2"])"), std::string::npos) << json;
+}
+
+TEST_F(PersistScalar, LoadedListNamesAreCutToTheirSlot) {
+  const std::string key(60, 'k'), name(100, 'n');
+  const std::string content = R"({"uuid":"sw-c","max_ports":8,"product":{"forwarding_class":"x",)"
+                              R"("version":"6.5.0"},"uplink_port_keys":[")" +
+                              key + R"(","p2"],"uplink_port_names":[")" + name + R"("]})";
+  Put("sw-c", content.c_str());
+  Loaded sw = LoadOne();
+  EXPECT_EQ(sw.version, 5u);
+  EXPECT_EQ(sw.maxPorts, 8u);
+  EXPECT_EQ(sw.host, (Props{{"com.zorlan.common.host.uplinkPorts",
+                             NameList({key.substr(0, 47), "p2"}, 48, 2)}}));
+  EXPECT_EQ(*Find(sw.global, "com.zorlan.common.uplinkPorts"),
+            NameList({name.substr(0, 80)}, 81, 1));
+}
+
+TEST_F(PersistScalar, UnparsableAddressFailsTheLoad) {
+  Put("sw-a", R"({"uuid":"sw-a","max_ports":8,"switch_address":"192.168.1",)"
+              R"("product":{"forwarding_class":"x","version":"7.0.0"}})");
+  zelconfigstore_debug = 0;
+  uint32_t status = 0;
+  std::string out = zeltest::CaptureStdout([&] { LoadAll(&status); });
+  EXPECT_EQ(status, kFail);
+  EXPECT_EQ(out,
+            "Faild to load prop: com.zorlan.etherswitch.ipv4addr, key: switch_address, type:5 "
+            "from configstore, rc: -1\n"
+            "Load zel props from configstore failed, props type:globalPropList\n"
+            "Failed to load buf of switch: sw-a from configstore\n");
+}
+
+}  // namespace
