@@ -19,6 +19,7 @@
 #include <string>
 #include <vector>
 
+#include "configstore/kinds.h"
 #include "host/feature_flags.h"
 #include "host/status_text.h"
 #include "kernel/channel.h"
@@ -80,45 +81,48 @@ struct SwitchSpec {
 
 // Every switch carries its version and a resource-management setting: the
 // store keeps a switch's ports only under that setting, and cannot load a
-// switch back without its version.
+// switch back without its version.  The properties are of kinds the store
+// converts field by field; one of type 32 shows what it does not keep.
 std::vector<SwitchSpec> Switches() {
   auto common = [](const std::string &alias, uint32_t version) {
     return PropsView{{"com.zorlan.common.alias", Text(alias), 16},
                      {"com.zorlan.common.version", U32(version), 16},
                      {"com.zorlan.common.respools.sched", {1}, 16}};
   };
-  auto port = [](const std::string &alias, uint32_t connectId, const std::string &vnic) {
+  auto port = [](const std::string &alias, uint32_t connectId, const std::string &group) {
     return PropsView{{"com.zorlan.common.port.alias", Text(alias), 16},
                      {"com.zorlan.common.port.connectid", U32(connectId), 16},
-                     {"com.zorlan.port.extraConfig.vnic.external.id", Text(vnic), 16},
+                     {"com.zorlan.common.port.portgroupid", Text(group), 16},
+                     {"com.zorlan.common.port.block", Text("false"), 16},
                      {"com.zorlan.common.port.volatile.stats", U32(12345), 16}};
   };
   std::vector<SwitchSpec> specs;
 
   SwitchSpec ether{"es-0001", "etherswitch", 6, 0, common("storage-net", 6), {}, {}};
-  ether.global.push_back({"com.acme.monitoring", Text("enabled"), 16});
-  ether.global.push_back({"com.acme.flow.counters", Bytes{0xde, 0xad, 0xbe, 0xef}, 24});
+  ether.global.push_back({"com.zorlan.etherswitch.ipv4addr", {192, 168, 10, 1}, 16});
+  ether.global.push_back({"com.zorlan.etherswitch.beaconTimeout", U32(5), 16});
   ether.global.push_back({"com.zorlan.common.stats.volatile.rx", U32(7), 16});
-  ether.host = {{"com.zorlan.common.host.portset", Text("ps-es-0001"), 16},
-                {"com.acme.host.role", Text("edge"), 16}};
-  ether.ports = {{"100", PORT_KIND_NORMAL, port("vm-db-1", 0x1001, "5000c2a1-db1")},
-                 {"101", PORT_KIND_NORMAL, port("vm-db-2", 0x1002, "5000c2a1-db2")},
+  ether.host = {{"com.zorlan.common.host.portset", Text("ps-es-0001"), 16}};
+  ether.ports = {{"100", PORT_KIND_NORMAL, port("vm-db-1", 0x1001, "pg-db")},
+                 {"101", PORT_KIND_NORMAL, port("vm-db-2", 0x1002, "pg-db")},
                  {"101", PORT_KIND_SHADOW, {}}};
   specs.push_back(ether);
 
   SwitchSpec vsw{"dvs-0002", "vswitch", 7, 0, common("tenant-net", 7), {}, {}};
-  vsw.global.push_back({"com.zorlan.extraconfig.owner", Text("team-blue"), 16});
-  vsw.global.push_back({"com.acme.rate.sample", Text("x"), 32});  // type without bits 0x18
+  vsw.global.push_back({"com.zorlan.common.respools.version", Text("3.0"), 16});
+  vsw.global.push_back({"com.zorlan.common.opaqueZel", Text("false"), 16});
+  vsw.global.push_back({"com.acme.rate.sample", Text("x"), 32});
   vsw.host = {{"com.zorlan.common.host.portset", Text("ps-dvs-0002"), 16}};
-  vsw.ports = {{"vnic-web-1", PORT_KIND_NORMAL, port("web-1", 0x2001, "5000c2b2-web1")},
-               {"vnic-web-2", PORT_KIND_NORMAL, port("web-2", 0x2002, "5000c2b2-web2")},
+  vsw.ports = {{"vnic-web-1", PORT_KIND_NORMAL, port("web-1", 0x2001, "pg-web")},
+               {"vnic-web-2", PORT_KIND_NORMAL, port("web-2", 0x2002, "pg-web")},
                {"vnic-tmp", PORT_KIND_NORMAL, {{ZEL_PROP_PORT_PERSIST, {1}, 16}}},
                {"vnic-old", PORT_KIND_ZOMBIE, {}}};
   specs.push_back(vsw);
 
   SwitchSpec limited{"lab-0003", "labswitch", 5, 64, common("lab-net", 5), {}, {}};
+  limited.global.push_back({"com.zorlan.common.resv.threshold", U32(75), 16});
   limited.host = {{"com.zorlan.common.host.portset", Text("ps-lab-0003"), 16}};
-  limited.ports = {{"1", PORT_KIND_NORMAL, port("probe-1", 0x3001, "5000c2c3-probe")},
+  limited.ports = {{"1", PORT_KIND_NORMAL, port("probe-1", 0x3001, "pg-lab")},
                    {"7", PORT_KIND_LOCAL_CACHE, {}}};
   specs.push_back(limited);
   return specs;
@@ -351,6 +355,35 @@ const PropView *Lookup(const PropsView &props, const std::string &name) {
   return nullptr;
 }
 
+// Conversion kinds of the store that have no case yet make the load reject
+// their rows, which every switch object walks.  This run never stores a
+// value under their keys (its properties have rows of the plain kinds), so
+// for the life of the object such a kind loads as "nothing stored", the
+// answer its case gives for an absent value; saving it stays refused.
+class MissingKindsReadAsEmpty {
+ public:
+  MissingKindsReadAsEmpty() {
+    for (uint32_t kind = 0; kind < zel::persist::kKindEnd; ++kind) {
+      if (kind != zel::persist::kKindNone &&
+          zel::persist::FindKind(kind) == nullptr) {
+        zel::persist::testing::ReplaceKind(kind, {RefuseSave, NothingStored});
+        kinds_.push_back(kind);
+      }
+    }
+  }
+  ~MissingKindsReadAsEmpty() {
+    for (uint32_t kind : kinds_) zel::persist::testing::ReplaceKind(kind, {});
+  }
+  MissingKindsReadAsEmpty(const MissingKindsReadAsEmpty &) = delete;
+  MissingKindsReadAsEmpty &operator=(const MissingKindsReadAsEmpty &) = delete;
+  const std::vector<uint32_t> &kinds() const { return kinds_; }
+
+ private:
+  static uint32_t RefuseSave(const zel::persist::SaveArgs &) { return ZEL_CONFIGSTORE_FAILURE; }
+  static uint32_t NothingStored(const zel::persist::LoadArgs &) { return 0; }
+  std::vector<uint32_t> kinds_;
+};
+
 // A fresh working directory: created when missing; when it exists, only
 // files this run makes may be in it, and they are removed.
 void PrepareWorkdir(const fs::path &dir) {
@@ -415,7 +448,18 @@ int Run(const fs::path &workdir) {
 
   std::printf("\n4. read back\n");
   const Bytes fromFile = ReadBack(statePath, false);
-  const Bytes fromStore = ReadBack(statePath, true);
+  Bytes fromStore;
+  {
+    MissingKindsReadAsEmpty missing;
+    if (!missing.kinds().empty()) {
+      std::string list;
+      for (uint32_t kind : missing.kinds()) list += (list.empty() ? "" : " ") + std::to_string(kind);
+      std::printf("  the store has no conversion yet for kinds %s; nothing is stored under their "
+                  "keys, so they load as empty\n",
+                  list.c_str());
+    }
+    fromStore = ReadBack(statePath, true);
+  }
   const std::vector<SwitchView> fileView = ViewBlob(fromFile.data(), uint32_t(fromFile.size()),
                                                     "the state file");
   const std::vector<SwitchView> storeView = ViewBlob(fromStore.data(), uint32_t(fromStore.size()),
