@@ -22,8 +22,6 @@ constexpr const char kPyxnicExternalIdProp[] = "com.zorlan.port.extraConfig.pyxn
 // Numeric port ids above this one are dropped from opaque port sets.
 constexpr int32_t kHighestKeptNumericPort = 999;
 
-void *SystemAlloc(uint64_t bytes) { return std::malloc(bytes); }
-
 // The value of an all-digit id as the C library's atoi gives it (strtol,
 // saturating, then taken as a 32-bit signed integer); false when the id
 // holds a non-digit.  An empty id is all digits with the value 0.
@@ -191,15 +189,8 @@ ZEL_API ReturnStatus ZELPYX_PersistentPortStateGet(const char *switchName, const
   if (buffer == nullptr || length == nullptr) {
     return STATUS_BAD_PARAM;
   }
-  void *fetched = nullptr;
-  uint32_t fetchedLen = 0;
-  ReturnStatus status = ZELPYX_PortStateGet(switchName, portId, &fetched, &fetchedLen);
-  if (status != STATUS_OK) {
-    return status;
-  }
   PropertyList *list = nullptr;
-  status = ZELData_Deserialize(&list, fetched, fetchedLen, zel::kernel::SystemAlloc, std::free);
-  ZELPYX_DataFree(fetched);
+  ReturnStatus status = zel::kernel::FetchPortList(switchName, portId, &list);
   if (status != STATUS_OK) {
     return status;
   }

@@ -77,26 +77,6 @@ bool IsException(const char *name, const char *const *exceptions) {
   return false;
 }
 
-void *SystemAlloc(uint64_t bytes) { return std::malloc(bytes); }
-
-// Fetches one port's properties from the kernel and decodes them into a new
-// list (system allocator); *out is written only on success.
-ReturnStatus FetchPortList(const char *switchName, const char *portId, PropertyList **out) {
-  void *buffer = nullptr;
-  uint32_t length = 0;
-  ReturnStatus status = ZELPYX_PortStateGet(switchName, portId, &buffer, &length);
-  if (status != STATUS_OK) {
-    return status;
-  }
-  PropertyList *list = nullptr;
-  status = ZELData_Deserialize(&list, buffer, length, SystemAlloc, std::free);
-  ZELPYX_DataFree(buffer);
-  if (status == STATUS_OK) {
-    *out = list;
-  }
-  return status;
-}
-
 // The connection id of a port: the first 32 bits of its value; a shorter
 // value is taken as far as it goes, the rest zero.
 uint32_t ConnectId(PortState *port) {
@@ -143,7 +123,25 @@ void StripForKernelVersion(const char *switchName, PropertyList *list, uint32_t 
   ZELPYX_DataFree(value);
 }
 
+void *SystemAlloc(uint64_t bytes) { return std::malloc(bytes); }
+
 }  // namespace
+
+ReturnStatus FetchPortList(const char *switchName, const char *portId, PropertyList **out) {
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  ReturnStatus status = ZELPYX_PortStateGet(switchName, portId, &buffer, &length);
+  if (status != STATUS_OK) {
+    return status;
+  }
+  PropertyList *list = nullptr;
+  status = ZELData_Deserialize(&list, buffer, length, SystemAlloc, std::free);
+  ZELPYX_DataFree(buffer);
+  if (status == STATUS_OK) {
+    *out = list;
+  }
+  return status;
+}
 
 PropertyList *DetachGlobalList(SwitchState *sw) {
   PropertyList *list = sw->globalProps;
@@ -155,6 +153,23 @@ PropertyList *DetachHostList(SwitchState *sw) {
   PropertyList *list = sw->hostProps;
   sw->hostProps = nullptr;
   return list;
+}
+
+// The port-level frame: one port's list fetched from the kernel, cut down
+// by cut(list) and handed to the caller.
+template <typename Cut>
+ReturnStatus WithKernelPortList(const char *switchName, const char *portId, PropertyList **list,
+                                Cut cut) {
+  if (list == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
+  PropertyList *slice = nullptr;
+  const ReturnStatus status = FetchPortList(switchName, portId, &slice);
+  if (status == STATUS_OK) {
+    cut(slice);
+    *list = slice;
+  }
+  return status;
 }
 
 }  // namespace zel::kernel
@@ -301,39 +316,23 @@ ZEL_API ReturnStatus ZELPYX_SwitchPortList(const char *switchName, ZELPYXPortLis
 
 ZEL_API ReturnStatus ZELPYX_VendorPortPropList(const char *switchName, const char *portId,
                                                PropertyList **list, uint32_t propType) {
-  if (list == nullptr) {
-    return STATUS_BAD_PARAM;
-  }
-  PropertyList *slice = nullptr;
-  const ReturnStatus status = zel::kernel::FetchPortList(switchName, portId, &slice);
-  if (status != STATUS_OK) {
-    return status;
-  }
-  for (const char *pattern :
-       {"com.zorlan.common.", "com.zorlan.etherswitch.", "com.zorlan.vswitch.",
-        "com.zorlan.port.extraConfig.", "com.zorlan.port.opaque.network", "dvfilter-generic-"}) {
-    ZELPYXStripNamedPropForType(slice, pattern, nullptr, propType);
-  }
-  if (propType == zel::kernel::kTypeWithoutNetNames) {
-    ZELPYXStripNamedPropForType(slice, "com.zorlan.net.", nullptr, propType);
-  }
-  *list = slice;
-  return STATUS_OK;
+  return zel::kernel::WithKernelPortList(switchName, portId, list, [&](PropertyList *slice) {
+    for (const char *pattern :
+         {"com.zorlan.common.", "com.zorlan.etherswitch.", "com.zorlan.vswitch.",
+          "com.zorlan.port.extraConfig.", "com.zorlan.port.opaque.network", "dvfilter-generic-"}) {
+      ZELPYXStripNamedPropForType(slice, pattern, nullptr, propType);
+    }
+    if (propType == zel::kernel::kTypeWithoutNetNames) {
+      ZELPYXStripNamedPropForType(slice, "com.zorlan.net.", nullptr, propType);
+    }
+  });
 }
 
 ZEL_API ReturnStatus ZELPYX_ExtraConfigPortPropList(const char *switchName, const char *portId,
                                                     PropertyList **list, uint32_t propType) {
-  if (list == nullptr) {
-    return STATUS_BAD_PARAM;
-  }
-  PropertyList *slice = nullptr;
-  const ReturnStatus status = zel::kernel::FetchPortList(switchName, portId, &slice);
-  if (status != STATUS_OK) {
-    return status;
-  }
-  ZELPYXExtractNamedPropForType(slice, "com.zorlan.port.extraConfig", propType);
-  *list = slice;
-  return STATUS_OK;
+  return zel::kernel::WithKernelPortList(switchName, portId, list, [&](PropertyList *slice) {
+    ZELPYXExtractNamedPropForType(slice, "com.zorlan.port.extraConfig", propType);
+  });
 }
 
 }  // extern "C"

@@ -1,5 +1,6 @@
-// The kernel's state loaded into the process-wide state database as scratch
-// space: shared by the switch-level slices and the persistent retrievals.
+// Shared by the kernel's property-list slices and the persistent retrievals:
+// the kernel's state loaded into the process-wide state database as scratch
+// space, and one port's properties fetched from the kernel.
 #pragma once
 
 #include <cstdint>
@@ -57,6 +58,11 @@ ReturnStatus WithKernelSwitch(const char *switchName, Step step) {
   ZELState_ConfigReset();
   return status;
 }
+
+// Fetches one port's properties from the kernel and decodes them into a new
+// list (system allocator, ZELData_Free); *out is written only on success.
+// Takes no lock and leaves the state database alone.
+ReturnStatus FetchPortList(const char *switchName, const char *portId, PropertyList **out);
 
 // Takes a switch's global or host list away from its record (the record's
 // pointer becomes null), so that emptying the database does not free it.

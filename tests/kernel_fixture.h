@@ -16,6 +16,7 @@
 #include "sim/emulated_kernel.h"
 #include "sim/state_view.h"
 #include "state/state_testing.h"
+#include "state_fixture.h"
 #include "test_support.h"
 #include "zel/data.h"
 #include "zel/kernel.h"
@@ -30,22 +31,12 @@ inline void PrintTo(const PropView &p, std::ostream *os) {
 
 namespace zelkerneltest {
 
-using Bytes = std::vector<uint8_t>;
-
+using zelstatetest::Bytes;
+using zelstatetest::Text;
+using zelstatetest::U32;
 using Prop = zel::sim::PropView;
 using Props = zel::sim::PropsView;
 using zel::sim::SwitchView;
-
-inline Bytes Text(const std::string &s) {
-  Bytes b(s.begin(), s.end());
-  b.push_back(0);
-  return b;
-}
-inline Bytes U32(uint32_t v) {
-  Bytes b(4);
-  std::memcpy(b.data(), &v, 4);
-  return b;
-}
 
 inline Props Entries(PropertyList *list) { return zel::sim::ViewList(list); }
 
@@ -111,22 +102,16 @@ class KernelTest : public ::testing::Test {
                         uint32_t maxPorts = 0) {
     ASSERT_EQ(ZELPYX_SwitchAdd(sw, cls, maxPorts, version), STATUS_OK);
   }
-  static void SetGlobal(const char *sw, const Props &props) {
+  using SetFn = ReturnStatus (*)(const char *, const char *, const void *, uint32_t, uint32_t);
+  static void SetProps(SetFn set, const char *sw, const Props &props) {
     for (const Prop &p : props) {
-      ASSERT_EQ(ZELPYX_GlobalPropSet(sw, p.name.c_str(), p.value.data(),
-                                     static_cast<uint32_t>(p.value.size()), p.type),
+      ASSERT_EQ(set(sw, p.name.c_str(), p.value.data(), static_cast<uint32_t>(p.value.size()), p.type),
                 STATUS_OK)
           << p.name;
     }
   }
-  static void SetHost(const char *sw, const Props &props) {
-    for (const Prop &p : props) {
-      ASSERT_EQ(ZELPYX_HostPropSet(sw, p.name.c_str(), p.value.data(),
-                                   static_cast<uint32_t>(p.value.size()), p.type),
-                STATUS_OK)
-          << p.name;
-    }
-  }
+  static void SetGlobal(const char *sw, const Props &props) { SetProps(ZELPYX_GlobalPropSet, sw, props); }
+  static void SetHost(const char *sw, const Props &props) { SetProps(ZELPYX_HostPropSet, sw, props); }
   // A port of the given kind (normal: no kind property) with initial props.
   static void AddPort(const char *sw, const char *port, const Props &props = {},
                       uint32_t kind = PORT_KIND_NORMAL) {
