@@ -193,9 +193,11 @@ TEST(PersistKinds, OnlyThePlainKindsAreInPlace) {
   // Opaque data and resource pools are in place.
   const std::vector<uint32_t> done = {11, 12, 13, 22, 33, 36};
   for (uint32_t k : done) EXPECT_NE(zp::FindKind(k), nullptr) << k;
-  for (uint32_t k : PolicyKinds())
-    if (std::find(done.begin(), done.end(), k) == done.end())
+  for (uint32_t k : PolicyKinds()) {
+    if (std::find(done.begin(), done.end(), k) == done.end()) {
       EXPECT_EQ(zp::FindKind(k), nullptr) << k;
+    }
+  }
   for (uint32_t k : {30u, 37u, 38u, 1000u}) EXPECT_EQ(zp::FindKind(k), nullptr) << k;
   zp::KindTable table;
   EXPECT_FALSE(table.Add(30, NoSave, NoLoad));

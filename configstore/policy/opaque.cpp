@@ -67,7 +67,9 @@ uint32_t SetBytes(cs::Object *instance, const SaveArgs &a) {
   if (a.length > static_cast<uint32_t>(INT_MAX)) {
     return kFailure;
   }
-  return Status(cs::SetValueBinary(instance, "opaque_data", a.value, static_cast<int>(a.length)));
+  static const uint8_t kNothing = 0;  // an empty value still needs bytes to point at
+  const uint8_t *bytes = a.value != nullptr ? a.value : &kNothing;
+  return Status(cs::SetValueBinary(instance, "opaque_data", bytes, static_cast<int>(a.length)));
 }
 
 // The owner's "data" singleton, created when absent.  *data stays null (and
