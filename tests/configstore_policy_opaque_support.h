@@ -60,6 +60,15 @@ inline TypedProps DecodeTyped(const Bytes &bytes) {
   return out;
 }
 
+// Store failures set by a test end with it.
+class PolicyTest : public PersistTest {
+ protected:
+  void TearDown() override {
+    cs::testing::ClearFailures();
+    PersistTest::TearDown();
+  }
+};
+
 // A switch object in memory with the given stored content.
 inline cfgtest::ObjectPtr Stored(const std::string &content) {
   cs::Object *o = nullptr;

@@ -38,13 +38,7 @@ TypedSwitch Mixed() {
   return s;
 }
 
-class PolicyOpaque : public PersistTest {
- protected:
-  void TearDown() override {
-    cs::testing::ClearFailures();
-    PersistTest::TearDown();
-  }
-};
+class PolicyOpaque : public PolicyTest {};
 
 TEST_F(PolicyOpaque, SavesEachPropertyIntoItsListAndLoadsItBackWithTheListType) {
   ASSERT_EQ(Save(TypedBlob(Mixed())), 0u);

@@ -57,13 +57,7 @@ Bytes Keys(const std::vector<std::string> &keys) {
   return b;
 }
 
-class PolicyPools : public PersistTest {
- protected:
-  void TearDown() override {
-    cs::testing::ClearFailures();
-    PersistTest::TearDown();
-  }
-};
+class PolicyPools : public PolicyTest {};
 
 TEST_F(PolicyPools, HealthChecksSaveTheFlagAndIntervalAndLoadAsFiveBytes) {
   auto o = Stored("{}");
@@ -92,7 +86,8 @@ TEST_F(PolicyPools, HealthCheckRefusals) {
   {
     zeltest::ScopedLevel level(zelconfigstore_debug, 0);
     out = zeltest::CaptureStdout([&] {
-      EXPECT_EQ(SaveCase(11, o.get(), "health_checks", "com.x.check", HealthCheck(1, 1), 16), kFail);
+      EXPECT_EQ(SaveCase(11, o.get(), "health_checks", "com.x.check", HealthCheck(1, 1), 16),
+                kFail);
     });
   }
   EXPECT_EQ(out, "Unknown health check type com.x.check\n");
@@ -126,9 +121,6 @@ TEST_F(PolicyPools, PoolsKeepTheirConvertedFieldsAtTheirOffsets) {
   EXPECT_EQ(loaded, (TypedProps{{kPools, Pools({{"pool-a", 100, 50, -1},
                                                 {"pool-b", 0x01020304, 7, 1000}}),
                                  16}}));
-  ASSERT_EQ(loaded.size(), 1u);
-  EXPECT_EQ(loaded[0].value.size(), 4u + 2 * 212);
-  EXPECT_EQ(loaded[0].value[4 + 129], 100);  // reservation at its unaligned offset
 
   // A pool without allocation loads as its key alone; a long key is cut.
   const std::string longKey(150, 'k');
@@ -190,9 +182,7 @@ TEST_F(PolicyPools, KeyListSavesAsStringsAndLoadsInSlots) {
                                               ["alpha","beta","gamma"]})"));
   TypedProps loaded;
   EXPECT_EQ(LoadCase(13, o.get(), "network_resource_pool_keys", kKeys, &loaded), 0u);
-  EXPECT_EQ(loaded, (TypedProps{{kKeys, Keys({"alpha", "beta", "gamma"}), 16}}));
-  ASSERT_EQ(loaded.size(), 1u);
-  EXPECT_EQ(loaded[0].value.size(), 604u);
+  EXPECT_EQ(loaded, (TypedProps{{kKeys, Keys({"alpha", "beta", "gamma"}), 16}}));  // 604 bytes
 
   // A slot holds 199 characters on saving; a load cuts keys to 127.
   const std::string longKey(199, 'x');
@@ -219,8 +209,8 @@ TEST_F(PolicyPools, UplinkPortsReceiveTheSwitchPoolsOnLoading) {
   ASSERT_EQ(Save(TypedBlob(s)), 0u);
   const json stored = json::parse(Json("sw"));
   // The port's own copy is not stored.
-  EXPECT_FALSE(stored["ports"][0].value("settings", json::object()).contains("network_resource_pools"))
-      << stored["ports"][0].dump();
+  const json settings = stored["ports"][0].value("settings", json::object());
+  EXPECT_FALSE(settings.contains("network_resource_pools")) << settings.dump();
 
   uint32_t status = 1;
   const TypedLoaded sw = LoadTyped(&status);
