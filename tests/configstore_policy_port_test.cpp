@@ -339,6 +339,13 @@ TEST_F(PersistPortPolicy, FilterLoadFailuresAndItsTwoPasses) {
   EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 0u);
   EXPECT_EQ(props, (Props{{kFilter, Filters(2, {Filter(1, "", 0, {}),
                                                 Filter(2, "", 0, {{0, "r"}})})}}));
+  // One that reads in the first pass only: the room made for it stays zero
+  // at the value's end, and the next filter follows the first one's header.
+  cs::testing::FailNext(Op::kGetValueStringArray, 3, 2);
+  EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 0u);
+  Bytes packed = Filters(2, {Filter(1, "", 0, {}), Filter(2, "", 0, {{0, "r"}})});
+  packed.resize(packed.size() + 2 * 260, 0);
+  EXPECT_EQ(props, (Props{{kFilter, packed}}));
   // Instances the first pass did not list are not written.
   cs::testing::FailNext(Op::kGetSubObjectInstances, 3);
   EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 0u);
