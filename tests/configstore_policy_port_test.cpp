@@ -164,16 +164,9 @@ TEST_F(PersistPortPolicy, ShaperIsStoredTimesEightAndLoadsBack) {
 }
 
 TEST_F(PersistPortPolicy, MacManagementStoresAllowancesAndLoadsByClass) {
-  const Bytes flags = {0x05, 0, 0, 0};
-  ASSERT_EQ(SavePort("etherswitch", {{kEtherSecurity, flags}}), 0u);
-  EXPECT_EQ(StoredSettings(),
-            R"({"mac_management_policy":{"allow_forged_transmit":false,)"
-            R"("allow_mac_change":true,"allow_promiscuous":false}})");
-  EXPECT_EQ(LoadPort(), (Props{{kEtherSecurity, flags}}));
-
-  // Both rows save into the one object on every class; it loads as the
-  // etherswitch property on other classes, as the vswitch one on vswitch
-  // and cswitch.  Bits above 2 are dropped.
+  // Both rows save into the one object on every class (the later row wins);
+  // it loads as the etherswitch property on other classes, as the vswitch
+  // one on vswitch and cswitch.  Bits above 2 are dropped.
   struct Case {
     const char *cls;
     const char *loadsAs;
@@ -255,9 +248,7 @@ TEST_F(PersistPortPolicy, ShortValuesAreRefusedBeforeAnythingIsWritten) {
     Bytes value;
   } cases[] = {
       {kShaperIn, Bytes(23, 0)},
-      {kShaperOut, Bytes{}},
       {kEtherSecurity, Bytes{1, 2, 3}},
-      {kVswitchSecurity, Bytes{}},
       {kFilter, Bytes{0, 0, 0}},
       {kFilter, Filters(1, {Bytes(one.begin(), one.begin() + 51)})},
       {kFilter, Filters(1, {Bytes(one.begin(), one.end() - 1)})},
