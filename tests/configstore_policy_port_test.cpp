@@ -1,6 +1,6 @@
 // Traffic shaper, MAC management and filter policy conversions: golden
 // records saved through the driver into a real store file (the exact stored
-// content), loaded back into the same bytes or their documented normal form,
+// content), loaded back into the same bytes or the form a load gives them,
 // malformed records refused, and store failures passed on.
 #include <string>
 
