@@ -189,6 +189,7 @@ TEST_F(PersistPaths, DispatcherRefusesBeforeTouchingTheStore) {
 TEST(PersistKinds, OnlyThePlainKindsAreInPlace) {
   for (uint32_t k : {0, 1, 2, 3, 4, 5, 14, 15, 19, 20, 21, 23, 31, 32, 34})
     EXPECT_NE(zp::FindKind(k), nullptr) << k;
+  for (uint32_t k : {8, 9, 10, 16, 35}) EXPECT_NE(zp::FindKind(k), nullptr) << k;
   for (uint32_t k : PolicyKinds()) EXPECT_EQ(zp::FindKind(k), nullptr) << k;
   for (uint32_t k : {30u, 37u, 38u, 1000u}) EXPECT_EQ(zp::FindKind(k), nullptr) << k;
   zp::KindTable table;
