@@ -189,6 +189,7 @@ TEST_F(PersistPaths, DispatcherRefusesBeforeTouchingTheStore) {
 TEST(PersistKinds, OnlyThePlainKindsAreInPlace) {
   for (uint32_t k : {0, 1, 2, 3, 4, 5, 14, 15, 19, 20, 21, 23, 31, 32, 34})
     EXPECT_NE(zp::FindKind(k), nullptr) << k;
+  for (uint32_t k : {8, 9, 10, 16, 35}) EXPECT_NE(zp::FindKind(k), nullptr) << k;
   for (uint32_t k : {26, 27, 28, 29}) EXPECT_NE(zp::FindKind(k), nullptr) << k;
   for (uint32_t k : PolicyKinds()) {
     if (k < 26 || k > 29) {
