@@ -59,6 +59,26 @@ ZEL_API extern const char *const UNUSED_NON_SINGLETON_PROPS[6];
  * when it is >= 0, traces when it is > 0. */
 ZEL_API extern int zelconfigstore_debug;
 
+/* Names of the port-mirroring session types (0 to 4) and encapsulation types
+ * (0 to 2), indexed by value; the session-type table ends with NULL. */
+ZEL_API extern const char *const SESSION_TYPE_LOCAL_ENUM_2_SCHEMA[6];
+ZEL_API extern const uint32_t VSPAN_SESSION_TYPE_NUM;
+ZEL_API extern const char *const ENCAP_TYPE_LOCAL_ENUM_2SCHEMA[3];
+ZEL_API extern const uint32_t VSPAN_ENCAP_TYPE_NUM;
+
+/* Link discovery protocol and operation names, indexed by value and ending
+ * with NULL; CHARS_2_* give the value of the name at each position, their
+ * last entry being the value of a name not in the table. */
+ZEL_API extern const char *const CDP_MODE_2_CHARS[3];
+ZEL_API extern const uint32_t CHARS_2_CDP_MODE[3];
+ZEL_API extern const char *const CDP_OPERATION_2_CHARS[5];
+ZEL_API extern const uint32_t CHARS_2_CDP_OPERATION[5];
+
+/* LACP modes (0 to 2) and load-balance algorithms (0 to 20), indexed by
+ * value; each ends with NULL. */
+ZEL_API extern const char *const LACP_MODE_2_CAHRS[4];
+ZEL_API extern const char *const LACP_LB_POLICY_SCHEMA[22];
+
 /* The first row of table 0, 1 or 2; NULL for any other index. */
 ZEL_API const PropToConfigEntry *GetConfigMap(int index);
 
