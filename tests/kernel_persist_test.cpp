@@ -282,6 +282,8 @@ TEST_F(KernelSaveTest, SavedStateLoadsBackThroughTheStateFileReader) {
                       {"com.zorlan.common.respools.sched", {1}, 16},
                       {"com.zorlan.common.version", U32(7), 16},
                       {"com.zorlan.common.resv.threshold", U32(75), 24},
+                      {"acme.vendor", Text("v1"), 16},
+                      {"acme.blob", {1, 2, 3}, 24},
                       {"acme.rate", Text("x"), 32},  // a type the store does not keep
                       {"com.zorlan.common.x.volatile.y", {1}, 16}});
   SetHost("dvs-1", {{"com.zorlan.common.host.portset", Text("ps0"), 16}});
@@ -320,6 +322,9 @@ TEST_F(KernelSaveTest, SavedStateLoadsBackThroughTheStateFileReader) {
   // Mapped properties come back with type 16.
   EXPECT_TRUE(has(sw.global, {"com.zorlan.common.resv.threshold", U32(75), 16}));
   EXPECT_TRUE(has(sw.host, {"com.zorlan.common.host.portset", Text("ps0"), 16}));
+  // Vendor text and opaque bytes come back with their types.
+  EXPECT_TRUE(has(sw.global, {"acme.vendor", Text("v1"), 16}));
+  EXPECT_TRUE(has(sw.global, {"acme.blob", {1, 2, 3}, 24}));
   for (const Prop &p : sw.global) {
     EXPECT_EQ(p.name.find(".volatile."), std::string::npos) << p.name;
     EXPECT_NE(p.name, "acme.rate");

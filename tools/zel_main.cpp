@@ -81,8 +81,9 @@ struct SwitchSpec {
 
 // Every switch carries its version and a resource-management setting: the
 // store keeps a switch's ports only under that setting, and cannot load a
-// switch back without its version.  The properties are of kinds the store
-// converts field by field; one of type 32 shows what it does not keep.
+// switch back without its version.  Next to the properties with rows of
+// their own come vendor, opaque and extra-config ones, which the store keeps
+// in its catch-all lists; one of type 32 shows what it does not keep.
 std::vector<SwitchSpec> Switches() {
   auto common = [](const std::string &alias, uint32_t version) {
     return PropsView{{"com.zorlan.common.alias", Text(alias), 16},
@@ -94,6 +95,7 @@ std::vector<SwitchSpec> Switches() {
                      {"com.zorlan.common.port.connectid", U32(connectId), 16},
                      {"com.zorlan.common.port.portgroupid", Text(group), 16},
                      {"com.zorlan.common.port.block", Text("false"), 16},
+                     {"com.zorlan.port.extraConfig.vnic.external.id", Text("5000c2-" + alias), 16},
                      {"com.zorlan.common.port.volatile.stats", U32(12345), 16}};
   };
   std::vector<SwitchSpec> specs;
@@ -101,8 +103,11 @@ std::vector<SwitchSpec> Switches() {
   SwitchSpec ether{"es-0001", "etherswitch", 6, 0, common("storage-net", 6), {}, {}};
   ether.global.push_back({"com.zorlan.etherswitch.ipv4addr", {192, 168, 10, 1}, 16});
   ether.global.push_back({"com.zorlan.etherswitch.beaconTimeout", U32(5), 16});
+  ether.global.push_back({"com.acme.monitoring", Text("enabled"), 16});
+  ether.global.push_back({"com.acme.flow.counters", Bytes{0xde, 0xad, 0xbe, 0xef}, 24});
   ether.global.push_back({"com.zorlan.common.stats.volatile.rx", U32(7), 16});
-  ether.host = {{"com.zorlan.common.host.portset", Text("ps-es-0001"), 16}};
+  ether.host = {{"com.zorlan.common.host.portset", Text("ps-es-0001"), 16},
+                {"com.acme.host.role", Text("edge"), 16}};
   ether.ports = {{"100", PORT_KIND_NORMAL, port("vm-db-1", 0x1001, "pg-db")},
                  {"101", PORT_KIND_NORMAL, port("vm-db-2", 0x1002, "pg-db")},
                  {"101", PORT_KIND_SHADOW, {}}};
@@ -111,6 +116,7 @@ std::vector<SwitchSpec> Switches() {
   SwitchSpec vsw{"dvs-0002", "vswitch", 7, 0, common("tenant-net", 7), {}, {}};
   vsw.global.push_back({"com.zorlan.common.respools.version", Text("3.0"), 16});
   vsw.global.push_back({"com.zorlan.common.opaqueZel", Text("false"), 16});
+  vsw.global.push_back({"com.zorlan.extraconfig.owner", Text("team-blue"), 16});
   vsw.global.push_back({"com.acme.rate.sample", Text("x"), 32});
   vsw.host = {{"com.zorlan.common.host.portset", Text("ps-dvs-0002"), 16}};
   vsw.ports = {{"vnic-web-1", PORT_KIND_NORMAL, port("web-1", 0x2001, "pg-web")},
