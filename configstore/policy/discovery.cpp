@@ -200,20 +200,10 @@ uint32_t LoadLacpGroup(cs::Object *obj, uint8_t *g) {
 }
 
 uint32_t LoadLacpGroups(const LoadArgs &a) {
-  cs::Filter *filter = nullptr;
-  if (int s = cs::CreateFilterSpecObject(a.key, "", "", "", &filter); s != cs::kOk) {
-    return Status(s);
-  }
-  cs::Object **groups = nullptr;
-  int count = 0;
-  const int listed = cs::GetSubObjectInstances(a.parent, filter, &groups, &count);
-  cs::DestroyFilterSpecObject(filter);
-  struct Array {
-    cs::Object **items;
-    ~Array() { std::free(items); }
-  } owned{groups};
-  if (listed == cs::kNotFound || (listed == cs::kOk && count < 1)) return 0;
-  if (listed != cs::kOk) return Status(listed);
+  Instances groups;
+  if (uint32_t s = ListInstances(a.parent, a.key, &groups); s != 0) return s;
+  const int count = groups.count;
+  if (count < 1) return 0;
 
   const uint64_t length = sizeof(uint32_t) + uint64_t(count) * kGroupSize;
   auto *value = length <= UINT32_MAX ? static_cast<uint8_t *>(std::calloc(1, length)) : nullptr;
@@ -224,7 +214,7 @@ uint32_t LoadLacpGroups(const LoadArgs &a) {
   WriteU32At(value, static_cast<uint32_t>(count));
   uint32_t status = 0;
   for (int i = 0; i < count && status == 0; ++i) {
-    status = LoadLacpGroup(groups[i], value + sizeof(uint32_t) + size_t(i) * kGroupSize);
+    status = LoadLacpGroup(groups.items[i], value + sizeof(uint32_t) + size_t(i) * kGroupSize);
   }
   if (status == 0) status = Add(a, value, static_cast<uint32_t>(length));
   std::free(value);
