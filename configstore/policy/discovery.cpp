@@ -55,6 +55,8 @@ namespace zel::persist::policy {
 
 namespace {
 
+constexpr size_t kProtocolNames = 2;
+constexpr size_t kOperationNames = 4;
 constexpr size_t kModeNames = 3;
 constexpr size_t kAlgorithmNames = 21;
 
@@ -118,12 +120,10 @@ uint32_t SaveLinkDiscovery(const SaveArgs &a) {
     return kFailure;
   }
   char spare[12];
-  if (int s = cs::SetValueStr(obj, "protocol", NameOrNumber(CDP_MODE_2_CHARS, 2, a.value[0], spare));
-      s != cs::kOk) {
-    return Status(s);
-  }
-  return Status(
-      cs::SetValueStr(obj, "operation", NameOrNumber(CDP_OPERATION_2_CHARS, 4, a.value[1], spare)));
+  const char *protocol = NameOrNumber(CDP_MODE_2_CHARS, kProtocolNames, a.value[0], spare);
+  if (int s = cs::SetValueStr(obj, "protocol", protocol); s != cs::kOk) return Status(s);
+  const char *operation = NameOrNumber(CDP_OPERATION_2_CHARS, kOperationNames, a.value[1], spare);
+  return Status(cs::SetValueStr(obj, "operation", operation));
 }
 
 uint32_t LoadLinkDiscovery(const LoadArgs &a) {
