@@ -55,6 +55,8 @@ namespace zel::persist::policy {
 
 namespace {
 
+constexpr size_t kProtocolNames = 2;
+constexpr size_t kOperationNames = 4;
 constexpr size_t kModeNames = 3;
 constexpr size_t kAlgorithmNames = 21;
 
@@ -118,12 +120,10 @@ uint32_t SaveLinkDiscovery(const SaveArgs &a) {
     return kFailure;
   }
   char spare[12];
-  if (int s = cs::SetValueStr(obj, "protocol", NameOrNumber(CDP_MODE_2_CHARS, 2, a.value[0], spare));
-      s != cs::kOk) {
-    return Status(s);
-  }
-  return Status(
-      cs::SetValueStr(obj, "operation", NameOrNumber(CDP_OPERATION_2_CHARS, 4, a.value[1], spare)));
+  const char *protocol = NameOrNumber(CDP_MODE_2_CHARS, kProtocolNames, a.value[0], spare);
+  if (int s = cs::SetValueStr(obj, "protocol", protocol); s != cs::kOk) return Status(s);
+  const char *operation = NameOrNumber(CDP_OPERATION_2_CHARS, kOperationNames, a.value[1], spare);
+  return Status(cs::SetValueStr(obj, "operation", operation));
 }
 
 uint32_t LoadLinkDiscovery(const LoadArgs &a) {
@@ -200,20 +200,10 @@ uint32_t LoadLacpGroup(cs::Object *obj, uint8_t *g) {
 }
 
 uint32_t LoadLacpGroups(const LoadArgs &a) {
-  cs::Filter *filter = nullptr;
-  if (int s = cs::CreateFilterSpecObject(a.key, "", "", "", &filter); s != cs::kOk) {
-    return Status(s);
-  }
-  cs::Object **groups = nullptr;
-  int count = 0;
-  const int listed = cs::GetSubObjectInstances(a.parent, filter, &groups, &count);
-  cs::DestroyFilterSpecObject(filter);
-  struct Array {
-    cs::Object **items;
-    ~Array() { std::free(items); }
-  } owned{groups};
-  if (listed == cs::kNotFound || (listed == cs::kOk && count < 1)) return 0;
-  if (listed != cs::kOk) return Status(listed);
+  Instances groups;
+  if (uint32_t s = ListInstances(a.parent, a.key, &groups); s != 0) return s;
+  const int count = groups.count;
+  if (count < 1) return 0;
 
   const uint64_t length = sizeof(uint32_t) + uint64_t(count) * kGroupSize;
   auto *value = length <= UINT32_MAX ? static_cast<uint8_t *>(std::calloc(1, length)) : nullptr;
@@ -224,7 +214,7 @@ uint32_t LoadLacpGroups(const LoadArgs &a) {
   WriteU32At(value, static_cast<uint32_t>(count));
   uint32_t status = 0;
   for (int i = 0; i < count && status == 0; ++i) {
-    status = LoadLacpGroup(groups[i], value + sizeof(uint32_t) + size_t(i) * kGroupSize);
+    status = LoadLacpGroup(groups.items[i], value + sizeof(uint32_t) + size_t(i) * kGroupSize);
   }
   if (status == 0) status = Add(a, value, static_cast<uint32_t>(length));
   std::free(value);

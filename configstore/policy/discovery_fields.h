@@ -1,6 +1,7 @@
 // Field helpers shared by the mirror-session and the discovery/LACP/IPFIX
 // conversions: unaligned little-endian numbers, fixed-size text slots,
-// address text, and the name written for a value.
+// address text, the name written for a value, and the listing of a list of
+// sub-object instances.
 #pragma once
 
 #include <arpa/inet.h>
@@ -8,8 +9,11 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <string>
+
+#include "host/configstore_client.h"
 
 namespace zel::persist::policy {
 
@@ -63,6 +67,34 @@ inline const char *NameOrNumber(const char *const *table, size_t count, uint32_t
   if (value < count && table[value] != nullptr) return table[value];
   std::snprintf(spare, sizeof spare, "%u", value);
   return spare;
+}
+
+// The instances of a list of sub-objects; the array is freed on scope exit
+// (the instances belong to their object).
+struct Instances {
+  cfgstore::Object **items = nullptr;
+  int count = 0;
+  Instances() = default;
+  Instances(const Instances &) = delete;
+  Instances &operator=(const Instances &) = delete;
+  ~Instances() { std::free(items); }
+};
+
+// Lists the instances of the list `key` under parent.  A missing list (6) or
+// an empty one gives count 0 and status 0; other failures are returned.
+inline uint32_t ListInstances(cfgstore::Object *parent, const char *key, Instances *out) {
+  cfgstore::Filter *filter = nullptr;
+  if (int s = cfgstore::CreateFilterSpecObject(key, "", "", "", &filter); s != cfgstore::kOk) {
+    return static_cast<uint32_t>(s);
+  }
+  const int listed = cfgstore::GetSubObjectInstances(parent, filter, &out->items, &out->count);
+  cfgstore::DestroyFilterSpecObject(filter);
+  if (listed == cfgstore::kOk || listed == cfgstore::kNotFound) {
+    if (listed != cfgstore::kOk || out->count < 1) out->count = 0;
+    return 0;
+  }
+  out->count = 0;
+  return static_cast<uint32_t>(listed);
 }
 
 }  // namespace zel::persist::policy

@@ -475,25 +475,15 @@ bool RowLoads(const char *name) {
 
 uint32_t LoadMirrorSessions(const LoadArgs &a) {
   if (!RowLoads(a.name)) return 0;
-  cs::Filter *filter = nullptr;
-  if (int s = cs::CreateFilterSpecObject(a.key, "", "", "", &filter); s != cs::kOk) {
-    return Status(s);
-  }
-  cs::Object **sessions = nullptr;
-  int count = 0;
-  const int listed = cs::GetSubObjectInstances(a.parent, filter, &sessions, &count);
-  cs::DestroyFilterSpecObject(filter);
-  struct Array {
-    cs::Object **items;
-    ~Array() { std::free(items); }
-  } owned{sessions};
-  if (listed == cs::kNotFound || (listed == cs::kOk && count < 1)) return 0;
-  if (listed != cs::kOk) return Status(listed);
+  Instances sessions;
+  if (uint32_t s = ListInstances(a.parent, a.key, &sessions); s != 0) return s;
+  const int count = sessions.count;
+  if (count < 1) return 0;
 
   const size_t entrySize = a.version > 99 ? kWideEntry : kNarrowEntry;
   uint64_t entries = 0;
   for (int i = 0; i < count; ++i) {
-    const Ports p = SessionPorts(sessions[i]);
+    const Ports p = SessionPorts(sessions.items[i]);
     entries += EntriesOf(p.destination, true) + EntriesOf(p.recv, false) +
                EntriesOf(p.transmit, false);
   }
@@ -511,7 +501,7 @@ uint32_t LoadMirrorSessions(const LoadArgs &a) {
   uint64_t next = 0;
   uint32_t status = 0;
   for (int i = 0; i < count && status == 0; ++i) {
-    status = LoadSession(sessions[i], table + kHeaderSize + size_t(i) * kSessionSize, space, &next);
+    status = LoadSession(sessions.items[i], table + kHeaderSize + size_t(i) * kSessionSize, space, &next);
   }
   if (status == 0) {
     status = ZELData_Update(a.list, a.name, table, static_cast<uint32_t>(length), a.propType);

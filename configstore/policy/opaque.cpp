@@ -32,7 +32,6 @@ namespace zel::persist::policy {
 
 namespace {
 
-constexpr const char *kDataKey = "data";
 constexpr uint32_t kOpaqueBit = 0x08;
 constexpr uint32_t kVendorBit = 0x10;
 constexpr uint32_t kOpaqueType = kOpaqueBit | kVendorBit;  // type of loaded opaque data
