@@ -1,12 +1,16 @@
 // The kernel channel against the in-process emulated module: a plain
-// request, a property fetch, and whole-state fetches of growing size (one
-// ioctl while the state fits the first reply buffer, two beyond it).
+// request, a property fetch, whole-state fetches of growing size (one ioctl
+// while the state fits the first reply buffer, two beyond it), and the
+// operations that load the kernel's state into the state database: the
+// persistable state, a vendor list and the search by external id.
 #include <benchmark/benchmark.h>
 
 #include <string>
 
 #include "kernel/channel.h"
 #include "sim/emulated_kernel.h"
+#include "state/state_testing.h"
+#include "zel/data.h"
 #include "zel/kernel.h"
 
 namespace {
@@ -65,5 +69,39 @@ void BM_StateGet(benchmark::State &state) {
       static_cast<double>(kernel.IoctlCount(ZELPYX_REQ_STATE_GET)), benchmark::Counter::kAvgIterations);
 }
 BENCHMARK(BM_StateGet)->Arg(0)->Arg(8)->Arg(16)->Arg(32)->Arg(48)->Arg(64)->Arg(512);
+
+// Argument: ports on each of 4 switches.  Fetch, load, reduce, serialize
+// and reset: the full cost of one persistable state.
+void BM_PersistentStateGet(benchmark::State &state) {
+  zel::state::testing::SetPortLimit(4096);
+  zel::sim::EmulatedKernel kernel;
+  zel::kernel::ScopedTransport use(&kernel);
+  FillSwitches(4, static_cast<int>(state.range(0)));
+  uint32_t length = 0;
+  for (auto _ : state) {
+    void *blob = nullptr;
+    ZELPYX_PersistentStateGet(&blob, &length);
+    ZELPYX_DataFree(blob);
+  }
+  state.counters["blobBytes"] = length;
+  zel::state::testing::SetPortLimit(0);
+}
+BENCHMARK(BM_PersistentStateGet)->Arg(0)->Arg(64)->Arg(512);
+
+// Argument: ports on each of 4 switches; a switch-level slice pays for the
+// whole state although it reads one switch.
+void BM_VendorGlobalPropList(benchmark::State &state) {
+  zel::state::testing::SetPortLimit(4096);
+  zel::sim::EmulatedKernel kernel;
+  zel::kernel::ScopedTransport use(&kernel);
+  FillSwitches(4, static_cast<int>(state.range(0)));
+  for (auto _ : state) {
+    PropertyList *list = nullptr;
+    ZELPYX_VendorGlobalPropList("sw0", &list, 16);
+    ZELData_Free(list);
+  }
+  zel::state::testing::SetPortLimit(0);
+}
+BENCHMARK(BM_VendorGlobalPropList)->Arg(0)->Arg(512);
 
 }  // namespace
