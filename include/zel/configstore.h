@@ -76,6 +76,20 @@ ZEL_API uint32_t ZELState_LoadFromConfigStoreAsBuf(void **blob, uint32_t *length
 /* True when text equals one of the first count strings of array. */
 ZEL_API bool StringExistInArray(const char *text, char **array, int count);
 
+/* Uplink teaming policy names.  TEAMING_POLICY_SCHEMA lists the names by
+ * schema position (entry 0 and the last entry are NULL); TEAMING_POLICY_ENUM
+ * gives the policy value of each position.  NIC_TEAMING_POLICY_MODE_2_CHARS
+ * holds the name of policy value v at index v - 1. */
+ZEL_API extern const char *const TEAMING_POLICY_SCHEMA[7];
+ZEL_API extern const uint32_t TEAMING_POLICY_ENUM[6];
+ZEL_API extern const char *const NIC_TEAMING_POLICY_MODE_2_CHARS[5];
+
+/* Private-VLAN type names: PVLAN_2_CHARS is indexed by type (1 promiscuous,
+ * 2 isolated, 3 community; entry 0 and the last entry are NULL), and
+ * CHARS_2_PVLAN gives the type at a name's position (-1 where none). */
+ZEL_API extern const char *const PVLAN_2_CHARS[5];
+ZEL_API extern const int32_t CHARS_2_PVLAN[5];
+
 ZEL_EXTERN_C_END
 
 #endif /* ZEL_CONFIGSTORE_H */
