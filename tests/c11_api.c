@@ -6,6 +6,7 @@
 
 #include "zel/configstore.h"
 #include "zel/data.h"
+#include "zel/file.h"
 #include "zel/kernel.h"
 #include "zel/state.h"
 #include "zel/status.h"
@@ -34,6 +35,16 @@ int main(void) {
   if (ZELState_ConfigReset() != STATUS_OK || ZELState_SwitchFind("c11-switch") != NULL) return 8;
   ZelSwitchHandleUnlock(state);
   ZelSwitchPYXUnlock(pyx);
+  {
+    char *keys[] = {"a", "b"};
+    if (!StringExistInArray("b", keys, 2) || StringExistInArray("c", keys, 2)) return 9;
+  }
+  {
+    void *blob = NULL;
+    int32_t length = 0;
+    uint32_t offset = 0;
+    if (ZELFile_ReadClassical("/nonexistent/zel.state", &blob, &length, &offset) != STATUS_NOT_FOUND) return 10;
+  }
   puts("c11 api ok");
   return 0;
 }

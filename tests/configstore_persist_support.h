@@ -45,8 +45,8 @@ class ScopedKinds {
 };
 
 inline const std::vector<uint32_t> &PolicyKinds() {
-  static const std::vector<uint32_t> kinds = {6,  7,  8,  9,  10, 11, 12, 13, 16, 17, 18, 22,
-                                              24, 25, 26, 27, 28, 29, 33, 35, 36};
+  static const std::vector<uint32_t> kinds = {6,  7,  11, 12, 13, 17, 18, 22,
+                                              24, 25, 26, 27, 28, 29, 33, 36};
   return kinds;
 }
 

@@ -59,6 +59,40 @@ ZEL_API extern const char *const UNUSED_NON_SINGLETON_PROPS[6];
  * when it is >= 0, traces when it is > 0. */
 ZEL_API extern int zelconfigstore_debug;
 
+/* Names of the port-mirroring session types (0 to 4) and encapsulation types
+ * (0 to 2), indexed by value; the session-type table ends with NULL. */
+ZEL_API extern const char *const SESSION_TYPE_LOCAL_ENUM_2_SCHEMA[6];
+ZEL_API extern const uint32_t VSPAN_SESSION_TYPE_NUM;
+ZEL_API extern const char *const ENCAP_TYPE_LOCAL_ENUM_2SCHEMA[3];
+ZEL_API extern const uint32_t VSPAN_ENCAP_TYPE_NUM;
+
+/* Link discovery protocol and operation names, indexed by value and ending
+ * with NULL; CHARS_2_* give the value of the name at each position, their
+ * last entry being the value of a name not in the table. */
+ZEL_API extern const char *const CDP_MODE_2_CHARS[3];
+ZEL_API extern const uint32_t CHARS_2_CDP_MODE[3];
+ZEL_API extern const char *const CDP_OPERATION_2_CHARS[5];
+ZEL_API extern const uint32_t CHARS_2_CDP_OPERATION[5];
+
+/* LACP modes (0 to 2) and load-balance algorithms (0 to 20), indexed by
+ * value; each ends with NULL. */
+ZEL_API extern const char *const LACP_MODE_2_CAHRS[4];
+ZEL_API extern const char *const LACP_LB_POLICY_SCHEMA[22];
+
+/* Uplink teaming policy names.  TEAMING_POLICY_SCHEMA lists the names by
+ * schema position (entry 0 and the last entry are NULL); TEAMING_POLICY_ENUM
+ * gives the policy value of each position.  NIC_TEAMING_POLICY_MODE_2_CHARS
+ * holds the name of policy value v at index v - 1. */
+ZEL_API extern const char *const TEAMING_POLICY_SCHEMA[7];
+ZEL_API extern const uint32_t TEAMING_POLICY_ENUM[6];
+ZEL_API extern const char *const NIC_TEAMING_POLICY_MODE_2_CHARS[5];
+
+/* Private-VLAN type names: PVLAN_2_CHARS is indexed by type (1 promiscuous,
+ * 2 isolated, 3 community; entry 0 and the last entry are NULL), and
+ * CHARS_2_PVLAN gives the type at a name's position (-1 where none). */
+ZEL_API extern const char *const PVLAN_2_CHARS[5];
+ZEL_API extern const int32_t CHARS_2_PVLAN[5];
+
 /* The first row of table 0, 1 or 2; NULL for any other index. */
 ZEL_API const PropToConfigEntry *GetConfigMap(int index);
 
@@ -75,20 +109,6 @@ ZEL_API uint32_t ZELState_SaveBufToConfigStore_ByInstance(const void *blob, uint
 ZEL_API uint32_t ZELState_LoadFromConfigStoreAsBuf(void **blob, uint32_t *length, bool desired);
 /* True when text equals one of the first count strings of array. */
 ZEL_API bool StringExistInArray(const char *text, char **array, int count);
-
-/* Uplink teaming policy names.  TEAMING_POLICY_SCHEMA lists the names by
- * schema position (entry 0 and the last entry are NULL); TEAMING_POLICY_ENUM
- * gives the policy value of each position.  NIC_TEAMING_POLICY_MODE_2_CHARS
- * holds the name of policy value v at index v - 1. */
-ZEL_API extern const char *const TEAMING_POLICY_SCHEMA[7];
-ZEL_API extern const uint32_t TEAMING_POLICY_ENUM[6];
-ZEL_API extern const char *const NIC_TEAMING_POLICY_MODE_2_CHARS[5];
-
-/* Private-VLAN type names: PVLAN_2_CHARS is indexed by type (1 promiscuous,
- * 2 isolated, 3 community; entry 0 and the last entry are NULL), and
- * CHARS_2_PVLAN gives the type at a name's position (-1 where none). */
-ZEL_API extern const char *const PVLAN_2_CHARS[5];
-ZEL_API extern const int32_t CHARS_2_PVLAN[5];
 
 ZEL_EXTERN_C_END
 
