@@ -79,6 +79,20 @@ ZEL_API extern const uint32_t CHARS_2_CDP_OPERATION[5];
 ZEL_API extern const char *const LACP_MODE_2_CAHRS[4];
 ZEL_API extern const char *const LACP_LB_POLICY_SCHEMA[22];
 
+/* Uplink teaming policy names.  TEAMING_POLICY_SCHEMA lists the names by
+ * schema position (entry 0 and the last entry are NULL); TEAMING_POLICY_ENUM
+ * gives the policy value of each position.  NIC_TEAMING_POLICY_MODE_2_CHARS
+ * holds the name of policy value v at index v - 1. */
+ZEL_API extern const char *const TEAMING_POLICY_SCHEMA[7];
+ZEL_API extern const uint32_t TEAMING_POLICY_ENUM[6];
+ZEL_API extern const char *const NIC_TEAMING_POLICY_MODE_2_CHARS[5];
+
+/* Private-VLAN type names: PVLAN_2_CHARS is indexed by type (1 promiscuous,
+ * 2 isolated, 3 community; entry 0 and the last entry are NULL), and
+ * CHARS_2_PVLAN gives the type at a name's position (-1 where none). */
+ZEL_API extern const char *const PVLAN_2_CHARS[5];
+ZEL_API extern const int32_t CHARS_2_PVLAN[5];
+
 /* The first row of table 0, 1 or 2; NULL for any other index. */
 ZEL_API const PropToConfigEntry *GetConfigMap(int index);
 

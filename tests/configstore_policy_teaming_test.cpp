@@ -1,0 +1,305 @@
+// Uplink teaming policy records through a real store file: the exact stored
+// object, the record a load builds, the class rules of the two kinds, and
+// values that are cut or refused.
+#include <string>
+
+#include "configstore_persist_support.h"
+
+using namespace persisttest;
+
+namespace {
+
+constexpr const char *kVsGlobal = "com.zorlan.vswitch.teaming";
+constexpr const char *kVsPort = "com.zorlan.vswitch.port.teaming.policy";
+constexpr const char *kEsPort = "com.zorlan.etherswitch.port.teaming";
+
+struct Teaming {
+  uint32_t policy = 0, failureFlags = 0;
+  uint8_t percentage = 0, fullDuplex = 0;
+  uint16_t speed = 0;
+  uint32_t teamingFlags = 0, numActive = 0, numStandby = 0;
+  std::vector<std::string> names;  // slots 0, 1, ...
+};
+
+void Put32(Bytes &b, size_t at, uint32_t v) { std::memcpy(b.data() + at, &v, 4); }
+
+// The 2616-byte record, built field by field at its offsets.
+Bytes Record(const Teaming &t) {
+  Bytes b(2616, 0);
+  Put32(b, 0, t.policy);
+  Put32(b, 4, t.failureFlags);
+  b[8] = t.percentage;
+  b[9] = t.fullDuplex;
+  std::memcpy(b.data() + 10, &t.speed, 2);
+  Put32(b, 12, t.teamingFlags);
+  Put32(b, 16, t.numActive);
+  Put32(b, 20, t.numStandby);
+  for (size_t i = 0; i < t.names.size(); ++i)
+    std::memcpy(b.data() + 24 + 81 * i, t.names[i].data(), std::min<size_t>(t.names[i].size(), 81));
+  return b;
+}
+
+const Bytes *Find(const Props &props, const std::string &name) {
+  for (const auto &[n, v] : props)
+    if (n == name) return &v;
+  return nullptr;
+}
+
+// The stored "uplink_teaming_policy" object of a JSON text ("" when absent).
+std::string TeamingJson(const std::string &json, size_t from = 0) {
+  const std::string key = R"("uplink_teaming_policy":)";
+  size_t at = json.find(key, from);
+  if (at == std::string::npos) return "";
+  at += key.size();
+  int depth = 0;
+  for (size_t i = at; i < json.size(); ++i) {
+    if (json[i] == '{') ++depth;
+    if (json[i] == '}' && --depth == 0) return json.substr(at, i - at + 1);
+  }
+  return "";
+}
+
+class PersistTeaming : public PersistTest {
+ protected:
+  void TearDown() override {
+    cs::testing::ClearFailures();
+    PersistTest::TearDown();
+  }
+  // Saves switch "sw-t" of class cls and loads it back.
+  Loaded RoundTrip(const std::string &cls, Props global, Props port, uint32_t expect = 0) {
+    SwitchDef s;
+    s.id = "sw-t";
+    s.cls = cls;
+    s.global = std::move(global);
+    // Ports load only under a "resource_management" object.
+    s.global.push_back({"com.zorlan.common.respools.sched", Bytes{0}});
+    // The version is read back from the stored "product" object.
+    if (Find(s.global, "com.zorlan.common.version") == nullptr)
+      s.global.push_back({"com.zorlan.common.version", U32(7)});
+    s.ports = {{"p1", std::move(port)}};
+    EXPECT_EQ(Save({s}), expect);
+    return expect == 0 ? LoadOne() : Loaded{};
+  }
+};
+
+TEST_F(PersistTeaming, VswitchRecordSavesExactObjectAndLoadsBack) {
+  Teaming t;
+  t.policy = 4;
+  t.failureFlags = 0xFFFFFFFF;
+  t.percentage = 50;
+  t.fullDuplex = 7;
+  t.speed = 1000;
+  t.teamingFlags = 0xFFFFFFFF;
+  t.numActive = 2;
+  t.numStandby = 1;
+  t.names = {"u1", "u2", "u3", "left-over"};
+  Loaded sw = RoundTrip("vswitch", {{kVsGlobal, Record(t)}}, {{kVsPort, Record(t)}});
+  const std::string expected =
+      R"({"best_effort":true,"failure_criteria":{"@types":{"percentage":"uint16","speed":"int32"},)"
+      R"("check_beacon":true,"full_duplex":true,"lc_link_state":true,"percentage":50,"speed":1000},)"
+      R"("notify_switches":true,"policy":"FAILOVER_EXPLICIT","reverse_policy":true,)"
+      R"("rolling_order":true,"shotgun":true,"uplink_port_order":{)"
+      R"("active_uplink_ports":["u1","u2"],"standby_uplink_ports":["u3"]}})";
+  const std::string json = Json("sw-t");
+  EXPECT_EQ(TeamingJson(json), expected) << json;  // switch settings
+  EXPECT_EQ(TeamingJson(json, json.find(R"("ports":)")), expected) << json;
+
+  // Only failure bits 5 and 7 (plus 9 from the load) and teaming bits 1-5
+  // survive; slots past the counts come back empty; full duplex reads as 1.
+  Teaming back = t;
+  back.failureFlags = 0x2A0;
+  back.teamingFlags = 0x3E;
+  back.fullDuplex = 1;
+  back.names = {"u1", "u2", "u3"};
+  ASSERT_NE(Find(sw.global, kVsGlobal), nullptr);
+  EXPECT_EQ(*Find(sw.global, kVsGlobal), Record(back));
+  ASSERT_EQ(sw.ports.size(), 1u);
+  EXPECT_EQ(sw.ports[0].second, (Props{{kVsPort, Record(back)}}));
+}
+
+TEST_F(PersistTeaming, PolicyValuesAndNames) {
+  const struct {
+    uint32_t value;
+    const char *name;  // null: no "policy" key
+    uint32_t loaded;
+  } cases[] = {{0, nullptr, 0},
+               {1, "LOADBALANCE_IP", 1},
+               {2, "LOADBALANCE_SRCMAC", 2},
+               {3, "LOADBALANCE_SRCID", 3},
+               {4, "FAILOVER_EXPLICIT", 4},
+               {5, "LOADBALANCE_LOADBASED", 5},
+               {6, nullptr, 0},
+               {0xFFFFFFFF, nullptr, 0}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.value);
+    Teaming t;
+    t.policy = c.value;
+    Loaded sw = RoundTrip("cswitch", {{kVsGlobal, Record(t)}}, {});
+    const std::string json = TeamingJson(Json("sw-t"));
+    if (c.name != nullptr)
+      EXPECT_NE(json.find(std::string(R"("policy":")") + c.name + "\""), std::string::npos) << json;
+    else
+      EXPECT_EQ(json.find(R"("policy")"), std::string::npos) << json;
+    t.policy = c.loaded;
+    t.failureFlags = 0x200;
+    ASSERT_NE(Find(sw.global, kVsGlobal), nullptr);
+    EXPECT_EQ(*Find(sw.global, kVsGlobal), Record(t));
+  }
+  // The exported tables pair the schema names with their values.
+  EXPECT_EQ(TEAMING_POLICY_SCHEMA[0], nullptr);
+  EXPECT_STREQ(TEAMING_POLICY_SCHEMA[4], "LOADBALANCE_LOADBASED");
+  EXPECT_EQ(TEAMING_POLICY_ENUM[4], 5u);
+  EXPECT_STREQ(TEAMING_POLICY_SCHEMA[5], "FAILOVER_EXPLICIT");
+  EXPECT_EQ(TEAMING_POLICY_ENUM[5], 4u);
+  EXPECT_EQ(TEAMING_POLICY_SCHEMA[6], nullptr);
+  EXPECT_STREQ(NIC_TEAMING_POLICY_MODE_2_CHARS[3], "FAILOVER_EXPLICIT");
+}
+
+TEST_F(PersistTeaming, SwitchClassChoosesTheKindThatSavesAndLoads) {
+  Teaming t;
+  t.speed = 1000;
+  t.numActive = 1;
+  t.names = {"vmnic0"};
+  Teaming back = t;
+  back.failureFlags = 0x200;
+
+  // Any other class: the vswitch property is not saved; the etherswitch port
+  // property saves the speed as uint16 and loads under its own name.
+  Loaded es = RoundTrip("etherswitch", {{kVsGlobal, Record(t)}}, {{kEsPort, Record(t)}});
+  std::string json = Json("sw-t");
+  EXPECT_EQ(TeamingJson(json).find("int32"), std::string::npos) << json;
+  EXPECT_NE(TeamingJson(json).find(R"("speed":"uint16")"), std::string::npos) << json;
+  EXPECT_EQ(TeamingJson(json, json.find(R"("ports":)")), TeamingJson(json)) << json;
+  EXPECT_LT(json.find(R"("ports":)"), json.find(R"("uplink_teaming_policy")")) << json;
+  EXPECT_EQ(Find(es.global, kVsGlobal), nullptr);
+  EXPECT_EQ(es.ports.at(0).second, (Props{{kEsPort, Record(back)}}));
+
+  // vswitch and cswitch: the etherswitch port property is saved but comes
+  // back as the vswitch one.
+  for (const char *cls : {"vswitch", "cswitch"}) {
+    SCOPED_TRACE(cls);
+    Loaded vs = RoundTrip(cls, {}, {{kEsPort, Record(t)}});
+    EXPECT_EQ(vs.ports.at(0).second, (Props{{kVsPort, Record(back)}}));
+  }
+}
+
+TEST_F(PersistTeaming, SavedValuesAreCheckedAndCut) {
+  zelconfigstore_debug = -1;
+  const std::string before = Dump();
+  Bytes shortValue = Record(Teaming{});
+  shortValue.pop_back();
+  RoundTrip("vswitch", {{kVsGlobal, shortValue}}, {}, kFail);
+  RoundTrip("etherswitch", {}, {{kEsPort, Bytes{}}}, kFail);
+  EXPECT_EQ(Dump(), before);
+
+  // Counts beyond the 32 slots are cut; a slot without a NUL gives 80
+  // characters.
+  Teaming t;
+  t.numActive = 40;
+  t.numStandby = 5;
+  for (int i = 0; i < 32; ++i) t.names.push_back("n" + std::to_string(i));
+  t.names[0] = std::string(81, 'x');
+  Loaded sw = RoundTrip("vswitch", {{kVsGlobal, Record(t)}}, {});
+  Teaming back = t;
+  back.failureFlags = 0x200;
+  back.numActive = 32;
+  back.numStandby = 0;
+  back.names[0] = std::string(80, 'x');
+  EXPECT_EQ(*Find(sw.global, kVsGlobal), Record(back));
+
+  t.numActive = 30;
+  t.numStandby = 0xFFFFFFFF;
+  sw = RoundTrip("vswitch", {{kVsGlobal, Record(t)}}, {});
+  back.numActive = 30;
+  back.numStandby = 2;
+  EXPECT_EQ(*Find(sw.global, kVsGlobal), Record(back));
+}
+
+TEST_F(PersistTeaming, HandWrittenObjectsLoadWithinTheRecord) {
+  std::string names;
+  for (int i = 0; i < 30; ++i) names += (i ? ",\"a" : "\"a") + std::to_string(i) + "\"";
+  const std::string longName(100, 'z');
+  const std::string content =
+      R"({"uuid":"sw-h","max_ports":8,"product":{"forwarding_class":"vswitch","version":"7.0.0"},)"
+      R"("settings":{"uplink_teaming_policy":{"policy":"failover_explicit","shotgun":true,)"
+      R"("best_effort":false,"uplink_port_order":{"active_uplink_ports":[)" + names +
+      R"(],"standby_uplink_ports":[")" + longName + R"(","s1","s2","s3"]}}}})";
+  Put("sw-h", content.c_str());
+  Loaded sw = LoadOne();
+  Teaming t;
+  t.teamingFlags = 0x10;  // no "failure_criteria": no failure flags
+  t.numActive = 30;
+  t.numStandby = 2;
+  for (int i = 0; i < 30; ++i) t.names.push_back("a" + std::to_string(i));
+  t.names.push_back(longName.substr(0, 80));
+  t.names.push_back("s1");
+  ASSERT_NE(Find(sw.global, kVsGlobal), nullptr);
+  EXPECT_EQ(*Find(sw.global, kVsGlobal), Record(t));
+
+  // Only the object itself: an all-zero record.
+  Put("sw-h", R"({"uuid":"sw-h","max_ports":8,"product":{"forwarding_class":"x",)"
+              R"("version":"7.0.0"},"resource_management":{},"ports":[{"key":"p1","settings":{"uplink_teaming_policy":{}}}]})");
+  sw = LoadOne();
+  EXPECT_EQ(sw.ports.at(0).second, (Props{{kEsPort, Record(Teaming{})}}));
+}
+
+// Runs the save case of a kind on a fresh in-memory object; the object's
+// content after it goes to *json.
+uint32_t SaveCase(uint32_t kind, const Bytes &value, std::string *json) {
+  cs::Object *o = nullptr;
+  EXPECT_EQ(cs::CreateObject("switches", "network_zel", "orn", "x", "{}", &o), 0);
+  const zp::SaveArgs args{o, o, "uplink_teaming_policy", "p", value.data(),
+                          static_cast<uint32_t>(value.size()), zp::kTablePort, 16};
+  const uint32_t status = zp::FindKind(kind)->save(args);
+  char *text = nullptr;
+  EXPECT_EQ(cs::ExportObjectJson(o, &text), 0);
+  *json = text != nullptr ? text : "";
+  std::free(text);
+  cs::DestroyConfigStoreObject(o);
+  return status;
+}
+
+TEST_F(PersistTeaming, StoreFailuresEndTheConversion) {
+  using Op = cs::testing::Op;
+  Teaming t;
+  t.policy = 1;
+  t.numActive = 1;
+  t.names = {"u"};
+  zp::currentSwitchClass = zp::kClassVswitch;
+  const struct {
+    Op op;
+    int skip;
+    const char *written;  // the object as the failure leaves it
+  } cases[] = {
+      {Op::kCreateSubObject, 0, "{}"},
+      {Op::kSetValueStr, 0, R"({"uplink_teaming_policy":{}})"},
+      {Op::kSetValueBool, 1,
+       R"({"uplink_teaming_policy":{"failure_criteria":{"check_beacon":false},)"
+       R"("policy":"LOADBALANCE_IP"}})"},
+      {Op::kSetValueInt, 0, nullptr},
+      {Op::kCreateSubObject, 2, nullptr},
+      {Op::kSetValueEmptyList, 1, nullptr},
+      {Op::kAppendValueString, 0, nullptr},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(static_cast<int>(c.op));
+    cs::testing::FailNext(c.op, cs::kStorage, c.skip);
+    std::string json;
+    EXPECT_EQ(SaveCase(18, Record(t), &json), static_cast<uint32_t>(cs::kStorage));
+    cs::testing::ClearFailures();
+    if (c.written != nullptr) {
+      EXPECT_EQ(json, c.written);
+    }
+    EXPECT_EQ(json.find(R"("u")"), std::string::npos) << json;
+  }
+  // Kind 17 alone takes "not found" from creating the object as nothing to do.
+  std::string json;
+  cs::testing::FailNext(Op::kCreateSubObject, cs::kNotFound);
+  EXPECT_EQ(SaveCase(17, Record(t), &json), 0u);
+  EXPECT_EQ(json, "{}");
+  cs::testing::FailNext(Op::kCreateSubObject, cs::kNotFound);
+  EXPECT_EQ(SaveCase(18, Record(t), &json), static_cast<uint32_t>(cs::kNotFound));
+  zp::currentSwitchClass = zp::kClassOther;
+}
+
+}  // namespace
