@@ -53,18 +53,26 @@ void BM_PropertyGet(benchmark::State &state) {
 }
 BENCHMARK(BM_PropertyGet);
 
-// Argument: ports on each of 4 switches.
-void BM_StateGet(benchmark::State &state) {
-  zel::sim::EmulatedKernel kernel;
-  zel::kernel::ScopedTransport use(&kernel);
+// Fetches a whole state blob with fetch(blob, length) in the loop, over 4
+// switches of state.range(0) ports each; returns the last blob's length.
+template <typename Fetch>
+uint32_t FetchStates(benchmark::State &state, Fetch fetch) {
   FillSwitches(4, static_cast<int>(state.range(0)));
   uint32_t length = 0;
   for (auto _ : state) {
     void *blob = nullptr;
-    ZELPYX_StateGet(&blob, &length);
+    fetch(&blob, &length);
     ZELPYX_DataFree(blob);
   }
   state.counters["blobBytes"] = length;
+  return length;
+}
+
+// Argument: ports on each of 4 switches.
+void BM_StateGet(benchmark::State &state) {
+  zel::sim::EmulatedKernel kernel;
+  zel::kernel::ScopedTransport use(&kernel);
+  FetchStates(state, ZELPYX_StateGet);
   state.counters["ioctlsPerGet"] = benchmark::Counter(
       static_cast<double>(kernel.IoctlCount(ZELPYX_REQ_STATE_GET)), benchmark::Counter::kAvgIterations);
 }
@@ -76,14 +84,7 @@ void BM_PersistentStateGet(benchmark::State &state) {
   zel::state::testing::SetPortLimit(4096);
   zel::sim::EmulatedKernel kernel;
   zel::kernel::ScopedTransport use(&kernel);
-  FillSwitches(4, static_cast<int>(state.range(0)));
-  uint32_t length = 0;
-  for (auto _ : state) {
-    void *blob = nullptr;
-    ZELPYX_PersistentStateGet(&blob, &length);
-    ZELPYX_DataFree(blob);
-  }
-  state.counters["blobBytes"] = length;
+  FetchStates(state, ZELPYX_PersistentStateGet);
   zel::state::testing::SetPortLimit(0);
 }
 BENCHMARK(BM_PersistentStateGet)->Arg(0)->Arg(64)->Arg(512);
