@@ -6,4 +6,4 @@ cd "$(dirname "$0")/.."
 bash tools/install-deps.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_SANITIZE= -DZEL_TESTS=OFF >/dev/null
 cmake --build build -j "$(nproc)"
-./build/zel_example
+./build/zel_main

@@ -21,6 +21,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include "zel/data.h"
 #include "zel/status.h"
 
 ZEL_EXTERN_C_BEGIN
@@ -189,6 +190,152 @@ ZEL_API ReturnStatus ZELPYX_UplinkDataSet(const char *switchName, const char *po
                                           uint32_t dataLen, uint32_t propType);
 ZEL_API ReturnStatus ZELPYX_UplinkDataGet(const char *switchName, const char *portId,
                                           int32_t uplinkIndex, void **buffer, uint32_t *length);
+
+/* --- property lists from the kernel ---
+ *
+ * Name patterns: the strip and extract routines match a pattern anywhere in
+ * a name; exception names match whole names (over at most 128 characters);
+ * IsQorProp matches its prefixes at the start of a name.  The routines take
+ * no lock: the list belongs to the caller alone.  They return the status of
+ * their last ZELData_Next, STATUS_NOT_FOUND once the walk is complete.
+ *
+ * A list that repeats a name (serialized data from outside may) can only be
+ * shortened by name: when one of the repeats must go while an earlier one
+ * would stay, every entry of that name goes.
+ */
+
+/* Removes every entry whose name contains pattern. */
+ZEL_API ReturnStatus ZELPYXStripNamedProp(PropertyList *list, const char *pattern);
+/* Removes every entry whose property type is not propType and every entry
+ * whose name contains pattern, except the entries named exactly as one of
+ * exceptions (a null-terminated array, or null for none). */
+ZEL_API ReturnStatus ZELPYXStripNamedPropForType(PropertyList *list, const char *pattern,
+                                                 const char *const *exceptions,
+                                                 uint32_t propType);
+/* Keeps only the entries of type propType whose names contain pattern. */
+ZEL_API ReturnStatus ZELPYXExtractNamedPropForType(PropertyList *list, const char *pattern,
+                                                   uint32_t propType);
+/* True when name begins with one of the overlay prefixes ("com.zorlan.qorData.",
+ * "com.zorlan.vswitch.teaming", "com.zorlan.qor.", "com.zorlan.common.opaqueZel.",
+ * "com.zorlan.host.feature.container", "com.zorlan.extraconfig.opaqueZel.",
+ * "com.zorlan.vswitch.disabled", "com.zorlan.net.portset.fc.",
+ * "com.zorlan.port.extraConfig.sddcaas."). */
+ZEL_API bool IsQorProp(const char *name);
+
+/* One entry of ZELPYXPortList: 52 bytes, no gap between entries. */
+#pragma pack(push, 1)
+typedef struct ZELPYXPortListEntry {
+  char portId[ZELPYX_PORT_ID_SIZE]; /* NUL-terminated */
+  uint32_t connectId;               /* first 32 bits of "com.zorlan.common.port.connectid", or 0 */
+} ZELPYXPortListEntry;
+/* The ports of one kind of a switch: one allocation of 8 + 52 * n bytes (n:
+ * the switch's ports of every kind), released with ZELPYX_DataFree. */
+typedef struct ZELPYXPortList {
+  uint32_t count;    /* entries filled */
+  uint32_t portKind; /* the kind asked for */
+  ZELPYXPortListEntry entries[];
+} ZELPYXPortList;
+#pragma pack(pop)
+ZELPYX_STATIC_ASSERT(sizeof(ZELPYXPortListEntry) == 52, "ZELPYXPortListEntry is 52 bytes");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXPortListEntry, connectId) == 48, "connectId offset");
+ZELPYX_STATIC_ASSERT(offsetof(ZELPYXPortList, entries) == 8, "port list entries offset");
+
+/*
+ * Switch-level slices.  Each fetches the kernel's whole state, loads it into
+ * the state database under the channel lock (the database must be empty and
+ * is empty again on return), cuts the named switch's list down and hands it
+ * to the caller, who releases it with ZELData_Free.  *list is written only
+ * when the status is 0; an unknown switch gives STATUS_NOT_FOUND.
+ */
+/* The vendor lists: the global (or host) list of the given type without the
+ * library's own families ("com.zorlan.common.", "com.zorlan.etherswitch.",
+ * "com.zorlan.vswitch." except "com.zorlan.vswitch.disabled",
+ * "dvfilter-generic-", "com.zorlan.qorData.", and for the global list
+ * "com.zorlan.extraconfig."); on a switch whose "com.zorlan.common.version"
+ * is 107 also without "com.zorlan.qor.vdr.dvptracking". */
+ZEL_API ReturnStatus ZELPYX_VendorGlobalPropList(const char *switchName, PropertyList **list,
+                                                 uint32_t propType);
+ZEL_API ReturnStatus ZELPYX_VendorHostPropList(const char *switchName, PropertyList **list,
+                                               uint32_t propType);
+/* The routine behind both: host 0 for the global list, nonzero for the host list. */
+ZEL_API ReturnStatus ZELPYXVendorPropList(const char *switchName, PropertyList **list,
+                                          uint32_t propType, int host);
+/* The global entries of the given type whose names contain "com.zorlan.extraconfig.". */
+ZEL_API ReturnStatus ZELPYX_ExtraConfigPropList(const char *switchName, PropertyList **list,
+                                                uint32_t propType);
+/* The overlay entries (IsQorProp) of the given type of the global list
+ * (global nonzero) or host list; with type 16 also every entry whose name
+ * begins with "com.zorlan.net.portset.fc.", whatever its type. */
+ZEL_API ReturnStatus ZELPYX_QorPropList(const char *switchName, uint32_t propType, int global,
+                                        PropertyList **list);
+/* The switch's ports of one kind in slot order (STATUS_NO_MEMORY when the
+ * list cannot be allocated). */
+ZEL_API ReturnStatus ZELPYX_SwitchPortList(const char *switchName, ZELPYXPortList **list,
+                                           uint32_t portKind);
+
+/*
+ * Port-level slices: one port's properties fetched from the kernel and cut
+ * down; no lock, no state database.  The list is the caller's (ZELData_Free).
+ */
+/* Without "com.zorlan.common.", "com.zorlan.etherswitch.", "com.zorlan.vswitch.",
+ * "com.zorlan.port.extraConfig.", "com.zorlan.port.opaque.network",
+ * "dvfilter-generic-", entries of other types, and with type 32 "com.zorlan.net.". */
+ZEL_API ReturnStatus ZELPYX_VendorPortPropList(const char *switchName, const char *portId,
+                                               PropertyList **list, uint32_t propType);
+/* The entries of the given type whose names contain "com.zorlan.port.extraConfig". */
+ZEL_API ReturnStatus ZELPYX_ExtraConfigPortPropList(const char *switchName, const char *portId,
+                                                    PropertyList **list, uint32_t propType);
+
+/* --- persistent state retrieval ---
+ *
+ * The kernel's state reduced to what may survive a restart: switches flagged
+ * "com.zorlan.common.volatile.nopersist" (nonzero first byte) are left out,
+ * or, with a state path, replaced by their version in the stored state
+ * (ZELFile_Read); every name containing ".volatile." is removed; on switches
+ * whose host property "com.zorlan.common.portset.opaque" begins with "true"
+ * normal ports with all-digit ids above 999 are dropped; only normal ports
+ * without "com.zorlan.common.port.volatile.persist" are kept.
+ */
+
+/* The persistable state as a state blob.  *blob == NULL asks for a new
+ * allocation (released with free); otherwise *blobLen is its capacity.
+ * statePath may be null. */
+ZEL_API ReturnStatus ZELPYX_PersistentStateGetWithFile(void **blob, uint32_t *blobLen,
+                                                       const char *statePath);
+ZEL_API ReturnStatus ZELPYX_PersistentStateGet(void **blob, uint32_t *blobLen);
+/* One port's properties without ".volatile." names, serialized with version
+ * (same buffer convention; a new buffer is released with free).  No lock. */
+ZEL_API ReturnStatus ZELPYX_PersistentPortStateGet(const char *switchName, const char *portId,
+                                                   uint32_t version, void **buffer,
+                                                   uint32_t *length);
+
+/* The result of ZELPYX_PortGetByExternalId: 96 bytes, ZELPYX_DataFree. */
+typedef struct ZELPYXExternalIdMatch {
+  char portId[ZELPYX_PORT_ID_SIZE];     /* first matching port, "" when none */
+  char externalId[ZELPYX_PORT_ID_SIZE]; /* the id searched for, cut to 47 characters */
+} ZELPYXExternalIdMatch;
+ZELPYX_STATIC_ASSERT(sizeof(ZELPYXExternalIdMatch) == 96, "ZELPYXExternalIdMatch is 96 bytes");
+
+/*
+ * Finds the first port (slot order) of the switch whose external id
+ * ("com.zorlan.port.extraConfig.vnic.external.id", else
+ * "com.zorlan.port.extraConfig.pyxnic.external.id") is a prefix of
+ * externalId; an empty stored id matches any search.  Matching uses the
+ * whole of externalId; only the copy in the result is cut to 47 characters
+ * (a longer id never overruns the field).  Returns 0 with an empty portId
+ * when nothing matched, STATUS_NOT_FOUND when the switch is missing.
+ */
+ZEL_API ReturnStatus ZELPYX_PortGetByExternalId(const char *switchName, const char *externalId,
+                                                ZELPYXExternalIdMatch **result);
+
+/*
+ * Saves the kernel's persistable state (ZELPYX_PersistentStateGet) into the
+ * configuration store: every switch, or only switchId's object.  Returns
+ * what the store save returns, or 0xFFFFFFFF when the state cannot be
+ * fetched (the store is then not touched).
+ */
+ZEL_API uint32_t ZELState_SaveToConfigStore_ByInstance(const char *switchId);
+ZEL_API uint32_t ZELState_SaveToConfigStore(void);
 
 ZEL_EXTERN_C_END
 

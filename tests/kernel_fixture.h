@@ -1,0 +1,131 @@
+// Shared by the tests of the kernel's property lists and the persistent
+// retrievals: an emulated kernel module installed as the device, and
+// builders of switches, ports and properties inside it.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "kernel/channel.h"
+#include "sim/emulated_kernel.h"
+#include "sim/state_view.h"
+#include "state/state_testing.h"
+#include "state_fixture.h"
+#include "test_support.h"
+#include "zel/data.h"
+#include "zel/kernel.h"
+#include "zel/state.h"
+
+namespace zel::sim {
+// Readable failures: name, type and value length.
+inline void PrintTo(const PropView &p, std::ostream *os) {
+  *os << p.name << "/" << p.type << "/" << p.value.size() << "B";
+}
+}  // namespace zel::sim
+
+namespace zelkerneltest {
+
+using zelstatetest::Bytes;
+using zelstatetest::Text;
+using zelstatetest::U32;
+using Prop = zel::sim::PropView;
+using Props = zel::sim::PropsView;
+using zel::sim::SwitchView;
+
+inline Props Entries(PropertyList *list) { return zel::sim::ViewList(list); }
+
+inline std::vector<std::string> Names(const Props &props) {
+  std::vector<std::string> names;
+  for (const Prop &p : props) names.push_back(p.name);
+  return names;
+}
+
+inline PropertyList *MakeList(const Props &props) {
+  PropertyList *list = nullptr;
+  EXPECT_EQ(ZELData_Alloc(&list, [](uint64_t n) { return std::malloc(n); }, std::free), STATUS_OK);
+  for (const Prop &p : props) {
+    EXPECT_EQ(ZELData_Append(list, p.name.c_str(), p.value.data(),
+                             static_cast<uint32_t>(p.value.size()), p.type),
+              STATUS_OK);
+  }
+  return list;
+}
+
+inline Bytes Encode(const Props &props, uint32_t version = 7) {
+  PropertyList *list = MakeList(props);
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  EXPECT_EQ(ZELData_Serialize(list, &buffer, &length, version), STATUS_OK);
+  Bytes out(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length);
+  ZELData_FreeAssocData(list, buffer);
+  ZELData_Free(list);
+  return out;
+}
+
+inline std::vector<SwitchView> View(const void *blob, uint32_t length) {
+  std::vector<SwitchView> out;
+  EXPECT_EQ(zel::sim::ViewState(blob, length, &out), STATUS_OK);
+  return out;
+}
+
+inline std::vector<std::string> PortIds(const SwitchView &sw) {
+  std::vector<std::string> ids;
+  for (const auto &port : sw.ports) ids.push_back(port.id);
+  return ids;
+}
+
+// True when the state database holds no switch.
+inline bool DatabaseEmpty() {
+  for (int i = 0; i < ZEL_MAX_SWITCHES; ++i) {
+    if (zel::state::testing::SwitchAtSlot(i) != nullptr) return false;
+  }
+  return true;
+}
+
+// Every test drives its own emulated module through the library, with a
+// host limit of 4096 ports on both sides.
+class KernelTest : public ::testing::Test {
+ protected:
+  void SetUp() override { zel::state::testing::SetPortLimit(4096); }
+  void TearDown() override {
+    EXPECT_TRUE(DatabaseEmpty());
+    zel::state::testing::SetPortLimit(0);
+  }
+
+  static void AddSwitch(const char *sw, const char *cls = "vswitch", uint32_t version = 7,
+                        uint32_t maxPorts = 0) {
+    ASSERT_EQ(ZELPYX_SwitchAdd(sw, cls, maxPorts, version), STATUS_OK);
+  }
+  using SetFn = ReturnStatus (*)(const char *, const char *, const void *, uint32_t, uint32_t);
+  static void SetProps(SetFn set, const char *sw, const Props &props) {
+    for (const Prop &p : props) {
+      ASSERT_EQ(set(sw, p.name.c_str(), p.value.data(), static_cast<uint32_t>(p.value.size()), p.type),
+                STATUS_OK)
+          << p.name;
+    }
+  }
+  static void SetGlobal(const char *sw, const Props &props) { SetProps(ZELPYX_GlobalPropSet, sw, props); }
+  static void SetHost(const char *sw, const Props &props) { SetProps(ZELPYX_HostPropSet, sw, props); }
+  // A port of the given kind (normal: no kind property) with initial props.
+  static void AddPort(const char *sw, const char *port, const Props &props = {},
+                      uint32_t kind = PORT_KIND_NORMAL) {
+    Props all = props;
+    if (kind != PORT_KIND_NORMAL) all.insert(all.begin(), {ZEL_PROP_PORT_TYPE, U32(kind), 16});
+    const Bytes data = all.empty() ? Bytes{} : Encode(all);
+    ASSERT_EQ(ZELPYX_PortAdd(sw, port, data.empty() ? nullptr : data.data(),
+                             static_cast<uint32_t>(data.size())),
+              STATUS_OK)
+        << port;
+  }
+
+  zel::sim::EmulatedKernel kernel{4096};
+  zel::kernel::ScopedTransport use{&kernel};
+};
+
+}  // namespace zelkerneltest

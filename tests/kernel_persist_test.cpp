@@ -1,0 +1,436 @@
+// Persistent retrieval end to end against the emulated module: which
+// switches come from the kernel and which from the stored state, which
+// properties and ports are left out; one port's persistable data; the search
+// by external id; the save into the configuration store; and all of it run
+// from several threads at once.
+#include <stdlib.h>
+
+#include <algorithm>
+#include <atomic>
+
+#include <filesystem>
+#include <fstream>
+#include <latch>
+#include <thread>
+
+#include "host/configstore_client.h"
+#include "host/feature_flags.h"
+#include "host/status_text.h"
+#include "configstore_persist_support.h"
+#include "kernel_fixture.h"
+#include "log_capture.h"
+#include "zel/configstore.h"
+#include "zel/file.h"
+
+namespace {
+
+using namespace zelkerneltest;
+namespace fs = std::filesystem;
+using V = std::vector<std::string>;
+
+// The retrieval's blob, decoded.
+std::vector<SwitchView> Persistent(const char *statePath, ReturnStatus expect = STATUS_OK) {
+  void *blob = nullptr;
+  uint32_t length = 0;
+  EXPECT_EQ(ZELPYX_PersistentStateGetWithFile(&blob, &length, statePath), expect);
+  std::vector<SwitchView> out;
+  if (blob != nullptr) out = View(blob, length);
+  std::free(blob);
+  EXPECT_TRUE(DatabaseEmpty());
+  return out;
+}
+
+std::vector<std::string> Ids(const std::vector<SwitchView> &switches) {
+  std::vector<std::string> ids;
+  for (const SwitchView &sw : switches) ids.push_back(sw.id);
+  return ids;
+}
+
+class KernelPersistTest : public KernelTest {
+ protected:
+  void SetUp() override {
+    KernelTest::SetUp();
+    zel::host::SetConfigStoreFeatures(false, false);
+    char tmpl[] = "/tmp/zel-kpersist-XXXXXX";
+    ASSERT_NE(mkdtemp(tmpl), nullptr);
+    dir_ = tmpl;
+    statePath_ = dir_ + "/zel.state";
+  }
+  void TearDown() override {
+    zel::host::ClearConfigStoreFeatures();
+    fs::remove_all(dir_);
+    KernelTest::TearDown();
+  }
+  // Writes the whole state of another emulated module as the stored state.
+  void StoreStateOf(zel::sim::EmulatedKernel &other) {
+    zel::kernel::ScopedTransport useOther(&other);
+    void *blob = nullptr;
+    uint32_t length = 0;
+    ASSERT_EQ(ZELPYX_StateGet(&blob, &length), STATUS_OK);
+    ASSERT_EQ(ZELFile_Write(statePath_.c_str(), blob, length), STATUS_OK);
+    ZELPYX_DataFree(blob);
+  }
+
+  std::string dir_, statePath_;
+};
+
+// Names with ".volatile." go at every level; only normal ports without the
+// persist marker stay.
+TEST_F(KernelPersistTest, VolatileNamesAndPortKinds) {
+  AddSwitch("a");
+  SetGlobal("a", {{"com.zorlan.common.alias", Text("blue"), 16},
+                  {"com.zorlan.common.foo.volatile.bar", {1}, 16},
+                  {ZEL_PROP_NOPERSIST, {0}, 16}});  // zero first byte: persisted
+  SetHost("a", {{"h.volatile.x", {1}, 16}, {"h.keep", {2}, 24}});
+  AddPort("a", "n1", {{"keep", {1}, 16}, {"x.volatile.y", {2}, 16}});
+  AddPort("a", "n2", {{ZEL_PROP_PORT_PERSIST, {1}, 16}});
+  AddPort("a", "s1", {}, PORT_KIND_SHADOW);
+  AddPort("a", "z1", {}, PORT_KIND_ZOMBIE);
+  AddPort("a", "c1", {}, PORT_KIND_LOCAL_CACHE);
+  AddPort("a", "n3");
+
+  // Nothing flagged: the state path is never read (the file does not exist).
+  const auto result = Persistent(statePath_.c_str());
+  ASSERT_EQ(Ids(result), V{"a"});
+  EXPECT_EQ(result[0].global, (Props{{"com.zorlan.common.alias", Text("blue"), 16}}));
+  EXPECT_EQ(result[0].host, (Props{{"h.keep", {2}, 24}}));
+  EXPECT_EQ(PortIds(result[0]), (V{"n1", "n3"}));
+  EXPECT_EQ(result[0].ports[0].props, (Props{{"keep", {1}, 16}}));
+  EXPECT_EQ(result[0].className, "vswitch");
+  EXPECT_EQ(result[0].version, 7u);
+
+  // The caller's own buffer is used when given; too small a one is refused.
+  uint8_t small[16];
+  void *buffer = small;
+  uint32_t capacity = sizeof small;
+  EXPECT_EQ(ZELPYX_PersistentStateGet(&buffer, &capacity), STATUS_LIMIT_EXCEEDED);
+  EXPECT_TRUE(DatabaseEmpty());
+  EXPECT_EQ(ZELPYX_PersistentStateGet(nullptr, &capacity), STATUS_BAD_PARAM);
+}
+
+TEST_F(KernelPersistTest, HighNumericPortsOfOpaquePortsets) {
+  const V ids = {"999", "0999", "1000", "p1000", "4000", "12", "2147483648"};
+  for (const auto &[sw, opaque] : {std::pair{"o", "true"}, {"t", "trueish"}, {"f", "false"}, {"n", ""}}) {
+    AddSwitch(sw);
+    if (*opaque != '\0') SetHost(sw, {{"com.zorlan.common.portset.opaque", Text(opaque), 16}});
+    for (const std::string &id : ids) AddPort(sw, id.c_str());
+  }
+  AddPort("o", "5000", {}, PORT_KIND_SHADOW);  // no normal port of that id to remove
+
+  const auto result = Persistent(nullptr);
+  ASSERT_EQ(Ids(result), (V{"o", "t", "f", "n"}));
+  // 2147483648 overflows a 32-bit integer as the C library converts it: kept.
+  const V kept = {"999", "0999", "p1000", "12", "2147483648"};
+  EXPECT_EQ(PortIds(result[0]), kept);
+  EXPECT_EQ(PortIds(result[1]), kept);
+  EXPECT_EQ(PortIds(result[2]), ids);
+  EXPECT_EQ(PortIds(result[3]), ids);
+}
+
+TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
+  AddSwitch("keep");
+  AddSwitch("flag", "etherswitch", 6);
+  SetGlobal("flag", {{ZEL_PROP_NOPERSIST, {1}, 16}, {"com.zorlan.common.alias", Text("kernel"), 16}});
+  AddPort("flag", "kp");
+  AddSwitch("flag2", "etherswitch", 6);
+  SetGlobal("flag2", {{ZEL_PROP_NOPERSIST, {2}, 16}});
+
+  // Without a state path the flagged switches are simply missing.
+  EXPECT_EQ(Ids(Persistent(nullptr)), V{"keep"});
+
+  // A state file that cannot be read fails the whole retrieval.
+  zeltest::LogCapture log;
+  EXPECT_TRUE(Persistent(statePath_.c_str(), STATUS_NOT_FOUND).empty());
+  ASSERT_FALSE(log.Host().empty());
+
+  // The stored state: its version of "flag" (reduced in turn) replaces the
+  // kernel's; its other switches stay out.
+  zel::sim::EmulatedKernel stored;
+  {
+    zel::kernel::ScopedTransport useStored(&stored);
+    AddSwitch("other");
+    AddSwitch("flag", "limited", 5, 16);
+    SetGlobal("flag", {{"com.zorlan.common.alias", Text("stored"), 16}, {"a.volatile.b", {1}, 16}});
+    AddPort("flag", "sp", {{"v", {1}, 16}});
+    AddPort("flag", "ss", {}, PORT_KIND_SHADOW);
+  }
+  StoreStateOf(stored);
+  const auto result = Persistent(statePath_.c_str());
+  ASSERT_EQ(Ids(result), (V{"keep", "flag"}));
+  EXPECT_EQ(result[1].className, "limited");
+  EXPECT_EQ(result[1].version, 5u);
+  EXPECT_EQ(result[1].maxPorts, 16u);
+  EXPECT_EQ(result[1].global, (Props{{"com.zorlan.common.alias", Text("stored"), 16}}));
+  EXPECT_EQ(PortIds(result[1]), V{"sp"});
+
+  // A stored state that does not load: its status, with a message.
+  const Bytes garbage(700, 0x42);
+  ASSERT_EQ(ZELFile_Write(statePath_.c_str(), garbage.data(), 700), STATUS_OK);
+  std::string err = zeltest::CaptureStderr([&] { Persistent(statePath_.c_str(), STATUS_BAD_PARAM); });
+  EXPECT_EQ(err, "ZELState_ConfigDeserialize failed: " +
+                     std::string(zel::host::PYX_ReturnStatusToString(STATUS_BAD_PARAM)) + "\n");
+
+  // The kernel's state cannot be fetched: its status, nothing read.
+  kernel.InjectFault({zel::sim::EmulatedKernel::FaultKind::kFailWithStatus, ZELPYX_REQ_STATE_GET,
+                      STATUS_NO_MEMORY, ENOMEM});
+  EXPECT_TRUE(Persistent(statePath_.c_str(), STATUS_NO_MEMORY).empty());
+}
+
+TEST_F(KernelPersistTest, PersistentPortState) {
+  AddSwitch("sw");
+  const Props kept = {{"com.zorlan.common.port.alias", Text("a"), 16}, {"acme", {1, 2}, 24}};
+  AddPort("sw", "p", {kept[0], {"com.zorlan.common.port.volatile.persist", {1}, 16}, kept[1],
+                      {"x.volatile.", {3}, 16}});
+  for (uint32_t version : {5u, 7u}) {
+    void *buffer = nullptr;
+    uint32_t length = 0;
+    ASSERT_EQ(ZELPYX_PersistentPortStateGet("sw", "p", version, &buffer, &length), STATUS_OK);
+    EXPECT_EQ(Bytes(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length),
+              Encode(kept, version));
+    std::free(buffer);
+  }
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  EXPECT_EQ(ZELPYX_PersistentPortStateGet("sw", "nop", 7, &buffer, &length), STATUS_NOT_FOUND);
+  EXPECT_EQ(buffer, nullptr);
+  EXPECT_EQ(kernel.IoctlCount(ZELPYX_REQ_STATE_GET), 0u);  // no state database involved
+}
+
+TEST_F(KernelPersistTest, PortByExternalId) {
+  constexpr const char *kVnic = "com.zorlan.port.extraConfig.vnic.external.id";
+  constexpr const char *kPyxnic = "com.zorlan.port.extraConfig.pyxnic.external.id";
+  const std::string longId(50, 'L');
+  AddSwitch("sw");
+  AddPort("sw", "p0");
+  AddPort("sw", "p1", {{kVnic, Text("abc"), 16}});
+  AddPort("sw", "p2", {{kPyxnic, Text("xyz"), 16}});
+  AddPort("sw", "p3", {{kVnic, Text("v"), 16}, {kPyxnic, Text("q"), 16}});
+  AddPort("sw", "p4", {{kVnic, Text(longId), 16}});
+  AddPort("sw", "p5", {{kVnic, Text(""), 16}});  // an empty id matches any search
+
+  auto find = [](const char *sw, const std::string &id) {
+    ZELPYXExternalIdMatch *match = nullptr;
+    EXPECT_EQ(ZELPYX_PortGetByExternalId(sw, id.c_str(), &match), STATUS_OK);
+    EXPECT_TRUE(DatabaseEmpty());
+    std::pair<std::string, std::string> out{match->portId, match->externalId};
+    ZELPYX_DataFree(match);
+    return out;
+  };
+  EXPECT_EQ(find("sw", "abcdef"), std::make_pair(std::string("p1"), std::string("abcdef")));
+  EXPECT_EQ(find("sw", "xyz1").first, "p2");
+  EXPECT_EQ(find("sw", "v").first, "p3");
+  EXPECT_EQ(find("sw", "q").first, "p5");  // p3's vnic id hides its pyxnic id
+  EXPECT_EQ(find("sw", "ab").first, "p5");
+  // A search longer than the field: matched whole, echoed cut to 47 characters.
+  const auto [port, echoed] = find("sw", longId + "tail");
+  EXPECT_EQ(port, "p4");
+  EXPECT_EQ(echoed, std::string(47, 'L'));
+
+  AddSwitch("none");
+  AddPort("none", "p1", {{kVnic, Text("abc"), 16}});
+  EXPECT_EQ(find("none", "zzz"), std::make_pair(std::string(), std::string("zzz")));
+
+  ZELPYXExternalIdMatch *untouched = reinterpret_cast<ZELPYXExternalIdMatch *>(&kernel);
+  EXPECT_EQ(ZELPYX_PortGetByExternalId("nosw", "abc", &untouched), STATUS_NOT_FOUND);
+  EXPECT_EQ(untouched, reinterpret_cast<ZELPYXExternalIdMatch *>(&kernel));
+  EXPECT_EQ(ZELPYX_PortGetByExternalId("sw", nullptr, &untouched), STATUS_BAD_PARAM);
+}
+
+// --- the save into the configuration store ---
+
+class KernelSaveTest : public KernelPersistTest {
+ protected:
+  void SetUp() override {
+    KernelPersistTest::SetUp();
+    storePath_ = dir_ + "/configstore.db";
+    zel::cfgstore::testing::UsePath(storePath_.c_str());
+    zel::cfgstore::testing::ClearFailures();
+  }
+  void TearDown() override {
+    zel::cfgstore::testing::UsePath(nullptr);
+    zel::cfgstore::testing::ClearFailures();
+    KernelPersistTest::TearDown();
+  }
+  std::string storePath_;
+};
+
+TEST_F(KernelSaveTest, FetchFailureLeavesTheStoreAlone) {
+  using Kind = zel::sim::EmulatedKernel::FaultKind;
+  kernel.InjectFault({Kind::kFailWithStatus, ZELPYX_REQ_STATE_GET, STATUS_NO_MEMORY, ENOMEM});
+  uint32_t status = 0;
+  std::string out = zeltest::CaptureStdout([&] { status = ZELState_SaveToConfigStore(); });
+  EXPECT_EQ(status, 0xFFFFFFFFu);
+  EXPECT_EQ(out, "Failed to save ZEL config to configstore when get ZEL buffrom pyx. Error: " +
+                     std::string(zel::host::PYX_ReturnStatusToString(STATUS_NO_MEMORY)) + "\n");
+  kernel.SetDevicePresent(false);
+  {
+    zeltest::ScopedLevel quiet(zelconfigstore_debug, -1);
+    out = zeltest::CaptureStdout([&] {
+      zeltest::CaptureStderr([&] { status = ZELState_SaveToConfigStore_ByInstance("sw"); });
+    });
+  }
+  EXPECT_EQ(status, 0xFFFFFFFFu);
+  EXPECT_EQ(out, "");
+  EXPECT_EQ(zel::cfgstore::testing::Calls(zel::cfgstore::testing::Op::kAny), 0u);
+}
+
+// From the emulated module into a store file, and back through the state
+// file's reader with the configuration-store features on.
+TEST_F(KernelSaveTest, SavedStateLoadsBackThroughTheStateFileReader) {
+  AddSwitch("dvs-1", "vswitch", 7);
+  SetGlobal("dvs-1", {{"com.zorlan.common.alias", Text("blue"), 16},
+                      {"com.zorlan.common.respools.sched", {1}, 16},
+                      {"com.zorlan.common.version", U32(7), 16},
+                      {"com.zorlan.common.resv.threshold", U32(75), 24},
+                      {"acme.vendor", Text("v1"), 16},
+                      {"acme.blob", {1, 2, 3}, 24},
+                      {"acme.rate", Text("x"), 32},  // a type the store does not keep
+                      {"com.zorlan.common.x.volatile.y", {1}, 16}});
+  SetHost("dvs-1", {{"com.zorlan.common.host.portset", Text("ps0"), 16}});
+  AddPort("dvs-1", "10", {{"com.zorlan.common.port.alias", Text("uplink"), 16},
+                          {"com.zorlan.common.port.connectid", U32(77), 16}});
+  AddPort("dvs-1", "11", {{ZEL_PROP_PORT_PERSIST, {1}, 16}});
+  AddSwitch("es-2", "etherswitch", 6);
+  SetGlobal("es-2", {{"com.zorlan.common.alias", Text("green"), 16},
+                     {ZEL_PROP_NOPERSIST, {1}, 16}});
+
+  zeltest::ScopedLevel quiet(zelconfigstore_debug, -1);
+  zeltest::LogCapture log;
+  ASSERT_EQ(ZELState_SaveToConfigStore(), 0u);
+  EXPECT_TRUE(DatabaseEmpty());
+
+  zel::host::SetConfigStoreFeatures(true, true);
+  // Policy kinds without a conversion yet read as nothing stored (this
+  // state stores nothing under their keys).
+  persisttest::NoPolicy policyRowsEmpty;
+  void *blob = nullptr;
+  int32_t length = 0;
+  uint32_t offset = 0;
+  ASSERT_EQ(ZELFile_Read(statePath_.c_str(), &blob, &length, &offset), STATUS_OK);
+  const auto loaded = View(blob, static_cast<uint32_t>(length));
+  std::free(static_cast<uint8_t *>(blob) - offset);
+
+  ASSERT_EQ(Ids(loaded), V{"dvs-1"});  // the flagged switch was never saved
+  const SwitchView &sw = loaded[0];
+  EXPECT_EQ(sw.className, "vswitch");
+  EXPECT_EQ(sw.version, 7u);
+  EXPECT_EQ(sw.maxPorts, 4096u);
+  auto has = [](const Props &props, const Prop &want) {
+    return std::find(props.begin(), props.end(), want) != props.end();
+  };
+  EXPECT_TRUE(has(sw.global, {"com.zorlan.common.alias", Text("blue"), 16}));
+  // Mapped properties come back with type 16.
+  EXPECT_TRUE(has(sw.global, {"com.zorlan.common.resv.threshold", U32(75), 16}));
+  EXPECT_TRUE(has(sw.host, {"com.zorlan.common.host.portset", Text("ps0"), 16}));
+  // Vendor text and opaque bytes come back with their types.
+  EXPECT_TRUE(has(sw.global, {"acme.vendor", Text("v1"), 16}));
+  EXPECT_TRUE(has(sw.global, {"acme.blob", {1, 2, 3}, 24}));
+  for (const Prop &p : sw.global) {
+    EXPECT_EQ(p.name.find(".volatile."), std::string::npos) << p.name;
+    EXPECT_NE(p.name, "acme.rate");
+  }
+  ASSERT_EQ(PortIds(sw), V{"10"});
+  EXPECT_TRUE(has(sw.ports[0].props, {"com.zorlan.common.port.alias", Text("uplink"), 16}));
+  EXPECT_TRUE(has(sw.ports[0].props, {"com.zorlan.common.port.connectid", U32(77), 16}));
+
+  // Saving one switch that the kernel no longer has deletes its object.
+  ASSERT_EQ(ZELPYX_SwitchRemove("dvs-1"), STATUS_OK);
+  ASSERT_EQ(ZELState_SaveToConfigStore_ByInstance("dvs-1"), 0u);
+  ASSERT_EQ(ZELFile_Read(statePath_.c_str(), &blob, &length, &offset), STATUS_OK);
+  EXPECT_TRUE(View(blob, static_cast<uint32_t>(length)).empty());
+  std::free(blob);
+}
+
+// --- several threads at once ---
+
+// Retrievals and slices from several threads share the one state database
+// as scratch space: each must see only its own load, nobody else may ever
+// see it (a thread holding both locks in the right order finds the table
+// empty), and the lock order is checked on every acquisition.
+TEST(KernelConcurrency, RetrievalsAndSlicesRunTogether) {
+  zel::state::testing::SetPortLimit(4096);
+  zel::sim::EmulatedKernel kernel;
+  zel::kernel::ScopedTransport use(&kernel);
+  for (int s = 0; s < 4; ++s) {
+    const std::string sw = "sw" + std::to_string(s);
+    ASSERT_EQ(ZELPYX_SwitchAdd(sw.c_str(), "vswitch", 0, 7), STATUS_OK);
+    ASSERT_EQ(ZELPYX_GlobalPropSet(sw.c_str(), "acme.g", "x", 2, 16), STATUS_OK);
+    for (int p = 0; p < 8; ++p) {
+      const std::string port = std::to_string(p);
+      ASSERT_EQ(ZELPYX_PortAdd(sw.c_str(), port.c_str(), nullptr, 0), STATUS_OK);
+      const std::string ext = "ext-" + sw + "-" + port;
+      ASSERT_EQ(ZELPYX_PortDataSet(sw.c_str(), port.c_str(),
+                                   "com.zorlan.port.extraConfig.vnic.external.id", ext.c_str(),
+                                   uint32_t(ext.size() + 1), 16),
+                STATUS_OK);
+    }
+  }
+  constexpr int kThreads = 6, kRounds = 25;
+  std::latch start(kThreads + 1);
+  std::atomic<bool> sawScratch{false};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      const std::string sw = "sw" + std::to_string(t % 4);
+      start.arrive_and_wait();
+      for (int r = 0; r < kRounds; ++r) {
+        switch ((t + r) % 5) {
+          case 0: {
+            void *blob = nullptr;
+            uint32_t length = 0;
+            ASSERT_EQ(ZELPYX_PersistentStateGet(&blob, &length), STATUS_OK);
+            const auto view = View(blob, length);
+            EXPECT_EQ(view.size(), 4u);
+            std::free(blob);
+            break;
+          }
+          case 1: {
+            PropertyList *list = nullptr;
+            ASSERT_EQ(ZELPYX_VendorGlobalPropList(sw.c_str(), &list, 16), STATUS_OK);
+            EXPECT_EQ(Names(Entries(list)), V{"acme.g"});
+            ZELData_Free(list);
+            break;
+          }
+          case 2: {
+            ZELPYXPortList *ports = nullptr;
+            ASSERT_EQ(ZELPYX_SwitchPortList(sw.c_str(), &ports, PORT_KIND_NORMAL), STATUS_OK);
+            EXPECT_EQ(ports->count, 8u);
+            ZELPYX_DataFree(ports);
+            break;
+          }
+          case 3: {
+            ZELPYXExternalIdMatch *match = nullptr;
+            const std::string ext = "ext-" + sw + "-" + std::to_string(r % 8);
+            ASSERT_EQ(ZELPYX_PortGetByExternalId(sw.c_str(), ext.c_str(), &match), STATUS_OK);
+            EXPECT_EQ(std::string(match->portId), std::to_string(r % 8));
+            ZELPYX_DataFree(match);
+            break;
+          }
+          default: {
+            void *buffer = nullptr;
+            uint32_t length = 0;
+            ASSERT_EQ(ZELPYX_PersistentPortStateGet(sw.c_str(), "3", 7, &buffer, &length), STATUS_OK);
+            std::free(buffer);
+          }
+        }
+      }
+    });
+  }
+  threads.emplace_back([&] {
+    start.arrive_and_wait();
+    for (int r = 0; r < kThreads * kRounds; ++r) {
+      ZelRecLock *channel = ZelSwitchPYXLock();
+      ZelRecLock *state = ZelSwitchHandleLock();
+      if (!DatabaseEmpty()) sawScratch = true;
+      ZelSwitchHandleUnlock(state);
+      ZelSwitchPYXUnlock(channel);
+      std::this_thread::yield();
+    }
+  });
+  for (auto &th : threads) th.join();
+  EXPECT_FALSE(sawScratch.load());
+  EXPECT_TRUE(DatabaseEmpty());
+  zel::state::testing::SetPortLimit(0);
+}
+
+}  // namespace
