@@ -3,15 +3,16 @@
 // values that are cut or refused.
 #include <string>
 
-#include "configstore_persist_support.h"
+#include "configstore_policy_teaming_support.h"
 
-using namespace persisttest;
+using namespace uplinktest;
 
 namespace {
 
 constexpr const char *kVsGlobal = "com.zorlan.vswitch.teaming";
 constexpr const char *kVsPort = "com.zorlan.vswitch.port.teaming.policy";
 constexpr const char *kEsPort = "com.zorlan.etherswitch.port.teaming";
+constexpr const char *kObject = "uplink_teaming_policy";
 
 struct Teaming {
   uint32_t policy = 0, failureFlags = 0;
@@ -39,46 +40,10 @@ Bytes Record(const Teaming &t) {
   return b;
 }
 
-const Bytes *Find(const Props &props, const std::string &name) {
-  for (const auto &[n, v] : props)
-    if (n == name) return &v;
-  return nullptr;
-}
-
-// The stored "uplink_teaming_policy" object of a JSON text ("" when absent).
-std::string TeamingJson(const std::string &json, size_t from = 0) {
-  const std::string key = R"("uplink_teaming_policy":)";
-  size_t at = json.find(key, from);
-  if (at == std::string::npos) return "";
-  at += key.size();
-  int depth = 0;
-  for (size_t i = at; i < json.size(); ++i) {
-    if (json[i] == '{') ++depth;
-    if (json[i] == '}' && --depth == 0) return json.substr(at, i - at + 1);
-  }
-  return "";
-}
-
-class PersistTeaming : public PersistTest {
+class PersistTeaming : public RoundTripTest {
  protected:
-  void TearDown() override {
-    cs::testing::ClearFailures();
-    PersistTest::TearDown();
-  }
-  // Saves switch "sw-t" of class cls and loads it back.
   Loaded RoundTrip(const std::string &cls, Props global, Props port, uint32_t expect = 0) {
-    SwitchDef s;
-    s.id = "sw-t";
-    s.cls = cls;
-    s.global = std::move(global);
-    // Ports load only under a "resource_management" object.
-    s.global.push_back({"com.zorlan.common.respools.sched", Bytes{0}});
-    // The version is read back from the stored "product" object.
-    if (Find(s.global, "com.zorlan.common.version") == nullptr)
-      s.global.push_back({"com.zorlan.common.version", U32(7)});
-    s.ports = {{"p1", std::move(port)}};
-    EXPECT_EQ(Save({s}), expect);
-    return expect == 0 ? LoadOne() : Loaded{};
+    return RoundTripTest::RoundTrip("sw-t", cls, std::move(global), {std::move(port)}, expect);
   }
 };
 
@@ -96,13 +61,14 @@ TEST_F(PersistTeaming, VswitchRecordSavesExactObjectAndLoadsBack) {
   Loaded sw = RoundTrip("vswitch", {{kVsGlobal, Record(t)}}, {{kVsPort, Record(t)}});
   const std::string expected =
       R"({"best_effort":true,"failure_criteria":{"@types":{"percentage":"uint16","speed":"int32"},)"
-      R"("check_beacon":true,"full_duplex":true,"lc_link_state":true,"percentage":50,"speed":1000},)"
+      R"("check_beacon":true,"full_duplex":true,"lc_link_state":true,"percentage":50,)"
+      R"("speed":1000},)"
       R"("notify_switches":true,"policy":"FAILOVER_EXPLICIT","reverse_policy":true,)"
       R"("rolling_order":true,"shotgun":true,"uplink_port_order":{)"
       R"("active_uplink_ports":["u1","u2"],"standby_uplink_ports":["u3"]}})";
   const std::string json = Json("sw-t");
-  EXPECT_EQ(TeamingJson(json), expected) << json;  // switch settings
-  EXPECT_EQ(TeamingJson(json, json.find(R"("ports":)")), expected) << json;
+  EXPECT_EQ(ObjectAt(json, kObject), expected) << json;  // switch settings
+  EXPECT_EQ(ObjectAt(json, kObject, json.find(R"("ports":)")), expected) << json;
 
   // Only failure bits 5 and 7 (plus 9 from the load) and teaming bits 1-5
   // survive; slots past the counts come back empty; full duplex reads as 1.
@@ -135,7 +101,7 @@ TEST_F(PersistTeaming, PolicyValuesAndNames) {
     Teaming t;
     t.policy = c.value;
     Loaded sw = RoundTrip("cswitch", {{kVsGlobal, Record(t)}}, {});
-    const std::string json = TeamingJson(Json("sw-t"));
+    const std::string json = ObjectAt(Json("sw-t"), kObject);
     if (c.name != nullptr)
       EXPECT_NE(json.find(std::string(R"("policy":")") + c.name + "\""), std::string::npos) << json;
     else
@@ -167,9 +133,9 @@ TEST_F(PersistTeaming, SwitchClassChoosesTheKindThatSavesAndLoads) {
   // property saves the speed as uint16 and loads under its own name.
   Loaded es = RoundTrip("etherswitch", {{kVsGlobal, Record(t)}}, {{kEsPort, Record(t)}});
   std::string json = Json("sw-t");
-  EXPECT_EQ(TeamingJson(json).find("int32"), std::string::npos) << json;
-  EXPECT_NE(TeamingJson(json).find(R"("speed":"uint16")"), std::string::npos) << json;
-  EXPECT_EQ(TeamingJson(json, json.find(R"("ports":)")), TeamingJson(json)) << json;
+  EXPECT_EQ(ObjectAt(json, kObject).find("int32"), std::string::npos) << json;
+  EXPECT_NE(ObjectAt(json, kObject).find(R"("speed":"uint16")"), std::string::npos) << json;
+  EXPECT_EQ(ObjectAt(json, kObject, json.find(R"("ports":)")), ObjectAt(json, kObject)) << json;
   EXPECT_LT(json.find(R"("ports":)"), json.find(R"("uplink_teaming_policy")")) << json;
   EXPECT_EQ(Find(es.global, kVsGlobal), nullptr);
   EXPECT_EQ(es.ports.at(0).second, (Props{{kEsPort, Record(back)}}));
@@ -238,7 +204,8 @@ TEST_F(PersistTeaming, HandWrittenObjectsLoadWithinTheRecord) {
 
   // Only the object itself: an all-zero record.
   Put("sw-h", R"({"uuid":"sw-h","max_ports":8,"product":{"forwarding_class":"x",)"
-              R"("version":"7.0.0"},"resource_management":{},"ports":[{"key":"p1","settings":{"uplink_teaming_policy":{}}}]})");
+              R"("version":"7.0.0"},"resource_management":{},)"
+              R"("ports":[{"key":"p1","settings":{"uplink_teaming_policy":{}}}]})");
   sw = LoadOne();
   EXPECT_EQ(sw.ports.at(0).second, (Props{{kEsPort, Record(Teaming{})}}));
 }

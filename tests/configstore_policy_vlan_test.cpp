@@ -4,9 +4,9 @@
 #include <regex>
 #include <string>
 
-#include "configstore_persist_support.h"
+#include "configstore_policy_teaming_support.h"
 
-using namespace persisttest;
+using namespace uplinktest;
 
 namespace {
 
@@ -37,49 +37,22 @@ Bytes Cat(std::initializer_list<Bytes> parts) {
   return b;
 }
 
-const Bytes *Find(const Props &props, const std::string &name) {
-  for (const auto &[n, v] : props)
-    if (n == name) return &v;
-  return nullptr;
-}
-
 // Instance ids are random: shown as "*".
 std::string Masked(const std::string &json) {
   static const std::regex id(R"("key":"[0-9a-f]{8}-[0-9a-f-]{27}")");
   return std::regex_replace(json, id, R"("key":"*")");
 }
 
-class PersistVlan : public PersistTest {
+class PersistVlan : public RoundTripTest {
  protected:
-  // Saves switch "sw-v" with the given global properties and one port per
-  // entry of `ports`, and loads it back.
   Loaded RoundTrip(const std::string &cls, Props global, const std::vector<Props> &ports,
                    uint32_t expect = 0, Props host = {}) {
-    SwitchDef s;
-    s.id = "sw-v";
-    s.cls = cls;
-    s.global = std::move(global);
-    s.global.push_back({"com.zorlan.common.respools.sched", Bytes{0}});
-    // The version is read back from the stored "product" object.
-    if (Find(s.global, "com.zorlan.common.version") == nullptr)
-      s.global.push_back({"com.zorlan.common.version", U32(7)});
-    s.host = std::move(host);
-    for (size_t i = 0; i < ports.size(); ++i) s.ports.push_back({"p" + std::to_string(i), ports[i]});
-    EXPECT_EQ(Save({s}), expect);
-    return expect == 0 ? LoadOne() : Loaded{};
+    return RoundTripTest::RoundTrip("sw-v", cls, std::move(global), ports, expect, std::move(host));
   }
-  // The stored "settings" of port i.
+  // The stored "vlan" object of port i, instance ids masked.
   std::string PortVlanJson(size_t i) {
     const std::string json = Masked(Json("sw-v"));
-    size_t at = json.find(R"("key":"p)" + std::to_string(i) + "\"");
-    at = json.find(R"("vlan":)", at);
-    if (at == std::string::npos) return "";
-    int depth = 0;
-    for (size_t j = at + 7; j < json.size(); ++j) {
-      if (json[j] == '{') ++depth;
-      if (json[j] == '}' && --depth == 0) return json.substr(at + 7, j - at - 6);
-    }
-    return "";
+    return ObjectAt(json, "vlan", json.find(R"("key":"p)" + std::to_string(i) + "\""));
   }
 };
 

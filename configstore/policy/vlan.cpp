@@ -113,7 +113,8 @@ uint32_t SavePortVlan(const SaveArgs &a, bool vswitch) {
     return Status(s);
   }
   if ((flags & kTrunk) == 0) {
-    return Status(cs::SetValueUint16(vlan, (flags & kPrivate) != 0 ? "pvlan_id" : "vlan_id", vlanId));
+    const char *key = (flags & kPrivate) != 0 ? "pvlan_id" : "vlan_id";
+    return Status(cs::SetValueUint16(vlan, key, vlanId));
   }
   for (uint32_t i = 0; i < ranges; ++i) {
     const uint8_t *range = a.value + kHeaderSize + kRangeSize * i;
