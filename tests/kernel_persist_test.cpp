@@ -16,7 +16,6 @@
 #include "host/configstore_client.h"
 #include "host/feature_flags.h"
 #include "host/status_text.h"
-#include "configstore_persist_support.h"
 #include "kernel_fixture.h"
 #include "log_capture.h"
 #include "zel/configstore.h"
@@ -300,9 +299,6 @@ TEST_F(KernelSaveTest, SavedStateLoadsBackThroughTheStateFileReader) {
   EXPECT_TRUE(DatabaseEmpty());
 
   zel::host::SetConfigStoreFeatures(true, true);
-  // Policy kinds without a conversion yet read as nothing stored (this
-  // state stores nothing under their keys).
-  persisttest::NoPolicy policyRowsEmpty;
   void *blob = nullptr;
   int32_t length = 0;
   uint32_t offset = 0;

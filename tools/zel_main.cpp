@@ -13,13 +13,10 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <map>
 #include <string>
 #include <vector>
 
-#include "configstore/kinds.h"
 #include "host/feature_flags.h"
 #include "host/status_text.h"
 #include "kernel/channel.h"
@@ -361,35 +358,6 @@ const PropView *Lookup(const PropsView &props, const std::string &name) {
   return nullptr;
 }
 
-// Conversion kinds of the store that have no case yet make the load reject
-// their rows, which every switch object walks.  This run never stores a
-// value under their keys (its properties have rows of the plain kinds), so
-// for the life of the object such a kind loads as "nothing stored", the
-// answer its case gives for an absent value; saving it stays refused.
-class MissingKindsReadAsEmpty {
- public:
-  MissingKindsReadAsEmpty() {
-    for (uint32_t kind = 0; kind < zel::persist::kKindEnd; ++kind) {
-      if (kind != zel::persist::kKindNone &&
-          zel::persist::FindKind(kind) == nullptr) {
-        zel::persist::testing::ReplaceKind(kind, {RefuseSave, NothingStored});
-        kinds_.push_back(kind);
-      }
-    }
-  }
-  ~MissingKindsReadAsEmpty() {
-    for (uint32_t kind : kinds_) zel::persist::testing::ReplaceKind(kind, {});
-  }
-  MissingKindsReadAsEmpty(const MissingKindsReadAsEmpty &) = delete;
-  MissingKindsReadAsEmpty &operator=(const MissingKindsReadAsEmpty &) = delete;
-  const std::vector<uint32_t> &kinds() const { return kinds_; }
-
- private:
-  static uint32_t RefuseSave(const zel::persist::SaveArgs &) { return ZEL_CONFIGSTORE_FAILURE; }
-  static uint32_t NothingStored(const zel::persist::LoadArgs &) { return 0; }
-  std::vector<uint32_t> kinds_;
-};
-
 // A fresh working directory: created when missing; when it exists, only
 // files this run makes may be in it, and they are removed.
 void PrepareWorkdir(const fs::path &dir) {
@@ -454,18 +422,7 @@ int Run(const fs::path &workdir) {
 
   std::printf("\n4. read back\n");
   const Bytes fromFile = ReadBack(statePath, false);
-  Bytes fromStore;
-  {
-    MissingKindsReadAsEmpty missing;
-    if (!missing.kinds().empty()) {
-      std::string list;
-      for (uint32_t kind : missing.kinds()) list += (list.empty() ? "" : " ") + std::to_string(kind);
-      std::printf("  the store has no conversion yet for kinds %s; nothing is stored under their "
-                  "keys, so they load as empty\n",
-                  list.c_str());
-    }
-    fromStore = ReadBack(statePath, true);
-  }
+  const Bytes fromStore = ReadBack(statePath, true);
   const std::vector<SwitchView> fileView = ViewBlob(fromFile.data(), uint32_t(fromFile.size()),
                                                     "the state file");
   const std::vector<SwitchView> storeView = ViewBlob(fromStore.data(), uint32_t(fromStore.size()),
