@@ -27,7 +27,6 @@ void *MallocAlloc(uint64_t bytes) { return std::malloc(bytes); }
 ZELDataAllocFn g_allocFn = MallocAlloc;
 ZELDataFreeFn g_freeFn = std::free;
 
-uint32_t Status(int status) { return static_cast<uint32_t>(status); }
 
 bool IsSwitchListName(const char *name) {
   for (const char *reserved : kSwitchListNames) {

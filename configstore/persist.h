@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "host/configstore_client.h"
 #include "host/diag.h"
@@ -24,6 +25,23 @@ namespace zel::persist {
 namespace cs = zel::cfgstore;
 
 inline constexpr uint32_t kFailure = ZEL_CONFIGSTORE_FAILURE;
+
+// A configuration-store status as the u32 the conversions return.
+inline uint32_t Status(int status) { return static_cast<uint32_t>(status); }
+
+// Little-endian numbers at any (possibly unaligned) offset of a record.
+inline uint32_t ReadU32At(const uint8_t *p) {
+  uint32_t v = 0;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+inline uint16_t ReadU16At(const uint8_t *p) {
+  uint16_t v = 0;
+  std::memcpy(&v, p, sizeof v);
+  return v;
+}
+inline void WriteU32At(uint8_t *p, uint32_t v) { std::memcpy(p, &v, sizeof v); }
+inline void WriteU16At(uint8_t *p, uint16_t v) { std::memcpy(p, &v, sizeof v); }
 inline constexpr uint32_t kAbsent = static_cast<uint32_t>(cs::kNotFound);
 
 // Table indices of zelConfigMaps.

@@ -31,7 +31,6 @@ constexpr const char *kVswitchTxUplink = "com.zorlan.vswitch.port.txUplink";
 constexpr uint32_t kPortIdSlot = 48;
 constexpr uint32_t kPortNameSlot = 81;
 
-uint32_t Status(int status) { return static_cast<uint32_t>(status); }
 
 // --- reading property values ---
 

@@ -77,7 +77,6 @@ constexpr uint32_t kIpfixSize = 36;
 constexpr size_t kIdleTimeout = 0, kActiveTimeout = 4, kCollector = 8, kCollectorPort = 24,
                  kSamplingRate = 26, kInternalOnly = 30, kCollectorIsV6 = 31, kDomainId = 32;
 
-uint32_t Status(int status) { return static_cast<uint32_t>(status); }
 
 bool LongEnough(const SaveArgs &a, uint64_t needed) {
   if (a.value != nullptr && a.length >= needed) return true;

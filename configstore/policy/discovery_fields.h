@@ -1,5 +1,5 @@
 // Field helpers shared by the mirror-session and the discovery/LACP/IPFIX
-// conversions: unaligned little-endian numbers, fixed-size text slots,
+// conversions: fixed-size text slots,
 // address text, the name written for a value, and the listing of a list of
 // sub-object instances.
 #pragma once
@@ -16,19 +16,6 @@
 #include "host/configstore_client.h"
 
 namespace zel::persist::policy {
-
-inline uint32_t ReadU32At(const uint8_t *p) {
-  uint32_t v = 0;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-inline uint16_t ReadU16At(const uint8_t *p) {
-  uint16_t v = 0;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-inline void WriteU32At(uint8_t *p, uint32_t v) { std::memcpy(p, &v, sizeof v); }
-inline void WriteU16At(uint8_t *p, uint16_t v) { std::memcpy(p, &v, sizeof v); }
 
 // The text of a NUL-terminated slot.  A slot without a NUL is cut to
 // slot - 1 characters, the most a loaded text can hold, so that a saved text

@@ -99,7 +99,6 @@ constexpr const char *kWildcards = "wildcard_port_connectee_types";
 constexpr const char *kPortKeys = "port_keys";
 constexpr const char *kUplinkNames = "uplink_port_names";
 
-uint32_t Status(int status) { return static_cast<uint32_t>(status); }
 
 // --- save ---
 

@@ -40,7 +40,6 @@ constexpr const char *kSwitchExtraConfigMark = "com.zorlan.extraconfig";
 constexpr const char *kPortExtraConfigPrefix = "com.zorlan.port.extraConfig";
 constexpr const char *kRulesetSuffix = ".ruleset";
 
-uint32_t Status(int status) { return static_cast<uint32_t>(status); }
 
 struct FreeDeleter {
   void operator()(void *p) const { std::free(p); }

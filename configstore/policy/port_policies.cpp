@@ -65,14 +65,6 @@ constexpr uint32_t kNumParamsOffset = 44;
 constexpr uint32_t kOnFailureOffset = 48;
 constexpr uint32_t kFailOpen = 1;
 
-uint32_t Status(int status) { return static_cast<uint32_t>(status); }
-
-uint32_t GetU32(const uint8_t *p) {
-  uint32_t v = 0;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-void PutU32(uint8_t *p, uint32_t v) { std::memcpy(p, &v, sizeof v); }
 
 // A fixed-size text slot up to its NUL or its end.
 std::string SlotText(const uint8_t *p, size_t size) {
@@ -160,7 +152,7 @@ uint32_t SaveSecurity(const SaveArgs &a) {
     CS_ERROR("Prop: %s has %u bytes of its %u\n", a.name, a.length, kSecuritySize);
     return kFailure;
   }
-  const uint32_t flags = GetU32(a.value);
+  const uint32_t flags = ReadU32At(a.value);
   cs::Object *policy = nullptr;
   if (uint32_t s = GetOrCreateSubObject(true, a.parent, a.key, nullptr, &policy); s != 0) {
     return s;
@@ -204,13 +196,13 @@ bool FiltersFit(const uint8_t *value, uint32_t length) {
   if (value == nullptr || length < 4) {
     return false;
   }
-  const uint32_t count = GetU32(value);
+  const uint32_t count = ReadU32At(value);
   uint64_t at = 4;
   for (uint32_t i = 0; i < count; ++i) {
     if (at + kFilterHeader > length) {
       return false;
     }
-    at += kFilterHeader + uint64_t{kParamSize} * GetU32(value + at + kNumParamsOffset);
+    at += kFilterHeader + uint64_t{kParamSize} * ReadU32At(value + at + kNumParamsOffset);
     if (at > length) {
       return false;
     }
@@ -219,7 +211,7 @@ bool FiltersFit(const uint8_t *value, uint32_t length) {
 }
 
 uint32_t SaveFilter(cs::Object *policy, const uint8_t *filter) {
-  const uint32_t slot = GetU32(filter + kSlotOffset);
+  const uint32_t slot = ReadU32At(filter + kSlotOffset);
   char id[16];
   std::snprintf(id, sizeof id, "%d", static_cast<int32_t>(slot));
   cs::Object *instance = nullptr;
@@ -235,7 +227,7 @@ uint32_t SaveFilter(cs::Object *policy, const uint8_t *filter) {
   if (int s = cs::SetValueStr(instance, "slot_number", slotText); s != cs::kOk) {
     return Status(s);
   }
-  const bool open = GetU32(filter + kOnFailureOffset) == kFailOpen;
+  const bool open = ReadU32At(filter + kOnFailureOffset) == kFailOpen;
   if (int s = cs::SetValueStr(instance, "on_failure", open ? "FAIL_OPEN" : "FAIL_CLOSED");
       s != cs::kOk) {
     return Status(s);
@@ -243,7 +235,7 @@ uint32_t SaveFilter(cs::Object *policy, const uint8_t *filter) {
   if (int s = cs::SetValueEmptyList(instance, "parameters"); s != cs::kOk) {
     return Status(s);
   }
-  const uint32_t numParams = GetU32(filter + kNumParamsOffset);
+  const uint32_t numParams = ReadU32At(filter + kNumParamsOffset);
   for (uint32_t j = 0; j < numParams; ++j) {
     const uint8_t *param = filter + kFilterHeader + j * kParamSize;
     const std::string text = SlotText(param + 4, kParamValueSize);
@@ -266,13 +258,13 @@ uint32_t SaveFilterPolicy(const SaveArgs &a) {
   if (int s = cs::SetValueEmptyList(policy, kNetworkFilters); s != cs::kOk) {
     return Status(s);
   }
-  const uint32_t count = GetU32(a.value);
+  const uint32_t count = ReadU32At(a.value);
   const uint8_t *filter = a.value + 4;
   for (uint32_t i = 0; i < count; ++i) {
     if (uint32_t s = SaveFilter(policy, filter); s != 0) {
       return s;
     }
-    filter += kFilterHeader + size_t{kParamSize} * GetU32(filter + kNumParamsOffset);
+    filter += kFilterHeader + size_t{kParamSize} * ReadU32At(filter + kNumParamsOffset);
   }
   return 0;
 }
@@ -309,7 +301,7 @@ uint32_t FillFilter(cs::Object *instance, uint8_t *filter, uint32_t roomForParam
   if (cs::GetValueStr(instance, "slot_number", &text) == cs::kOk) {
     unsigned slot = 0;
     if (std::sscanf(text, "%u", &slot) == 1) {
-      PutU32(filter + kSlotOffset, slot);
+      WriteU32At(filter + kSlotOffset, slot);
     }
     std::free(text);
   }
@@ -318,15 +310,15 @@ uint32_t FillFilter(cs::Object *instance, uint8_t *filter, uint32_t roomForParam
     std::free(text);
   }
   if (cs::GetValueStr(instance, "on_failure", &text) == cs::kOk) {
-    PutU32(filter + kOnFailureOffset, std::strcmp(text, "FAIL_OPEN") == 0 ? kFailOpen : 0);
+    WriteU32At(filter + kOnFailureOffset, std::strcmp(text, "FAIL_OPEN") == 0 ? kFailOpen : 0);
     std::free(text);
   }
   StringArray params;
   const uint32_t numParams = std::min(ReadParams(instance, params), roomForParams);
-  PutU32(filter + kNumParamsOffset, numParams);
+  WriteU32At(filter + kNumParamsOffset, numParams);
   for (uint32_t j = 0; j < numParams; ++j) {
     uint8_t *param = filter + kFilterHeader + j * kParamSize;
-    PutU32(param, j);
+    WriteU32At(param, j);
     PutSlotText(param + 4, kParamValueSize,
                 params.items[j] != nullptr ? params.items[j] : "");
   }
@@ -374,7 +366,7 @@ uint32_t LoadFilterPolicy(const LoadArgs &a) {
     if (status == 0) {
       const uint32_t count = std::min(static_cast<uint32_t>(instances.count),
                                       static_cast<uint32_t>(room.size()));
-      PutU32(value, count);
+      WriteU32At(value, count);
       uint8_t *filter = value + 4;
       for (uint32_t i = 0; i < count; ++i) {
         const uint32_t numParams = FillFilter(instances.items[i], filter, room[i]);

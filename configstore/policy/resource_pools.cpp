@@ -52,15 +52,7 @@ constexpr size_t kLimitOffset = 204;
 constexpr uint32_t kKeySlotSize = 200;
 constexpr size_t kMaxLoadedKey = 127;
 
-uint32_t Status(int status) { return static_cast<uint32_t>(status); }
 
-uint32_t GetU32(const uint8_t *p) {
-  uint32_t v = 0;
-  std::memcpy(&v, p, sizeof v);
-  return v;
-}
-
-void PutU32(uint8_t *p, uint32_t v) { std::memcpy(p, &v, sizeof v); }
 
 // The health check's instance id of "health_checks", or null.
 const char *HealthCheckId(const char *name) {
@@ -79,7 +71,7 @@ bool CountedRecords(const SaveArgs &a, uint32_t size, uint32_t *count) {
   if (a.value == nullptr || a.length < kCountSize) {
     return false;
   }
-  *count = GetU32(a.value);
+  *count = ReadU32At(a.value);
   if (*count > (a.length - kCountSize) / size) {
     CS_ERROR("Prop: %s holds %u of its %u records\n", a.name, (a.length - kCountSize) / size,
              *count);
@@ -106,7 +98,7 @@ uint32_t SaveHealthCheck(const SaveArgs &a) {
   if (int s = cs::SetValueBool(check, kEnableField, a.value[0] != 0); s != cs::kOk) {
     return Status(s);
   }
-  return Status(cs::SetValueUint32(check, "interval", GetU32(a.value + kIntervalOffset)));
+  return Status(cs::SetValueUint32(check, "interval", ReadU32At(a.value + kIntervalOffset)));
 }
 
 uint32_t LoadHealthCheck(const LoadArgs &a) {
@@ -125,7 +117,7 @@ uint32_t LoadHealthCheck(const LoadArgs &a) {
   }
   uint32_t interval = 0;
   if (cs::GetValueUint32(check, "interval", &interval) == cs::kOk) {
-    PutU32(value + kIntervalOffset, interval);
+    WriteU32At(value + kIntervalOffset, interval);
   }
   return ZELData_Update(a.list, a.name, value, sizeof value, a.propType);
 }
@@ -147,17 +139,17 @@ uint32_t SavePool(cs::Object *pools, const char *listName, const uint8_t *record
   if (uint32_t s = GetOrCreateSubObject(true, pool, "allocation", "", &allocation); s != 0) {
     return s;
   }
-  if (int s = cs::SetValueUint32(allocation, "reservation", GetU32(record + kReservationOffset));
+  if (int s = cs::SetValueUint32(allocation, "reservation", ReadU32At(record + kReservationOffset));
       s != cs::kOk) {
     return Status(s);
   }
   if (uint32_t s = GetOrCreateSubObject(true, allocation, "shares", "", &shares); s != 0) {
     return s;
   }
-  if (int s = cs::SetValueUint32(shares, "shares", GetU32(record + kSharesOffset)); s != cs::kOk) {
+  if (int s = cs::SetValueUint32(shares, "shares", ReadU32At(record + kSharesOffset)); s != cs::kOk) {
     return Status(s);
   }
-  const auto limit = static_cast<int32_t>(GetU32(record + kLimitOffset));
+  const auto limit = static_cast<int32_t>(ReadU32At(record + kLimitOffset));
   return Status(cs::SetValueInt(allocation, "limit", limit));
 }
 
@@ -196,17 +188,17 @@ void ReadPool(cs::Object *pool, uint8_t *record) {
   }
   int32_t limit = 0;
   if (cs::GetValueInt(allocation, "limit", &limit) == cs::kOk) {
-    PutU32(record + kLimitOffset, static_cast<uint32_t>(limit));
+    WriteU32At(record + kLimitOffset, static_cast<uint32_t>(limit));
   }
   uint32_t reservation = 0;
   if (cs::GetValueUint32(allocation, "reservation", &reservation) == cs::kOk) {
-    PutU32(record + kReservationOffset, reservation);
+    WriteU32At(record + kReservationOffset, reservation);
   }
   cs::Object *shares = nullptr;
   uint32_t value = 0;
   if (cs::GetSubObject(allocation, "shares", "", &shares) == cs::kOk &&
       cs::GetValueUint32(shares, "shares", &value) == cs::kOk) {
-    PutU32(record + kSharesOffset, value);
+    WriteU32At(record + kSharesOffset, value);
   }
 }
 
@@ -259,7 +251,7 @@ uint32_t LoadPoolKeys(const LoadArgs &a) {
     CS_ERROR("Failed to alloc memory for ZELPropResPoolsList");
     return 0;
   }
-  PutU32(value, n);
+  WriteU32At(value, n);
   for (uint32_t i = 0; i < n; ++i) {
     CopyKey(value + kCountSize + i * kKeySlotSize, keys[i]);
   }
@@ -297,7 +289,7 @@ uint32_t LoadTrafficResources(cs::Object *object, PropertyList *list, const char
     CS_ERROR("Failed to alloc memory for ZELPropResPoolsCfg");
     return kFailure;
   }
-  PutU32(value, n);
+  WriteU32At(value, n);
   for (uint32_t i = 0; i < n; ++i) {
     ReadPool(pools.items[i], value + kCountSize + i * kPoolRecordSize);
   }

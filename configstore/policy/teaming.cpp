@@ -81,7 +81,6 @@ constexpr const char *kPortOrder = "uplink_port_order";
 constexpr const char *kActive = "active_uplink_ports";
 constexpr const char *kStandby = "standby_uplink_ports";
 
-uint32_t Status(int status) { return static_cast<uint32_t>(status); }
 
 // The schema name of a policy value, or null for a value without one.
 const char *TeamingPolicyName(uint32_t value) {

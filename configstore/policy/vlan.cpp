@@ -47,7 +47,6 @@ constexpr const char *kTrunkIds = "trunk_vlan_ids";
 constexpr const char *kEtherPvlanMap = "com.zorlan.etherswitch.pvlanMap";
 constexpr const char *kVswitchPvlanMap = "com.zorlan.vswitch.pvlanMap";
 
-uint32_t Status(int status) { return static_cast<uint32_t>(status); }
 
 uint16_t ReadU16(const uint8_t *at) {
   uint16_t v = 0;
