@@ -69,58 +69,9 @@ PropertyEntry *MakeEntry(PropertyList *list, const char *name, size_t nameLength
   return e;
 }
 
-void LinkAtTail(PropertyList *list, PropertyEntry *e) {
-  if (list->tail == nullptr) {
-    list->head = e;
-  } else {
-    SetNext(list->tail, e);
-  }
-  list->tail = e;
-  list->serialSize += EntryLength(e);
-}
-
-// Values whose entry would not fit the 32-bit lengths of the format (the
-// entry itself, or the list's serialized size) are refused.
-bool FitsFormat(const PropertyList *list, uint32_t dataLength) {
-  return dataLength <= kMaxDataLength &&
-         uint64_t{list->serialSize} + EntryLengthFor(dataLength) <= 0xFFFFFFFFu;
-}
-
 }  // namespace
 
 namespace zel::data {
-
-ReturnStatus AppendSerialized(PropertyList *list, const uint8_t *entry) {
-  const uint32_t dataLength = LoadU32(entry + kDataLengthOffset);
-  const uint32_t entryLength = EntryLengthFor(dataLength);
-  const char *name = reinterpret_cast<const char *>(entry + kNameOffset);
-  if (LoadU32(entry) != entryLength) {
-    // Longer than its value needs: rebuilt in the canonical length.
-    return AppendNamed(list, name, strnlen(name, kMaxNameLength), entry + kDataOffset, dataLength,
-                       LoadU32(entry + kPropTypeOffset));
-  }
-  if (zeldata_debug >= 2) {
-    DiagPrint(zeldata_debug, 2, "added data %.*s, len %d, start serialSize = %d\n",
-              static_cast<int>(strnlen(name, kMaxNameLength)), name, static_cast<int>(dataLength),
-              static_cast<int>(list->serialSize));
-  }
-  if (!FitsFormat(list, dataLength)) {
-    return STATUS_BAD_PARAM;
-  }
-  auto *e = static_cast<PropertyEntry *>(list->allocFn(uint64_t{kLinkSize} + entryLength));
-  if (e == nullptr) {
-    return STATUS_NO_MEMORY;
-  }
-  SetNext(e, nullptr);
-  std::memcpy(Serial(e), entry, entryLength);
-  NameOf(e)[kMaxNameLength] = '\0';  // a name without a NUL is cut to 127 characters
-  LinkAtTail(list, e);
-  if (zeldata_debug >= 2) {
-    DiagPrint(zeldata_debug, 2, "added data %s, serialSize = %d\n", NameOf(e),
-              static_cast<int>(list->serialSize));
-  }
-  return STATUS_OK;
-}
 
 ReturnStatus AppendNamed(PropertyList *list, const char *name, size_t nameLength,
                          const void *value, uint32_t dataLength, uint32_t propType) {
@@ -149,7 +100,11 @@ ReturnStatus AppendNamed(PropertyList *list, const char *name, size_t nameLength
 extern "C" {
 
 ZEL_API ReturnStatus ZELData_Alloc(PropertyList **out, ZELDataAllocFn allocFn, ZELDataFreeFn freeFn) {
-  DiagPrint(zeldata_debug, 1, "Allocing new handle\n");
+  // Levels are tested here as well: deserializing a short list is a hot path,
+  // and a call per disabled message shows in its cost.
+  if (zeldata_debug >= 1) {
+    DiagPrint(zeldata_debug, 1, "Allocing new handle\n");
+  }
   auto *list = static_cast<PropertyList *>(allocFn(sizeof(PropertyList)));
   if (list == nullptr) {
     return STATUS_NO_MEMORY;
@@ -160,8 +115,10 @@ ZEL_API ReturnStatus ZELData_Alloc(PropertyList **out, ZELDataAllocFn allocFn, Z
   list->allocFn = allocFn;
   list->freeFn = freeFn;
   *out = list;
-  DiagPrint(zeldata_debug, 1, "ZELData handle allocated, serialSize = %d\n",
-            static_cast<int>(list->serialSize));
+  if (zeldata_debug >= 1) {
+    DiagPrint(zeldata_debug, 1, "ZELData handle allocated, serialSize = %d\n",
+              static_cast<int>(list->serialSize));
+  }
   return STATUS_OK;
 }
 

@@ -77,16 +77,27 @@ inline bool NameMatches(const char *a, const char *b) {
 // The checksum of serialized data whose header size field is `size`.  Bytes 0
 // to 31 are not covered; the kernel module computes the same sum.
 uint32_t Checksum(const uint8_t *data, uint32_t size);
-// Wrapping sum of `count` little-endian words starting at data.
-uint32_t SumWords(const uint8_t *data, uint32_t count);
 
-// Appends a copy of a serialized entry already checked by the reader (its
-// length holds its name and value).  A canonical entry is copied in one piece,
-// bytes after the name's NUL and the padding included; those carry no meaning.
-ReturnStatus AppendSerialized(PropertyList *list, const uint8_t *entry);
+// Values whose entry would not fit the 32-bit lengths of the format (the
+// entry itself, or the list's serialized size) are refused.
+inline bool FitsFormat(const PropertyList *list, uint32_t dataLength) {
+  return dataLength <= kMaxDataLength &&
+         uint64_t{list->serialSize} + EntryLengthFor(dataLength) <= 0xFFFFFFFFu;
+}
+
+inline void LinkAtTail(PropertyList *list, PropertyEntry *e) {
+  if (list->tail == nullptr) {
+    list->head = e;
+  } else {
+    SetNext(list->tail, e);
+  }
+  list->tail = e;
+  list->serialSize += EntryLength(e);
+}
 
 // Appends an entry whose name is given with its length (already cut to at most
-// 127 characters).  Used by Append and by the deserializer.
+// 127 characters).  Used by Append and by the deserializer for entries longer
+// than their value needs.
 ReturnStatus AppendNamed(PropertyList *list, const char *name, size_t nameLength,
                          const void *value, uint32_t dataLength, uint32_t propType);
 

@@ -8,11 +8,9 @@
 
 #include <cstdio>
 #include <cstring>
-#if defined(__SSE2__)
-#include <emmintrin.h>
-#endif
 
 #include "data/property_list_internal.h"
+#include "data/simd.h"
 #include "host/diag.h"
 
 using namespace zel::data;
@@ -89,42 +87,59 @@ void Seal(uint8_t *out, uint32_t size) {
   StoreU32(out + 4, Checksum(out, size));
 }
 
-// Copies `length` bytes (a whole number of words) and returns the wrapping
-// sum of their little-endian words.  One pass loads, stores and sums each 16
-// bytes while they are in a register.
-uint32_t CopyAndSumWords(uint8_t *dst, const uint8_t *src, uint32_t length) {
-  uint32_t i = 0;
+// The words of the output at offsets 12 to 31 lie outside the checksum; when
+// the list has an entry they are the first five words of the first entry.
+uint32_t UnsummedPrefix(const uint8_t *out) {
   uint32_t sum = 0;
-#if defined(__SSE2__)
-  __m128i acc = _mm_setzero_si128();
-  for (; i + 16 <= length; i += 16) {
-    const __m128i v = _mm_loadu_si128(reinterpret_cast<const __m128i *>(src + i));
-    _mm_storeu_si128(reinterpret_cast<__m128i *>(dst + i), v);
-    acc = _mm_add_epi32(acc, v);
-  }
-  alignas(16) uint32_t lanes[4];
-  _mm_store_si128(reinterpret_cast<__m128i *>(lanes), acc);
-  sum = lanes[0] + lanes[1] + lanes[2] + lanes[3];
-#endif
-  for (; i < length; i += 4) {
-    std::memcpy(dst + i, src + i, 4);
-    sum += LoadU32(src + i);
+  for (uint32_t off = kHeaderSize; off < kFirstSummedOffset; off += 4) {
+    sum += LoadU32(out + off);
   }
   return sum;
 }
 
-// Copies an entry to out[pos, pos + length) and returns its share of the
-// checksum: its words at output offset 32 or later.  Entries start on word
-// boundaries of the output and the serialized size is a multiple of 4, so
-// these shares add up to the checksum.
-uint32_t CopyAndSum(uint8_t *out, uint32_t pos, const uint8_t *src, uint32_t length) {
-  uint32_t sum = CopyAndSumWords(out + pos, src, length);
-  if (pos < kFirstSummedOffset) {
-    // Words before offset 32 are outside the checksum.
-    const uint32_t end = pos + length < kFirstSummedOffset ? pos + length : kFirstSummedOffset;
-    sum -= zel::data::SumWords(out + pos, (end - pos) / 4);
+// Where the copy of a list's entries into serialized data ended, and the
+// wrapping sum of every word it copied.
+struct CopyWalk {
+  PropertyEntry *stoppedAt;  // the entry that disagreed with serialSize, or null
+  uint32_t remaining;        // what serialSize leaves after the entries walked
+  uint32_t pos;              // the next free offset of the output
+  uint32_t sum;
+};
+
+// Copies the entries that the pattern keeps to out[12...].  The walk trusts
+// serialSize only as far as the entries agree with it; the write position is
+// also bounded by `needed`.  The words are summed while they are in registers,
+// in vector lanes reduced once at the end (entries of a list are at least 144
+// bytes long, as the word loops need).  kPlain is the common walk, without a
+// pattern and without tracing: it calls nothing, so the sum stays in a
+// register.
+template <bool kPlain>
+ZEL_ALWAYS_INLINE inline CopyWalk CopyEntries(PropertyList *list, uint8_t *out, uint32_t needed,
+                                              const char *pattern) {
+  vec::Vec sum = {};
+  uint32_t remaining = list->serialSize - kHeaderSize;
+  uint32_t pos = kHeaderSize;
+  PropertyEntry *e = list->head;
+  for (; e != nullptr; e = NextOf(e)) {
+    const uint32_t entryLength = EntryLength(e);
+    if (entryLength >= remaining) {
+      break;
+    }
+    remaining -= entryLength;
+    if (!kPlain && Excluded(e, pattern)) {
+      continue;
+    }
+    if (uint64_t{pos} + entryLength + kEndMarkerSize > needed) {
+      break;
+    }
+    vec::CopyAndSumWords(out + pos, Serial(e), entryLength, sum);
+    pos += entryLength;
+    if (!kPlain) {
+      DiagPrint(zeldata_debug, 2, "serializing %s: %u/%u data/serial bytes\n", NameOf(e),
+                DataLengthOf(e), entryLength);
+    }
   }
-  return sum;
+  return {e, remaining, pos, vec::Lanes(sum)};
 }
 
 // The outcome of walking an entry chain of serialized data.
@@ -154,7 +169,9 @@ Walk CheckEntry(const uint8_t *d, uint32_t offset, uint32_t remaining) {
 // The header checks shared by both readers (data length, header size, data
 // length against header size).
 bool HeaderFits(const uint8_t *d, uint32_t dataLength) {
-  DiagPrint(zeldata_debug, 2, "Deserialize data, length = %d\n", static_cast<int>(dataLength));
+  if (zeldata_debug >= 2) {  // tested here: a call per disabled message shows on short data
+    DiagPrint(zeldata_debug, 2, "Deserialize data, length = %d\n", static_cast<int>(dataLength));
+  }
   if (dataLength < kMinHeaderSize) {
     DiagPrint(zeldata_debug, 0, "bad data: buffer size %d smaller than minimum header size\n",
               static_cast<int>(dataLength));
@@ -196,36 +213,100 @@ bool Advance(const uint8_t *d, uint32_t *offset, uint32_t *remaining) {
   return true;
 }
 
+// Appends a copy of an entry that CheckEntry accepted and whose length is
+// what its value needs: one block, copied whole (bytes after the name's NUL
+// and the padding carry no meaning and are kept as they came).  A name
+// without a NUL is cut to 127 characters.  kPlain leaves out the traces.
+template <bool kPlain>
+ZEL_ALWAYS_INLINE inline ReturnStatus AppendCopy(PropertyList *list, ZELDataAllocFn allocFn,
+                                                 const uint8_t *entry, uint32_t entryLength,
+                                                 uint32_t dataLength) {
+  const char *name = reinterpret_cast<const char *>(entry + kNameOffset);
+  if (!kPlain) {
+    DiagPrint(zeldata_debug, 2, "added data %.*s, len %d, start serialSize = %d\n",
+              static_cast<int>(strnlen(name, kMaxNameLength)), name, static_cast<int>(dataLength),
+              static_cast<int>(list->serialSize));
+  }
+  if (!FitsFormat(list, dataLength)) {
+    return STATUS_BAD_PARAM;
+  }
+  auto *e = static_cast<PropertyEntry *>(allocFn(uint64_t{kLinkSize} + entryLength));
+  if (e == nullptr) {
+    return STATUS_NO_MEMORY;
+  }
+  SetNext(e, nullptr);
+  vec::CopyBytes(Serial(e), entry, entryLength);
+  NameOf(e)[kMaxNameLength] = '\0';
+  LinkAtTail(list, e);
+  if (!kPlain) {
+    DiagPrint(zeldata_debug, 2, "added data %s, serialSize = %d\n", NameOf(e),
+              static_cast<int>(list->serialSize));
+  }
+  return STATUS_OK;
+}
+
+// Appends the entries of checked data whose type has a bit of typeMask to
+// list.  kPlain is the walk without traces: on its way through well-formed
+// data it calls nothing but the allocator.
+template <bool kPlain>
+ZEL_ALWAYS_INLINE inline ReturnStatus AppendEntries(PropertyList *list, const uint8_t *d,
+                                                    uint32_t typeMask) {
+  uint32_t remaining = HeaderSize(d) - kHeaderSize;
+  uint32_t offset = kHeaderSize;
+  const ZELDataAllocFn allocFn = list->allocFn;  // read once: the calls may not touch the list
+  for (;;) {
+    const Walk w = CheckEntry(d, offset, remaining);
+    if (w == Walk::kEnd) {
+      if (!kPlain) {
+        DiagPrint(zeldata_debug, 2, "Deserialize data done, serializeSize = %d\n",
+                  static_cast<int>(list->serialSize));
+      }
+      return STATUS_OK;
+    }
+    if (w == Walk::kBad) {
+      return STATUS_BAD_PARAM;
+    }
+    const uint8_t *entry = d + offset;
+    const uint32_t entryLength = LoadU32(entry);
+    const uint32_t propType = LoadU32(entry + kPropTypeOffset);
+    const uint32_t dataLength = LoadU32(entry + kDataLengthOffset);
+    if (!kPlain) {
+      const char *name = reinterpret_cast<const char *>(entry + kNameOffset);
+      DiagPrint(zeldata_debug, 3, "deserializing %.*s: %u/%u data/serial bytes %d flag\n",
+                static_cast<int>(strnlen(name, kMaxNameLength)), name, dataLength, entryLength,
+                static_cast<int>(propType));
+    }
+    if ((propType & typeMask) != 0) {
+      ReturnStatus status;
+      if (entryLength == EntryLengthFor(dataLength)) {
+        status = AppendCopy<kPlain>(list, allocFn, entry, entryLength, dataLength);
+      } else {
+        // Longer than its value needs: rebuilt in the canonical length.
+        const char *name = reinterpret_cast<const char *>(entry + kNameOffset);
+        status = AppendNamed(list, name, strnlen(name, kMaxNameLength), entry + kDataOffset,
+                             dataLength, propType);
+      }
+      if (status != STATUS_OK) {
+        return status;
+      }
+    }
+    if (!Advance(d, &offset, &remaining)) {
+      return STATUS_BAD_PARAM;
+    }
+  }
+}
+
 }  // namespace
 
 namespace zel::data {
-
-uint32_t SumWords(const uint8_t *data, uint32_t count) {
-  const uint8_t *p = data;
-  const uint8_t *const end = data + size_t{count} * 4;
-  uint32_t sum = 0;
-#if defined(__SSE2__)
-  // Sixteen bytes at a time in four 32-bit lanes; wrap-around per lane gives
-  // the same result as the scalar sum.
-  __m128i acc = _mm_setzero_si128();
-  for (; end - p >= 16; p += 16) {
-    acc = _mm_add_epi32(acc, _mm_loadu_si128(reinterpret_cast<const __m128i *>(p)));
-  }
-  alignas(16) uint32_t lanes[4];
-  _mm_store_si128(reinterpret_cast<__m128i *>(lanes), acc);
-  sum = lanes[0] + lanes[1] + lanes[2] + lanes[3];
-#endif
-  for (; p < end; p += 4) {
-    sum += LoadU32(p);
-  }
-  return sum;
-}
 
 uint32_t Checksum(const uint8_t *data, uint32_t size) {
   const uint32_t words = size / 4;
   uint32_t sum = 0;
   if (words > kFirstSummedOffset / 4) {
-    sum = SumWords(data + kFirstSummedOffset, words - kFirstSummedOffset / 4);
+    const uint32_t count = words - kFirstSummedOffset / 4;
+    sum = WithBestIsa(
+        [&]() ZEL_ALWAYS_INLINE { return vec::SumWords(data + kFirstSummedOffset, count); });
   }
   const uint32_t firstByte = 4 * (words > 8 ? words : 8);
   for (uint32_t off = firstByte; off < size; ++off) {
@@ -254,7 +335,9 @@ ZEL_API ReturnStatus ZELData_SerializeExNamedProp(PropertyList *list, void **buf
     DiagPrint(zeldata_debug, 0, "ZEL version %d is smaller than 6.0.\n", static_cast<int>(version));
   }
   const uint32_t needed = SizeExcluding(list, excludePattern);
-  DiagPrint(zeldata_debug, 2, "allocating buffer size %d\n", static_cast<int>(needed));
+  if (zeldata_debug >= 2) {  // tested here: a call per disabled message shows on short lists
+    DiagPrint(zeldata_debug, 2, "allocating buffer size %d\n", static_cast<int>(needed));
+  }
   bool owned = false;
   ReturnStatus status = AcquireBuffer(list, buffer, length, needed, &owned);
   if (status != STATUS_OK) {
@@ -263,31 +346,15 @@ ZEL_API ReturnStatus ZELData_SerializeExNamedProp(PropertyList *list, void **buf
   auto *out = static_cast<uint8_t *>(*buffer);
   WriteHeader(out, needed);
 
-  // The walk trusts serialSize only as far as the entries agree with it; the
-  // write position is additionally bounded by `needed`.
-  uint32_t remaining = list->serialSize - kHeaderSize;
-  uint32_t pos = kHeaderSize;
-  uint32_t sum = 0;  // the checksum, summed while each entry is still in cache
-  PropertyEntry *e = list->head;
-  for (; e != nullptr; e = NextOf(e)) {
-    const uint32_t entryLength = EntryLength(e);
-    if (entryLength >= remaining) {
-      break;
-    }
-    remaining -= entryLength;
-    if (Excluded(e, excludePattern)) {
-      continue;
-    }
-    if (uint64_t{pos} + entryLength + kEndMarkerSize > needed) {
-      break;
-    }
-    sum += CopyAndSum(out, pos, Serial(e), entryLength);
-    pos += entryLength;
-    if (zeldata_debug >= 2) {  // checked here: this loop is the hot path
-      DiagPrint(zeldata_debug, 2, "serializing %s: %u/%u data/serial bytes\n", NameOf(e),
-                DataLengthOf(e), entryLength);
-    }
-  }
+  const bool plain = excludePattern == nullptr && zeldata_debug < 2;
+  const CopyWalk walk = WithBestIsa([&]() ZEL_ALWAYS_INLINE {
+    return plain ? CopyEntries<true>(list, out, needed, excludePattern)
+                 : CopyEntries<false>(list, out, needed, excludePattern);
+  });
+  PropertyEntry *const e = walk.stoppedAt;
+  const uint32_t remaining = walk.remaining;
+  const uint32_t pos = walk.pos;
+  uint32_t sum = walk.sum;
   if (e != nullptr || remaining != kEndMarkerSize || pos + kEndMarkerSize != needed) {
     DiagPrint(zeldata_debug, 0,
               "ZELData length changed during serialization, buflen = %u, lenRemaining = %u, "
@@ -298,6 +365,9 @@ ZEL_API ReturnStatus ZELData_SerializeExNamedProp(PropertyList *list, void **buf
       *buffer = nullptr;
     }
     return STATUS_LIMIT_EXCEEDED;
+  }
+  if (pos > kHeaderSize) {
+    sum -= UnsummedPrefix(out);
   }
   StoreU32(out + needed - kEndMarkerSize, 0);
   StoreU32(out + 4, sum);
@@ -354,41 +424,10 @@ ZEL_API ReturnStatus ZELData_DeserializeWithPropType(PropertyList **out, const v
   if (ZELData_Alloc(&list, allocFn, freeFn) != STATUS_OK) {
     return STATUS_NO_MEMORY;
   }
-  uint32_t remaining = HeaderSize(d) - kHeaderSize;
-  uint32_t offset = kHeaderSize;
-  ReturnStatus status = STATUS_OK;
-  for (;;) {
-    const Walk w = CheckEntry(d, offset, remaining);
-    if (w == Walk::kEnd) {
-      DiagPrint(zeldata_debug, 2, "Deserialize data done, serializeSize = %d\n",
-                static_cast<int>(list->serialSize));
-      break;
-    }
-    if (w == Walk::kBad) {
-      status = STATUS_BAD_PARAM;
-      break;
-    }
-    const uint8_t *entry = d + offset;
-    const char *name = reinterpret_cast<const char *>(entry + kNameOffset);
-    const uint32_t propType = LoadU32(entry + kPropTypeOffset);
-    const uint32_t valueLength = LoadU32(entry + kDataLengthOffset);
-    const size_t nameLength = strnlen(name, kMaxNameLength);
-    if (zeldata_debug >= 3) {
-      DiagPrint(zeldata_debug, 3, "deserializing %.*s: %u/%u data/serial bytes %d flag\n",
-                static_cast<int>(nameLength), name, valueLength, LoadU32(entry),
-                static_cast<int>(propType));
-    }
-    if ((propType & typeMask) != 0) {
-      status = AppendSerialized(list, entry);
-      if (status != STATUS_OK) {
-        break;
-      }
-    }
-    if (!Advance(d, &offset, &remaining)) {
-      status = STATUS_BAD_PARAM;
-      break;
-    }
-  }
+  const bool plain = zeldata_debug < 2;
+  const ReturnStatus status = WithBestIsa([&]() ZEL_ALWAYS_INLINE {
+    return plain ? AppendEntries<true>(list, d, typeMask) : AppendEntries<false>(list, d, typeMask);
+  });
   if (status != STATUS_OK) {
     ZELData_Free(list);
     return status;
