@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -132,6 +133,21 @@ int CreateFile(const std::string &path) {
   return kOk;
 }
 
+// Runs step again while it reports busy, for up to the busy timeout.  Two
+// processes opening a new store at once both read it and then ask to change
+// it (journal mode, schema); the store refuses one of them at once instead of
+// waiting, as waiting could deadlock, so the wait happens here.
+template <class Step>
+int RetryWhileBusy(Step step) {
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(g_busyTimeoutMs.load());
+  for (;;) {
+    const int s = step();
+    if (s != kBusy || std::chrono::steady_clock::now() >= deadline) return s;
+    usleep(1000);
+  }
+}
+
 // The connection, closed after the statements of the Store built on it (a
 // base outlives the members); a transaction still open is rolled back first.
 struct Connection {
@@ -157,9 +173,10 @@ struct Store : Connection {
     if (rc != SQLITE_OK) return FromSqlite(rc);
     sqlite3_extended_result_codes(db, 1);
     sqlite3_busy_timeout(db, g_busyTimeoutMs.load());
-    if (int s = Exec(db, "PRAGMA journal_mode=WAL"); s != kOk) return s;
+    if (int s = RetryWhileBusy([&] { return Exec(db, "PRAGMA journal_mode=WAL"); }); s != kOk)
+      return s;
     if (int s = Exec(db, "PRAGMA synchronous=FULL"); s != kOk) return s;
-    if (int s = EnsureSchema(); s != kOk) return s;
+    if (int s = RetryWhileBusy([&] { return EnsureSchema(); }); s != kOk) return s;
     if (int s = get.Prepare(db,
                             "SELECT content FROM objects WHERE layer=?1 AND sel1=?2 AND sel2=?3"
                             " AND sel3=?4 AND instance=?5");
