@@ -8,7 +8,7 @@
 
 #include "kernel/channel.h"
 #include "kernel/scratch.h"
-#include "state/state_db.h"
+#include "state/props_take.h"
 #include "zel/state.h"
 
 namespace zel::kernel {
@@ -143,18 +143,6 @@ ReturnStatus FetchPortList(const char *switchName, const char *portId, PropertyL
   return status;
 }
 
-PropertyList *DetachGlobalList(SwitchState *sw) {
-  PropertyList *list = sw->globalProps;
-  sw->globalProps = nullptr;
-  return list;
-}
-
-PropertyList *DetachHostList(SwitchState *sw) {
-  PropertyList *list = sw->hostProps;
-  sw->hostProps = nullptr;
-  return list;
-}
-
 // The port-level frame: one port's list fetched from the kernel, cut down
 // by cut(list) and handed to the caller.
 template <typename Cut>
@@ -232,10 +220,10 @@ ZEL_API ReturnStatus ZELPYXVendorPropList(const char *switchName, PropertyList *
   return WithKernelSwitch(switchName, [&](SwitchState *sw) {
     PropertyList *slice = nullptr;
     if (host == 0) {
-      slice = zel::kernel::DetachGlobalList(sw);
+      slice = zel::state::TakeGlobalProps(sw);
       ZELPYXStripNamedPropForType(slice, zel::kernel::kExtraConfig, nullptr, propType);
     } else {
-      slice = zel::kernel::DetachHostList(sw);
+      slice = zel::state::TakeHostProps(sw);
     }
     static constexpr const char *kVswitchExceptions[] = {"com.zorlan.vswitch.disabled", nullptr};
     ZELPYXStripNamedPropForType(slice, "com.zorlan.common.", nullptr, propType);
@@ -265,7 +253,7 @@ ZEL_API ReturnStatus ZELPYX_ExtraConfigPropList(const char *switchName, Property
     return STATUS_BAD_PARAM;
   }
   return WithKernelSwitch(switchName, [&](SwitchState *sw) {
-    PropertyList *slice = zel::kernel::DetachGlobalList(sw);
+    PropertyList *slice = zel::state::TakeGlobalProps(sw);
     ZELPYXExtractNamedPropForType(slice, zel::kernel::kExtraConfig, propType);
     *list = slice;
     return STATUS_OK;
@@ -279,7 +267,7 @@ ZEL_API ReturnStatus ZELPYX_QorPropList(const char *switchName, uint32_t propTyp
   }
   return WithKernelSwitch(switchName, [&](SwitchState *sw) {
     PropertyList *slice =
-        global != 0 ? zel::kernel::DetachGlobalList(sw) : zel::kernel::DetachHostList(sw);
+        global != 0 ? zel::state::TakeGlobalProps(sw) : zel::state::TakeHostProps(sw);
     RemoveWhere(slice, [&](PropertyEntry *e) {
       const char *name = ZELData_Name(e);
       const bool keep = (ZELData_PropType(e) == propType && IsQorProp(name)) ||

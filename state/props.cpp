@@ -1,6 +1,7 @@
 // The global (switch-wide) and host property lists of each switch: one
 // family of operations, told apart by the list they act on and the name in
 // their diagnostics.
+#include "state/props_take.h"
 #include "state/state_db.h"
 
 namespace zel::state {
@@ -14,6 +15,12 @@ struct Family {
 
 constexpr Family kGlobal{"Global", &SwitchState::globalProps};
 constexpr Family kHost{"Host", &SwitchState::hostProps};
+
+PropertyList *Take(const Family &f, SwitchState *sw) {
+  PropertyList *list = sw->*f.list;
+  sw->*f.list = nullptr;
+  return list;
+}
 
 ReturnStatus Set(const Family &f, const char *switchId, const char *name, const void *value,
                  uint32_t length, uint32_t propType) {
@@ -60,6 +67,9 @@ bool IsSet(const Family &f, SwitchState *sw, const char *name) {
 }
 
 }  // namespace
+
+PropertyList *TakeGlobalProps(SwitchState *sw) { return Take(kGlobal, sw); }
+PropertyList *TakeHostProps(SwitchState *sw) { return Take(kHost, sw); }
 
 }  // namespace zel::state
 
