@@ -253,7 +253,8 @@ ZEL_ALWAYS_INLINE inline ReturnStatus AppendEntries(PropertyList *list, const ui
                                                     uint32_t typeMask) {
   uint32_t remaining = HeaderSize(d) - kHeaderSize;
   uint32_t offset = kHeaderSize;
-  const ZELDataAllocFn allocFn = list->allocFn;  // read once: the calls may not touch the list
+  // Read once: the allocator cannot reach the list it is building.
+  const ZELDataAllocFn allocFn = list->allocFn;
   for (;;) {
     const Walk w = CheckEntry(d, offset, remaining);
     if (w == Walk::kEnd) {
