@@ -2,7 +2,7 @@
 # The whole test suite: unit tests under AddressSanitizer and
 # UndefinedBehaviorSanitizer, the multi-threaded tests under ThreadSanitizer,
 # and a short run of every fuzz target.  FUZZ_SECONDS sets the fuzz time of
-# each target (default 20).
+# each target (default 30).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/install-deps.sh
@@ -25,8 +25,8 @@ echo "== multi-threaded tests under ThreadSanitizer"
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ./build-tsan/tests/zel_tests --gtest_filter='*Concurrency*' --gtest_brief=1
 
-echo "== fuzz: ${FUZZ_SECONDS:-20} s per target"
-bash tools/run-fuzz.sh "${FUZZ_SECONDS:-20}" build-fuzz
+echo "== fuzz: ${FUZZ_SECONDS:-30} s per target"
+bash tools/run-fuzz.sh "${FUZZ_SECONDS:-30}" build-fuzz
 
 echo "== unit tests under AddressSanitizer and UndefinedBehaviorSanitizer"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"
