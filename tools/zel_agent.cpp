@@ -1,0 +1,196 @@
+// zel_agent: a small management agent that uses only libzel's public API.
+// Run with libzel_devshim.so preloaded it drives zel-kmodd, the emulated
+// kernel module shared by every process (see tools/run-restart.sh).
+//
+//   zel_agent populate                 switches, ports and properties
+//   zel_agent add-switch NAME          one switch (class vswitch, version 7)
+//   zel_agent add-ports NAME PREFIX N  ports PREFIX-0 .. PREFIX-(N-1)
+//   zel_agent count NAME               prints the switch's normal ports
+//   zel_agent persist file:PATH|store  the persistable state, written
+//   zel_agent restore file:PATH|store  a stored state handed to the module
+//   zel_agent compare file:PATH|store  the module's persistable state
+//                                      against a stored one: "equal" or not
+// The store is the one ZEL_CONFIGSTORE_PATH names.  Exit status: 0 done
+// (or equal), 1 not equal, 2 a step failed.
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "zel/configstore.h"
+#include "zel/file.h"
+#include "zel/kernel.h"
+#include "zel/state.h"
+
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+
+struct Failure {
+  std::string what;
+};
+
+void Require(ReturnStatus status, const std::string &what) {
+  if (status != STATUS_OK) {
+    char text[32];
+    std::snprintf(text, sizeof text, "status 0x%08x", status);
+    throw Failure{what + ": " + text};
+  }
+}
+
+Bytes Text(const std::string &s) { return Bytes(s.c_str(), s.c_str() + s.size() + 1); }
+Bytes U32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
+
+void SetGlobal(const char *sw, const char *name, const Bytes &value) {
+  Require(ZELPYX_GlobalPropSet(sw, name, value.data(), uint32_t(value.size()), 16),
+          std::string("set ") + name + " on " + sw);
+}
+
+void AddSwitch(const std::string &name, const char *className, uint32_t version) {
+  const char *sw = name.c_str();
+  Require(ZELPYX_SwitchAdd(sw, className, 0, version), "add switch " + name);
+  // The store keeps a switch only with its version, and its ports only
+  // under a resource-management setting.
+  SetGlobal(sw, "com.zorlan.common.version", U32(version));
+  SetGlobal(sw, "com.zorlan.common.respools.sched", {1});
+}
+
+void AddPort(const std::string &sw, const std::string &port, uint32_t connectId) {
+  Require(ZELPYX_PortAdd(sw.c_str(), port.c_str(), nullptr, 0), "add port " + sw + "/" + port);
+  const std::pair<const char *, Bytes> props[] = {
+      {"com.zorlan.common.port.alias", Text("vm-" + port)},
+      {"com.zorlan.common.port.connectid", U32(connectId)},
+      {"com.zorlan.common.port.portgroupid", Text("pg-" + sw)},
+      {"com.zorlan.common.port.volatile.stats", U32(connectId * 7)}};
+  for (const auto &[name, value] : props) {
+    Require(ZELPYX_PortDataSet(sw.c_str(), port.c_str(), name, value.data(),
+                               uint32_t(value.size()), 16),
+            "set " + std::string(name) + " on " + sw + "/" + port);
+  }
+}
+
+void Populate() {
+  AddSwitch("sw-blue", "etherswitch", 6);
+  SetGlobal("sw-blue", "com.zorlan.common.alias", Text("storage-net"));
+  SetGlobal("sw-blue", "com.acme.monitoring", Text("enabled"));
+  Require(ZELPYX_HostPropSet("sw-blue", "com.zorlan.common.host.portset", "ps-blue", 8, 16),
+          "set the host portset of sw-blue");
+  for (uint32_t i = 0; i < 4; ++i) AddPort("sw-blue", std::to_string(100 + i), 0x1000 + i);
+
+  AddSwitch("sw-green", "vswitch", 7);
+  SetGlobal("sw-green", "com.zorlan.common.alias", Text("tenant-net"));
+  SetGlobal("sw-green", "com.zorlan.extraconfig.owner", Text("team-green"));
+  for (uint32_t i = 0; i < 3; ++i) AddPort("sw-green", "vnic-" + std::to_string(i), 0x2000 + i);
+}
+
+uint32_t CountPorts(const std::string &sw) {
+  ZELPYXPortList *list = nullptr;
+  Require(ZELPYX_SwitchPortList(sw.c_str(), &list, PORT_KIND_NORMAL), "list the ports of " + sw);
+  const uint32_t count = list->count;
+  ZELPYX_DataFree(list);
+  return count;
+}
+
+Bytes PersistableState() {
+  void *blob = nullptr;
+  uint32_t length = 0;
+  Require(ZELPYX_PersistentStateGetWithFile(&blob, &length, nullptr),
+          "fetch the persistable state");
+  Bytes out(static_cast<uint8_t *>(blob), static_cast<uint8_t *>(blob) + length);
+  std::free(blob);
+  return out;
+}
+
+// "file:PATH" or "store": the state kept there.
+Bytes Stored(const std::string &source) {
+  void *blob = nullptr;
+  if (source == "store") {
+    uint32_t length = 0;
+    if (const uint32_t status = ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false)) {
+      throw Failure{"load the store: status " + std::to_string(status)};
+    }
+    Bytes out(static_cast<uint8_t *>(blob), static_cast<uint8_t *>(blob) + length);
+    std::free(blob);
+    return out;
+  }
+  if (source.rfind("file:", 0) != 0) {
+    throw Failure{source + ": expected file:PATH or store"};
+  }
+  int32_t length = 0;
+  uint32_t offset = 0;
+  Require(ZELFile_ReadClassical(source.c_str() + 5, &blob, &length, &offset), "read " + source);
+  const uint8_t *bytes = static_cast<uint8_t *>(blob);
+  Bytes out(bytes, bytes + length);
+  std::free(static_cast<uint8_t *>(blob) - offset);
+  return out;
+}
+
+void Persist(const std::string &target) {
+  const Bytes state = PersistableState();
+  if (target == "store") {
+    if (const uint32_t status = ZELState_SaveBufToConfigStore(state.data(), uint32_t(state.size()))) {
+      throw Failure{"save to the store: status " + std::to_string(status)};
+    }
+  } else if (target.rfind("file:", 0) == 0) {
+    Require(ZELFile_WriteClassical(target.c_str() + 5, state.data(), uint32_t(state.size()), 1),
+            "write " + target);
+  } else {
+    throw Failure{target + ": expected file:PATH or store"};
+  }
+}
+
+void Restore(const std::string &source) {
+  const Bytes state = Stored(source);
+  Require(ZELPYX_StateInit(state.data(), uint32_t(state.size())), "hand " + source + " to the module");
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  CLI::App app{"a small agent on libzel's public API"};
+  app.require_subcommand(1);
+  std::string name, prefix, where;
+  uint32_t count = 0;
+  int result = 0;
+  app.add_subcommand("populate", "create switches, ports and properties")->callback(Populate);
+  auto *addSwitch = app.add_subcommand("add-switch", "add one switch");
+  addSwitch->add_option("NAME", name)->required();
+  addSwitch->callback([&] { AddSwitch(name, "vswitch", 7); });
+  auto *addPorts = app.add_subcommand("add-ports", "add ports PREFIX-0 .. PREFIX-(N-1)");
+  addPorts->add_option("NAME", name)->required();
+  addPorts->add_option("PREFIX", prefix)->required();
+  addPorts->add_option("N", count)->required();
+  addPorts->callback([&] {
+    for (uint32_t i = 0; i < count; ++i) AddPort(name, prefix + "-" + std::to_string(i), i);
+  });
+  auto *countCmd = app.add_subcommand("count", "print the number of normal ports of a switch");
+  countCmd->add_option("NAME", name)->required();
+  countCmd->callback([&] { std::printf("%u\n", CountPorts(name)); });
+  for (const char *verb : {"persist", "restore", "compare"}) {
+    auto *sub = app.add_subcommand(verb, std::string(verb) + " the state (file:PATH or store)");
+    sub->add_option("WHERE", where)->required();
+    sub->callback([&, verb] {
+      if (std::strcmp(verb, "persist") == 0) {
+        Persist(where);
+      } else if (std::strcmp(verb, "restore") == 0) {
+        Restore(where);
+      } else {
+        const bool equal = PersistableState() == Stored(where);
+        std::printf("kernel and %s: %s\n", where.c_str(), equal ? "equal" : "differ");
+        result = equal ? 0 : 1;
+      }
+    });
+  }
+  zelconfigstore_debug = 0;
+  try {
+    CLI11_PARSE(app, argc, argv);
+  } catch (const Failure &failure) {
+    std::fflush(stdout);
+    std::fprintf(stderr, "zel_agent: %s\n", failure.what.c_str());
+    return 2;
+  }
+  return result;
+}
