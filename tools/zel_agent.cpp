@@ -6,20 +6,25 @@
 //   zel_agent add-switch NAME          one switch (class vswitch, version 7)
 //   zel_agent add-ports NAME PREFIX N  ports PREFIX-0 .. PREFIX-(N-1)
 //   zel_agent count NAME               prints the switch's normal ports
+//   zel_agent stats                    prints the module's own summary
 //   zel_agent persist file:PATH|store  the persistable state, written
 //   zel_agent restore file:PATH|store  a stored state handed to the module
 //   zel_agent compare file:PATH|store  the module's persistable state
 //                                      against a stored one: "equal" or not
+// compare decodes both states (sim/state_view.h) and compares them switch by
+// switch, port by port, property by property, whatever their order.
 // The store is the one ZEL_CONFIGSTORE_PATH names.  Exit status: 0 done
 // (or equal), 1 not equal, 2 a step failed.
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <vector>
 
+#include "sim/state_view.h"
 #include "zel/configstore.h"
 #include "zel/file.h"
 #include "zel/kernel.h"
@@ -147,6 +152,34 @@ void Restore(const std::string &source) {
   Require(ZELPYX_StateInit(state.data(), uint32_t(state.size())), "hand " + source + " to the module");
 }
 
+// A state decoded, with switches, ports and properties in name order.
+std::vector<zel::sim::SwitchView> Canonical(const Bytes &blob, const std::string &what) {
+  std::vector<zel::sim::SwitchView> view;
+  Require(zel::sim::ViewState(blob.data(), uint32_t(blob.size()), &view), "decode " + what);
+  auto byName = [](const auto &a, const auto &b) { return a.name < b.name; };
+  auto byId = [](const auto &a, const auto &b) { return a.id < b.id; };
+  std::sort(view.begin(), view.end(), byId);
+  for (auto &sw : view) {
+    std::sort(sw.global.begin(), sw.global.end(), byName);
+    std::sort(sw.host.begin(), sw.host.end(), byName);
+    std::sort(sw.ports.begin(), sw.ports.end(), byId);
+    for (auto &port : sw.ports) std::sort(port.props.begin(), port.props.end(), byName);
+  }
+  return view;
+}
+
+bool Same(const std::vector<zel::sim::SwitchView> &a, const std::vector<zel::sim::SwitchView> &b) {
+  auto samePort = [](const zel::sim::PortView &x, const zel::sim::PortView &y) {
+    return x.id == y.id && x.props == y.props;
+  };
+  auto sameSwitch = [&](const zel::sim::SwitchView &x, const zel::sim::SwitchView &y) {
+    return x.id == y.id && x.version == y.version && x.className == y.className &&
+           x.maxPorts == y.maxPorts && x.global == y.global && x.host == y.host &&
+           std::equal(x.ports.begin(), x.ports.end(), y.ports.begin(), y.ports.end(), samePort);
+  };
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(), sameSwitch);
+}
+
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -169,6 +202,13 @@ int main(int argc, char **argv) {
   auto *countCmd = app.add_subcommand("count", "print the number of normal ports of a switch");
   countCmd->add_option("NAME", name)->required();
   countCmd->callback([&] { std::printf("%u\n", CountPorts(name)); });
+  app.add_subcommand("stats", "print the module's summary of the host")->callback([] {
+    void *out = nullptr;
+    uint32_t length = 0;
+    Require(ZELPYX_CmdExec("", "stats", nullptr, 0, &out, &length), "run the module's stats");
+    std::fwrite(out, 1, length, stdout);
+    ZELPYX_DataFree(out);
+  });
   for (const char *verb : {"persist", "restore", "compare"}) {
     auto *sub = app.add_subcommand(verb, std::string(verb) + " the state (file:PATH or store)");
     sub->add_option("WHERE", where)->required();
@@ -178,7 +218,8 @@ int main(int argc, char **argv) {
       } else if (std::strcmp(verb, "restore") == 0) {
         Restore(where);
       } else {
-        const bool equal = PersistableState() == Stored(where);
+        const bool equal = Same(Canonical(PersistableState(), "the kernel's state"),
+                                Canonical(Stored(where), where));
         std::printf("kernel and %s: %s\n", where.c_str(), equal ? "equal" : "differ");
         result = equal ? 0 : 1;
       }
