@@ -1,0 +1,409 @@
+// zel-kmodd with real processes: the daemon, agents through the device shim,
+// clients that die, a daemon that dies, and frames that make no sense.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <stdlib.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "kernel/channel.h"
+#include "sim/emulated_kernel.h"
+#include "sim/kmod/session.h"
+#include "sim/kmod/socket_transport.h"
+#include "zel/kernel.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using zel::kmod::ReplyHeader;
+using zel::kmod::RequestHeader;
+
+bool WaitFor(const std::function<bool()> &done) {
+  for (int i = 0; i < 400; ++i) {
+    if (done()) return true;
+    std::this_thread::sleep_for(10ms);
+  }
+  return done();
+}
+
+int Connect(const std::string &path) {
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path.c_str());
+  const int s = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (::connect(s, reinterpret_cast<sockaddr *>(&addr), sizeof addr) != 0) {
+    ::close(s);
+    return -1;
+  }
+  return s;
+}
+
+using Bytes = std::vector<uint8_t>;
+
+// A request frame: the record and the bytes carried for data and cmdIn.
+Bytes Frame(uint32_t op, uint64_t arg, const ZELPYXCommand *rec = nullptr, const Bytes &data = {},
+            const Bytes &cmdIn = {}) {
+  const uint32_t carried[3] = {uint32_t(data.size()), uint32_t(cmdIn.size()), 0};
+  const uint32_t body = rec == nullptr ? 0 : uint32_t(sizeof *rec + sizeof carried + data.size() + cmdIn.size());
+  RequestHeader header{zel::kmod::kRequestMagic, op, arg, body, 0};
+  Bytes out(reinterpret_cast<uint8_t *>(&header), reinterpret_cast<uint8_t *>(&header + 1));
+  if (rec != nullptr) {
+    out.insert(out.end(), reinterpret_cast<const uint8_t *>(rec), reinterpret_cast<const uint8_t *>(rec + 1));
+    out.insert(out.end(), reinterpret_cast<const uint8_t *>(carried), reinterpret_cast<const uint8_t *>(carried + 3));
+    out.insert(out.end(), data.begin(), data.end());
+    out.insert(out.end(), cmdIn.begin(), cmdIn.end());
+  }
+  return out;
+}
+
+Bytes OpenFrame() { return Frame(zel::kmod::kOpOpen, O_RDWR); }
+
+// A record naming a switch and a property, with fake client addresses.
+ZELPYXCommand Record(uint32_t dataLen = 0, uint32_t cmdInLen = 0, uint32_t cmdOutLen = 0) {
+  ZELPYXCommand rec{};
+  std::snprintf(rec.switchName, sizeof rec.switchName, "sw-blue");
+  std::snprintf(rec.name, sizeof rec.name, "com.acme.x");
+  std::snprintf(rec.command, sizeof rec.command, "echo");
+  rec.propType = 16;
+  rec.dataLen = dataLen;
+  rec.data = dataLen ? 0x1000 : 0;
+  rec.cmdInLen = cmdInLen;
+  rec.cmdIn = cmdInLen ? 0x2000 : 0;
+  rec.cmdOutLen = cmdOutLen;
+  rec.cmdOut = cmdOutLen ? 0x3000 : 0;
+  return rec;
+}
+
+// A zel-kmodd process on a socket of its own directory.
+class Daemon {
+ public:
+  Daemon() {
+    char dir[] = "/tmp/kmod-test-XXXXXX";
+    dir_ = ::mkdtemp(dir);
+    socket_ = dir_ + "/run/kmod.sock";
+  }
+  ~Daemon() {
+    Kill(SIGKILL);
+    fs::remove_all(dir_);
+  }
+  void Start() {
+    pid_ = ::fork();
+    if (pid_ == 0) {
+      ::execl(ZEL_KMODD, "zel-kmodd", "--socket", socket_.c_str(), nullptr);
+      ::_exit(127);
+    }
+    ASSERT_TRUE(WaitFor([&] {
+      const int s = Connect(socket_);
+      if (s >= 0) ::close(s);
+      return s >= 0;
+    }));
+  }
+  void Kill(int sig) {
+    if (pid_ <= 0) return;
+    ::kill(pid_, sig);
+    if (sig == SIGKILL || sig == SIGTERM) {
+      ::waitpid(pid_, nullptr, 0);
+      pid_ = -1;
+    }
+  }
+  // Descriptors and threads of the daemon, to see that nothing leaks.
+  std::pair<size_t, int> Resources() const {
+    const std::string proc = "/proc/" + std::to_string(pid_);
+    const auto fds = std::distance(fs::directory_iterator(proc + "/fd"), fs::directory_iterator());
+    std::ifstream status(proc + "/status");
+    int threads = -1;
+    for (std::string line; std::getline(status, line);) {
+      if (line.rfind("Threads:", 0) == 0) threads = std::stoi(line.substr(8));
+    }
+    return {static_cast<size_t>(fds), threads};
+  }
+  // Runs an agent through the device shim; its standard output is returned.
+  FILE *Agent(const std::string &args) const {
+    const std::string command = "ZEL_KMOD_SOCKET=" + socket_ + " LD_PRELOAD=" ZEL_DEVSHIM +
+                                " ASAN_OPTIONS=verify_asan_link_order=0 " ZEL_AGENT " " + args +
+                                " 2>&1";
+    return ::popen(command.c_str(), "r");
+  }
+  int RunAgent(const std::string &args, std::string *out = nullptr) const {
+    FILE *f = Agent(args);
+    std::string text;
+    char buf[256];
+    while (std::fgets(buf, sizeof buf, f) != nullptr) text += buf;
+    if (out != nullptr) *out = text;
+    const int status = ::pclose(f);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  }
+  const std::string &socket() const { return socket_; }
+  pid_t pid() const { return pid_; }
+
+ private:
+  std::string dir_, socket_;
+  pid_t pid_ = -1;
+};
+
+TEST(KmodProcess, TwoAgentsAddingPortsToOneSwitchAtOnceLoseNone) {
+  Daemon daemon;
+  daemon.Start();
+  ASSERT_EQ(daemon.RunAgent("add-switch sw-blue"), 0);
+  FILE *a = daemon.Agent("add-ports sw-blue a 150");
+  FILE *b = daemon.Agent("add-ports sw-blue b 150");
+  EXPECT_EQ(::pclose(a), 0);
+  EXPECT_EQ(::pclose(b), 0);
+  std::string count;
+  EXPECT_EQ(daemon.RunAgent("count sw-blue", &count), 0);
+  EXPECT_EQ(count, "300\n");
+}
+
+TEST(KmodProcess, OpenFailsAsTheDeviceWouldWithoutADaemon) {
+  Daemon daemon;
+  zel::kmod::SocketTransport transport(daemon.socket());
+  errno = 0;
+  EXPECT_EQ(transport.Open(ZELPYX_DEVICE_PATH, O_RDWR), -1);
+  EXPECT_EQ(errno, ENOENT);
+  std::string out;
+  EXPECT_EQ(daemon.RunAgent("count sw-blue", &out), 2);
+  EXPECT_NE(out.find("failed to open zeldev device " ZELPYX_DEVICE_PATH), std::string::npos);
+
+  // A socket left by a dead daemon: nobody listens on it.
+  daemon.Start();
+  daemon.Kill(SIGKILL);
+  EXPECT_EQ(transport.Open(ZELPYX_DEVICE_PATH, O_RDWR), -1);
+  EXPECT_EQ(errno, ECONNREFUSED);
+  // A restarted daemon takes the stale socket over.
+  daemon.Start();
+  const int fd = transport.Open(ZELPYX_DEVICE_PATH, O_RDWR);
+  EXPECT_GE(fd, 0);
+  EXPECT_EQ(transport.Open(ZELPYX_DEVICE_PATH, O_RDONLY), -1);
+  EXPECT_EQ(errno, EACCES);
+  EXPECT_EQ(transport.Close(fd), 0);
+}
+
+TEST(KmodProcess, AClientKilledMidRequestLeavesTheDaemonServingAndNothingBehind) {
+  Daemon daemon;
+  daemon.Start();
+  ASSERT_EQ(daemon.RunAgent("add-switch sw-blue"), 0);
+  const auto before = daemon.Resources();
+  const pid_t child = ::fork();
+  if (child == 0) {
+    // Opens the device, then sends half of a port-add frame and waits.
+    const int s = Connect(daemon.socket());
+    RequestHeader open{zel::kmod::kRequestMagic, zel::kmod::kOpOpen, O_RDWR, 0, 0};
+    ReplyHeader reply{};
+    if (::write(s, &open, sizeof open) < 0 || ::read(s, &reply, sizeof reply) < 0) ::_exit(1);
+    RequestHeader ioctl{zel::kmod::kRequestMagic, zel::kmod::kOpIoctl, ZELPYX_REQ_PORT_ADD,
+                        4096, 0};
+    char half[100] = {};
+    if (::write(s, &ioctl, sizeof ioctl) < 0 || ::write(s, half, sizeof half) < 0) ::_exit(1);
+    ::pause();
+  }
+  ASSERT_TRUE(WaitFor([&] { return daemon.Resources().first == before.first + 1; }));
+  ::kill(child, SIGKILL);
+  ::waitpid(child, nullptr, 0);
+  EXPECT_TRUE(WaitFor([&] { return daemon.Resources() == before; }));
+  EXPECT_EQ(daemon.RunAgent("add-ports sw-blue a 3"), 0);
+  std::string count;
+  EXPECT_EQ(daemon.RunAgent("count sw-blue", &count), 0);
+  EXPECT_EQ(count, "3\n");
+}
+
+TEST(KmodProcess, ADaemonKilledDuringARequestFailsItAndARestartedOneServesTheNext) {
+  Daemon daemon;
+  daemon.Start();
+  zel::kmod::SocketTransport transport(daemon.socket());
+  zel::kernel::ScopedTransport use(&transport);
+  ASSERT_EQ(ZELPYX_SwitchAdd("sw-blue", "vswitch", 0, 7), STATUS_OK);
+
+  daemon.Kill(SIGSTOP);
+  auto pending = std::async(std::launch::async, [] { return ZELPYX_SwitchAdd("sw-green", "vswitch", 0, 7); });
+  EXPECT_EQ(pending.wait_for(200ms), std::future_status::timeout);
+  daemon.Kill(SIGKILL);
+  EXPECT_EQ(pending.get(), STATUS_FAILURE);
+  EXPECT_EQ(ZELPYX_SwitchAdd("sw-green", "vswitch", 0, 7), STATUS_FAILURE);
+
+  // The same process-wide descriptor reaches the new daemon, whose module
+  // starts empty.
+  daemon.Start();
+  EXPECT_EQ(ZELPYX_SwitchAdd("sw-green", "vswitch", 0, 7), STATUS_OK);
+  EXPECT_EQ(ZELPYX_SwitchRemove("sw-blue"), STATUS_NOT_FOUND);
+}
+
+// The same requests through the daemon and through the in-process module
+// give the same statuses, records and bytes.
+TEST(KmodProcess, BuffersTravelBothWaysAsInProcess) {
+  Daemon daemon;
+  daemon.Start();
+  zel::kmod::SocketTransport remote(daemon.socket());
+  zel::sim::EmulatedKernel local;
+  const std::vector<uint8_t> big(40000, 0x5a);  // a state past the first reply buffer
+  auto script = [&](zel::host::DeviceTransport *device) {
+    zel::kernel::ScopedTransport use(device);
+    std::vector<std::string> seen;
+    auto keep = [&](ReturnStatus status, void *bytes, uint32_t length, bool owned = true) {
+      seen.push_back(std::to_string(status) + ":" +
+                     std::string(static_cast<char *>(bytes), bytes ? length : 0));
+      if (owned) ZELPYX_DataFree(bytes);
+    };
+    keep(ZELPYX_SwitchAdd("sw-blue", "vswitch", 0, 7), nullptr, 0);
+    keep(ZELPYX_GlobalPropSet("sw-blue", "com.acme.big", big.data(), uint32_t(big.size()), 16),
+         nullptr, 0);
+    keep(ZELPYX_PortAdd("sw-blue", "p1", nullptr, 0), nullptr, 0);
+    keep(ZELPYX_PortDataSet("sw-blue", "p1", "com.acme.x", "abc", 4, 16), nullptr, 0);
+    void *out = nullptr;
+    uint32_t length = 0;
+    keep(ZELPYX_StateGet(&out, &length), out, length);
+    out = nullptr;
+    keep(ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.x", &out, &length), out, length);
+    out = nullptr;
+    keep(ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.none", &out, &length), out, length);
+    out = nullptr;
+    keep(ZELPYX_CmdExec("", "echo", big.data(), uint32_t(big.size()), &out, &length), out, length);
+    out = nullptr;
+    keep(ZELPYX_CmdExec("sw-blue", "ports", nullptr, 0, &out, &length), out, length);
+    // A reply that does not fit: the module names the size and writes
+    // nothing past the buffer offered.
+    uint8_t small[8] = {1, 2, 3, 4, 5, 6, 7, 8};
+    ZELPYXCommand rec{};
+    std::snprintf(rec.switchName, sizeof rec.switchName, "sw-blue");
+    std::snprintf(rec.portId, sizeof rec.portId, "p1");
+    std::snprintf(rec.name, sizeof rec.name, "com.acme.x");
+    rec.dataLen = 2;
+    rec.data = zel::kernel::AddressOf(small);
+    keep(ZELPYX_Ioctl(ZELPYX_REQ_PORT_DATA_GET, &rec), small, sizeof small, false);
+    seen.push_back(std::to_string(rec.dataLen) + " " + std::to_string(rec.status));
+    EXPECT_EQ(rec.data, zel::kernel::AddressOf(small));
+    return seen;
+  };
+  const std::vector<std::string> viaDaemon = script(&remote);
+  const std::vector<std::string> inProcess = script(&local);
+  ASSERT_EQ(viaDaemon.size(), inProcess.size());
+  for (size_t i = 0; i < inProcess.size(); ++i) {
+    EXPECT_EQ(viaDaemon[i], inProcess[i]) << "step " << i;
+  }
+  EXPECT_EQ(viaDaemon.back(), "4 " + std::to_string(STATUS_LIMIT_EXCEEDED));
+}
+
+TEST(KmodProcess, AMalformedFrameIsAnsweredAndTheDaemonServesOn) {
+  Daemon daemon;
+  daemon.Start();
+  const ZELPYXCommand cap = Record(zel::kmod::kMaxBuffer + 1);
+  ZELPYXCommand lying = Record(8);
+  struct Row {
+    const char *what;
+    Bytes frame;
+    int error;
+    bool kept;  // the connection still serves
+  };
+  Bytes badMagic = OpenFrame(), badOp = Frame(7, 0), huge = Frame(zel::kmod::kOpIoctl, 1);
+  badMagic[0] ^= 1;
+  reinterpret_cast<RequestHeader *>(huge.data())->bodyLen = zel::kmod::kMaxBody + 1;
+  Bytes shortBody = Frame(zel::kmod::kOpIoctl, 1);
+  reinterpret_cast<RequestHeader *>(shortBody.data())->bodyLen = 10;
+  shortBody.resize(shortBody.size() + 10);
+  const Row rows[] = {
+      {"wrong magic", badMagic, EPROTO, false},
+      {"unknown op", badOp, EPROTO, false},
+      {"body over the limit", huge, EMSGSIZE, false},
+      {"body shorter than a record", shortBody, EINVAL, true},
+      {"carried bytes other than dataLen", Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_SET, &lying, Bytes(4)), EINVAL, true},
+      {"output capacity over the limit", Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_GET, &cap), EMSGSIZE, true},
+      {"a second open", OpenFrame(), EINVAL, true},
+  };
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.what);
+    const int s = Connect(daemon.socket());
+    Bytes frames = OpenFrame();
+    frames.insert(frames.end(), r.frame.begin(), r.frame.end());
+    ASSERT_EQ(::write(s, frames.data(), frames.size()), ssize_t(frames.size()));
+    ReplyHeader opened{}, refused{};
+    ASSERT_EQ(::read(s, &opened, sizeof opened), ssize_t(sizeof opened));
+    EXPECT_EQ(opened.result, 0);
+    ASSERT_EQ(::recv(s, &refused, sizeof refused, MSG_WAITALL), ssize_t(sizeof refused));
+    EXPECT_EQ(refused.result, -1);
+    EXPECT_EQ(refused.error, r.error);
+    const ZELPYXCommand none = Record();
+    const Bytes cleanup = Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_STATE_CLEANUP, &none);
+    ::send(s, cleanup.data(), cleanup.size(), MSG_NOSIGNAL);
+    ReplyHeader next{};
+    const ssize_t got = ::recv(s, &next, sizeof next, MSG_WAITALL);
+    EXPECT_EQ(got == ssize_t(sizeof next) && next.result == 0, r.kept);
+    ::close(s);
+  }
+  EXPECT_EQ(daemon.RunAgent("add-switch sw-blue"), 0);
+}
+
+// The frame reader on damaged streams: it never crashes, every answer is a
+// well-formed reply, and the module descriptor is closed at the end.
+TEST(KmodFrames, DamagedStreamsNeverCrashTheReader) {
+  class Memory final : public zel::kmod::Channel {
+   public:
+    explicit Memory(Bytes in) : in_(std::move(in)) {}
+    bool Read(void *buffer, size_t length) override {
+      if (length > in_.size() - pos_) return false;
+      std::memcpy(buffer, in_.data() + pos_, length);
+      pos_ += length;
+      return true;
+    }
+    bool Write(iovec *iov, int count) override {
+      for (int i = 0; i < count; ++i) {
+        const auto *p = static_cast<const uint8_t *>(iov[i].iov_base);
+        out.insert(out.end(), p, p + iov[i].iov_len);
+      }
+      return true;
+    }
+    Bytes out;
+
+   private:
+    Bytes in_;
+    size_t pos_ = 0;
+  };
+  ZELPYXCommand add = Record(), set = Record(4), get = Record(64), exec = Record(0, 5, 16);
+  add.maxPorts = 0;
+  add.version = 7;
+  std::snprintf(add.name, sizeof add.name, "vswitch");
+  Bytes stream = OpenFrame();
+  for (const Bytes &f : {Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_SWITCH_ADD, &add),
+                         Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_SET, &set, Bytes{1, 2, 3, 4}),
+                         Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_GET, &get),
+                         Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_CMD_EXEC, &exec, {}, Bytes(5, 'x'))}) {
+    stream.insert(stream.end(), f.begin(), f.end());
+  }
+  std::mt19937 rng(15);
+  zel::sim::EmulatedKernel kernel;
+  for (int round = 0; round < 3000; ++round) {
+    Bytes damaged = stream;
+    for (int flips = rng() % 6; flips > 0; --flips) damaged[rng() % damaged.size()] = uint8_t(rng());
+    if (rng() % 4 == 0) damaged.resize(rng() % damaged.size());
+    Memory channel(damaged);
+    {
+      zel::kmod::Session session(kernel, channel);
+      session.Run();
+    }
+    ASSERT_EQ(kernel.OpenDescriptors(), 0u) << "round " << round;
+    for (size_t at = 0; at < channel.out.size();) {
+      ReplyHeader reply;
+      ASSERT_LE(at + sizeof reply, channel.out.size());
+      std::memcpy(&reply, channel.out.data() + at, sizeof reply);
+      ASSERT_EQ(reply.magic, zel::kmod::kReplyMagic);
+      ASSERT_TRUE(reply.result == 0 || (reply.result == -1 && reply.error > 0));
+      at += sizeof reply + reply.bodyLen;
+      ASSERT_LE(at, channel.out.size());
+    }
+  }
+}
+
+}  // namespace
