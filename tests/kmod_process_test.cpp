@@ -196,8 +196,9 @@ TEST(KmodProcess, OpenFailsAsTheDeviceWouldWithoutADaemon) {
 TEST(KmodProcess, AClientKilledMidRequestLeavesTheDaemonServingAndNothingBehind) {
   Daemon daemon;
   daemon.Start();
+  const auto before = daemon.Resources();  // no client yet
   ASSERT_EQ(daemon.RunAgent("add-switch sw-blue"), 0);
-  const auto before = daemon.Resources();
+  ASSERT_TRUE(WaitFor([&] { return daemon.Resources() == before; }));
   const pid_t child = ::fork();
   if (child == 0) {
     // Opens the device, then sends half of a port-add frame and waits.
@@ -211,9 +212,10 @@ TEST(KmodProcess, AClientKilledMidRequestLeavesTheDaemonServingAndNothingBehind)
     if (::write(s, &ioctl, sizeof ioctl) < 0 || ::write(s, half, sizeof half) < 0) ::_exit(1);
     ::pause();
   }
-  ASSERT_TRUE(WaitFor([&] { return daemon.Resources().first == before.first + 1; }));
+  const bool connected = WaitFor([&] { return daemon.Resources().first == before.first + 1; });
   ::kill(child, SIGKILL);
   ::waitpid(child, nullptr, 0);
+  ASSERT_TRUE(connected);
   EXPECT_TRUE(WaitFor([&] { return daemon.Resources() == before; }));
   EXPECT_EQ(daemon.RunAgent("add-ports sw-blue a 3"), 0);
   std::string count;

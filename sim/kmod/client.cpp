@@ -156,66 +156,72 @@ bool DeviceClient::Reconnect(Conn &conn, int fd) {
   return true;
 }
 
-// One ioctl frame and its reply.  Input buffers are sent from, and output
-// written straight into, the caller's memory; a fault there (EFAULT) or a
-// lost or garbled stream leaves the connection broken.
-int DeviceClient::Exchange(Conn &conn, int fd, uint64_t request, ZELPYXCommand *user) {
-  ZELPYXCommand rec;
-  std::memcpy(&rec, user, sizeof rec);
-  const BufferUse use = BufferUseOf(request);
+namespace {
+
+// Sends one ioctl frame, the input buffers straight from the caller's
+// memory.  Returns 0 or the errno: EMSGSIZE before anything is sent, else
+// the stream is broken (EFAULT when the caller's memory faulted).
+int SendRequest(int fd, uint64_t request, const ZELPYXCommand &rec, const BufferUse &use,
+                uint32_t capacity[kSlots]) {
   uint32_t carried[kSlots];
-  uint32_t capacity[kSlots];
   uint64_t body = sizeof rec + sizeof carried;
-  iovec iov[3 + kSlots];
-  int count = 0;
   for (int s = 0; s < kSlots; ++s) {
     const Slot slot = static_cast<Slot>(s);
     carried[s] = CarriedBytes(rec, slot, use.slot[s]);
     const bool out = use.slot[s] == Use::kOut && SlotAddress(rec, slot) != 0;
     capacity[s] = out ? SlotLength(rec, slot) : 0;
     if (carried[s] > kMaxBuffer || capacity[s] > kMaxBuffer) {
-      return Fail(EMSGSIZE);
+      return EMSGSIZE;
     }
     body += carried[s];
   }
   RequestHeader header{kRequestMagic, kOpIoctl, request, static_cast<uint32_t>(body), 0};
-  iov[count++] = {&header, sizeof header};
-  iov[count++] = {&rec, sizeof rec};
-  iov[count++] = {carried, sizeof carried};
+  iovec iov[3 + kSlots] = {{&header, sizeof header},
+                           {const_cast<ZELPYXCommand *>(&rec), sizeof rec},
+                           {carried, sizeof carried}};
+  int count = 3;
   for (int s = 0; s < kSlots; ++s) {
     if (carried[s] > 0) iov[count++] = {Address(SlotAddress(rec, static_cast<Slot>(s))), carried[s]};
   }
   if (!SendAll(fd, iov, count)) {
-    conn.broken = true;
-    return Fail(errno == EFAULT ? EFAULT : EIO);
+    return errno == EFAULT ? EFAULT : EIO;
   }
+  return 0;
+}
+
+// Receives the reply to one ioctl frame: the output bytes straight into the
+// caller's buffers (never past the capacities sent), then the record.
+// Returns what ioctl returns; *broken when the stream is lost or garbled.
+int ReceiveReply(int fd, ZELPYXCommand *user, const uint32_t capacity[kSlots], bool *broken) {
+  auto lost = [broken](int error) {
+    *broken = true;
+    return Fail(error);
+  };
   ReplyHeader reply{};
-  uint32_t written[2] = {0, 0};
   if (!RecvAll(fd, &reply, sizeof reply) || reply.magic != kReplyMagic ||
       (reply.result != 0 && reply.result != -1) || (reply.result == -1 && reply.error <= 0)) {
-    conn.broken = true;
-    return Fail(EIO);
+    return lost(EIO);
   }
   if (reply.bodyLen == 0) {
     // A refusal: the module saw nothing and wrote nothing.
-    if (reply.result == 0) {
-      conn.broken = true;
-      return Fail(EIO);
-    }
-    return Fail(reply.error);
+    return reply.result == 0 ? lost(EIO) : Fail(reply.error);
   }
-  if (reply.bodyLen < sizeof rec + sizeof written || !RecvAll(fd, &rec, sizeof rec) ||
-      !RecvAll(fd, written, sizeof written) || written[0] > capacity[kData] ||
-      written[1] > capacity[kCmdOut] ||
-      reply.bodyLen != sizeof rec + sizeof written + uint64_t{written[0]} + written[1]) {
-    conn.broken = true;
-    return Fail(EIO);
+  ZELPYXCommand rec;
+  uint32_t written[2];
+  uint8_t head[sizeof rec + sizeof written];  // one read for the record and the lengths
+  if (reply.bodyLen < sizeof head || !RecvAll(fd, head, sizeof head)) {
+    return lost(EIO);
+  }
+  std::memcpy(&rec, head, sizeof rec);
+  std::memcpy(written, head + sizeof rec, sizeof written);
+  if (written[0] > capacity[kData] || written[1] > capacity[kCmdOut] ||
+      reply.bodyLen != sizeof head + uint64_t{written[0]} + written[1]) {
+    return lost(EIO);
   }
   const Slot outputs[2] = {kData, kCmdOut};
   for (int i = 0; i < 2; ++i) {
     if (written[i] > 0 && !RecvAll(fd, Address(SlotAddress(*user, outputs[i])), written[i])) {
-      conn.broken = true;
-      return Fail(errno == EFAULT ? EFAULT : EIO);
+      return lost(errno == EFAULT ? EFAULT : EIO);
     }
   }
   // The record as the module left it, with the caller's own addresses.
@@ -224,6 +230,23 @@ int DeviceClient::Exchange(Conn &conn, int fd, uint64_t request, ZELPYXCommand *
   }
   std::memcpy(user, &rec, sizeof rec);
   return reply.result == 0 ? 0 : Fail(reply.error);
+}
+
+}  // namespace
+
+int DeviceClient::Exchange(Conn &conn, int fd, uint64_t request, ZELPYXCommand *user) {
+  ZELPYXCommand rec;
+  std::memcpy(&rec, user, sizeof rec);
+  uint32_t capacity[kSlots];
+  const int error = SendRequest(fd, request, rec, BufferUseOf(request), capacity);
+  if (error != 0) {
+    conn.broken = error != EMSGSIZE;
+    return Fail(error);
+  }
+  bool broken = false;
+  const int result = ReceiveReply(fd, user, capacity, &broken);
+  conn.broken = broken;
+  return result;
 }
 
 bool DeviceClient::Ioctl(int fd, uint64_t request, void *arg, int *result) {
