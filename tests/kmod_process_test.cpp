@@ -265,17 +265,18 @@ TEST(KmodProcess, BuffersTravelBothWaysAsInProcess) {
          nullptr, 0);
     keep(ZELPYX_PortAdd("sw-blue", "p1", nullptr, 0), nullptr, 0);
     keep(ZELPYX_PortDataSet("sw-blue", "p1", "com.acme.x", "abc", 4, 16), nullptr, 0);
-    void *out = nullptr;
-    uint32_t length = 0;
-    keep(ZELPYX_StateGet(&out, &length), out, length);
-    out = nullptr;
-    keep(ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.x", &out, &length), out, length);
-    out = nullptr;
-    keep(ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.none", &out, &length), out, length);
-    out = nullptr;
-    keep(ZELPYX_CmdExec("", "echo", big.data(), uint32_t(big.size()), &out, &length), out, length);
-    out = nullptr;
-    keep(ZELPYX_CmdExec("sw-blue", "ports", nullptr, 0, &out, &length), out, length);
+    // Each reply is taken after its call returns.
+    auto fetch = [&](auto call) {
+      void *out = nullptr;
+      uint32_t length = 0;
+      const ReturnStatus status = call(&out, &length);
+      keep(status, out, length);
+    };
+    fetch([](void **o, uint32_t *l) { return ZELPYX_StateGet(o, l); });
+    fetch([](void **o, uint32_t *l) { return ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.x", o, l); });
+    fetch([](void **o, uint32_t *l) { return ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.none", o, l); });
+    fetch([&](void **o, uint32_t *l) { return ZELPYX_CmdExec("", "echo", big.data(), uint32_t(big.size()), o, l); });
+    fetch([](void **o, uint32_t *l) { return ZELPYX_CmdExec("sw-blue", "ports", nullptr, 0, o, l); });
     // A reply that does not fit: the module names the size and writes
     // nothing past the buffer offered.
     uint8_t small[8] = {1, 2, 3, 4, 5, 6, 7, 8};
