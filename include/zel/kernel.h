@@ -152,20 +152,20 @@ ZEL_API ReturnStatus ZELPYX_Ioctl(int request, ZELPYXCommand *cmd);
  *
  *  On success *output is the caller's (ZELPYX_DataFree) and *outputLen its
  *  length.  Returns 0; the kernel's status; STATUS_NO_MEMORY when the output
- *  buffer cannot be had.  On failure *output is NULL. */
+ *  buffer cannot be had.  On failure nothing is left to release. */
 ZEL_API ReturnStatus ZELPYX_CmdExec(const char *switchName, const char *command,
                                     const void *input, uint32_t inputLen, void **output,
                                     uint32_t *outputLen);
 /** Hands a whole state blob to the kernel, which takes its state from it
  *  (the blob stays the caller's).  Returns the plain exchange's status. */
 ZEL_API ReturnStatus ZELPYX_StateInit(const void *blob, uint32_t blobLen);
-/** Asks the kernel to remove the switches dissociated from the host (request 1). */
+/** Sends the state clean-up request (1). */
 ZEL_API ReturnStatus ZELPYX_StateCleanup(void);
-/** Asks the kernel to remove shadow and zombie ports (request 2). */
+/** Sends the state sanitize request (2). */
 ZEL_API ReturnStatus ZELPYX_StateSanitize(void);
 /** The kernel's whole state as a state blob: on success *blob is the
- *  caller's (ZELPYX_DataFree) and *blobLen its length; on failure *blob is
- *  NULL.  Returns 0, the kernel's status or STATUS_NO_MEMORY. */
+ *  caller's (ZELPYX_DataFree) and *blobLen its length; on failure nothing is
+ *  left to release.  Returns 0, the kernel's status or STATUS_NO_MEMORY. */
 ZEL_API ReturnStatus ZELPYX_StateGet(void **blob, uint32_t *blobLen);
 /** Releases a reply buffer of any exchange; NULL is ignored. */
 ZEL_API void ZELPYX_DataFree(void *buffer);
@@ -173,7 +173,8 @@ ZEL_API void ZELPYX_DataFree(void *buffer);
 /* --- switch and port commands ---
  * One request each, on the plain exchange (0 or the kernel's status) or, for
  * the Get calls, the reply exchange: on success *buffer is the caller's
- * (ZELPYX_DataFree) and *length its length; on failure *buffer is NULL.
+ * (ZELPYX_DataFree) and *length its length; on failure nothing is left to
+ * release.
  * Values sent stay the caller's.  None touches the local state database. */
 
 /** Adds a switch of class className to the kernel (request 4). */
@@ -181,9 +182,9 @@ ZEL_API ReturnStatus ZELPYX_SwitchAdd(const char *switchName, const char *classN
                                       uint32_t maxPorts, uint32_t version);
 /** Removes a switch from the kernel (request 5). */
 ZEL_API ReturnStatus ZELPYX_SwitchRemove(const char *switchName);
-/** Marks the switch as joined to this host (request 6). */
+/** Sends the associate request (6) for the switch. */
 ZEL_API ReturnStatus ZELPYX_SwitchAssociate(const char *switchName);
-/** Marks the switch as no longer joined to this host (request 7). */
+/** Sends the dissociate request (7) for the switch. */
 ZEL_API ReturnStatus ZELPYX_SwitchDissociate(const char *switchName);
 /** Sets the switch's port capacity in the kernel (request 21). */
 ZEL_API ReturnStatus ZELPYX_SwitchSetMaxPorts(const char *switchName, uint32_t maxPorts);
@@ -216,7 +217,8 @@ ZEL_API ReturnStatus ZELPYX_PortAdd(const char *switchName, const char *portId, 
                                     uint32_t dataLen);
 /** Removes a port (request 15). */
 ZEL_API ReturnStatus ZELPYX_PortRemove(const char *switchName, const char *portId);
-/** 0 when the kernel has the port (request 20), else its status. */
+/** Asks the kernel for the port (request 20): 0 when it answers yes, else
+ *  its status. */
 ZEL_API ReturnStatus ZELPYX_PortFind(const char *switchName, const char *portId);
 /** A port property's value (request 16, reply exchange). */
 ZEL_API ReturnStatus ZELPYX_PortDataGet(const char *switchName, const char *portId,
