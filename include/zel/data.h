@@ -50,7 +50,8 @@ typedef bool (*ZELDataForEachFn)(const char *name, const void *value, uint32_t d
  *  value, prints nothing. */
 ZEL_API extern int zeldata_debug;
 
-/* --- the list --- */
+/** @name The list
+ *  @{ */
 
 /** Makes an empty list whose memory comes from allocFn and goes back through
  *  freeFn (both required).
@@ -119,11 +120,14 @@ ZEL_API ReturnStatus ZELData_Remove(PropertyList *list, const char *name);
  *  (ZELDATA_PROPTYPE_UPDATE when nothing was found; outType may be NULL). */
 ZEL_API ReturnStatus ZELDataRemove(PropertyList *list, const char *name, uint32_t *outType);
 
-/* --- serialized form ---
+/** @} */
+
+/** @name Serialized form
  * Buffer convention: *buffer == NULL asks the serializer to allocate with the
  * list's allocFn (the caller then owns it and releases it with
  * ZELData_FreeAssocData); otherwise *length is the capacity of *buffer.  On
- * success *length is the serialized size. */
+ * success *length is the serialized size.
+ * @{ */
 
 /** The size in bytes ZELData_Serialize writes for list. */
 ZEL_API uint32_t ZELData_SerializedSize(PropertyList *list, uint32_t ignored);
@@ -181,6 +185,7 @@ ZEL_API ReturnStatus ZELData_DeserializeWithPropType(PropertyList **out, const v
 ZEL_API ReturnStatus ZELData_DeserializeGetPropVal(const void *data, uint32_t dataLength,
                                                    const char *name, void *valueBuffer,
                                                    uint32_t capacity);
+/** @} */
 
 ZEL_EXTERN_C_END
 

@@ -89,46 +89,42 @@ ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, cmdOutLen) == 412, "cmdOutLen offse
 ZELPYX_STATIC_ASSERT(offsetof(ZELPYXCommand, cmdOut) == 416, "cmdOut offset");
 
 /** @name Request numbers
- *  Passed to ioctl unchanged (no direction or size bits).
- *  @{ */
-/** Request number: its name says what it asks; all of them are passed to
- *  ioctl unchanged. */
-#define ZELPYX_REQ_STATE_INIT 0
-#define ZELPYX_REQ_STATE_CLEANUP 1
-#define ZELPYX_REQ_STATE_SANITIZE 2
-#define ZELPYX_REQ_STATE_GET 3
-#define ZELPYX_REQ_SWITCH_ADD 4
-#define ZELPYX_REQ_SWITCH_REMOVE 5
-#define ZELPYX_REQ_SWITCH_ASSOCIATE 6
-#define ZELPYX_REQ_SWITCH_DISSOCIATE 7
-#define ZELPYX_REQ_GLOBAL_PROP_GET 8
-#define ZELPYX_REQ_GLOBAL_PROP_SET 9
-#define ZELPYX_REQ_GLOBAL_PROP_CLEAR 10
-#define ZELPYX_REQ_HOST_PROP_GET 11
-#define ZELPYX_REQ_HOST_PROP_SET 12
-#define ZELPYX_REQ_HOST_PROP_CLEAR 13
-#define ZELPYX_REQ_PORT_ADD 14
-#define ZELPYX_REQ_PORT_REMOVE 15
-#define ZELPYX_REQ_PORT_DATA_GET 16
-#define ZELPYX_REQ_PORT_DATA_SET 17
-#define ZELPYX_REQ_PORT_DATA_CLEAR 18
-#define ZELPYX_REQ_PORT_STATE_GET 19
-#define ZELPYX_REQ_PORT_FIND 20
-#define ZELPYX_REQ_SWITCH_SET_MAX_PORTS 21
-#define ZELPYX_REQ_SWITCH_SET_VERSION 22
-#define ZELPYX_REQ_UPLINK_DATA_SET 26
-#define ZELPYX_REQ_UPLINK_DATA_GET 27
-#define ZELPYX_REQ_CMD_EXEC 28
+ * Passed to ioctl unchanged (no direction or size bits).
+ * @{ */
+#define ZELPYX_REQ_STATE_INIT 0             /**< ZELPYX_StateInit */
+#define ZELPYX_REQ_STATE_CLEANUP 1          /**< ZELPYX_StateCleanup */
+#define ZELPYX_REQ_STATE_SANITIZE 2         /**< ZELPYX_StateSanitize */
+#define ZELPYX_REQ_STATE_GET 3              /**< ZELPYX_StateGet */
+#define ZELPYX_REQ_SWITCH_ADD 4             /**< ZELPYX_SwitchAdd */
+#define ZELPYX_REQ_SWITCH_REMOVE 5          /**< ZELPYX_SwitchRemove */
+#define ZELPYX_REQ_SWITCH_ASSOCIATE 6       /**< ZELPYX_SwitchAssociate */
+#define ZELPYX_REQ_SWITCH_DISSOCIATE 7      /**< ZELPYX_SwitchDissociate */
+#define ZELPYX_REQ_GLOBAL_PROP_GET 8        /**< ZELPYX_GlobalPropGet */
+#define ZELPYX_REQ_GLOBAL_PROP_SET 9        /**< ZELPYX_GlobalPropSet */
+#define ZELPYX_REQ_GLOBAL_PROP_CLEAR 10     /**< ZELPYX_GlobalPropClear */
+#define ZELPYX_REQ_HOST_PROP_GET 11         /**< ZELPYX_HostPropGet */
+#define ZELPYX_REQ_HOST_PROP_SET 12         /**< ZELPYX_HostPropSet */
+#define ZELPYX_REQ_HOST_PROP_CLEAR 13       /**< ZELPYX_HostPropClear */
+#define ZELPYX_REQ_PORT_ADD 14              /**< ZELPYX_PortAdd */
+#define ZELPYX_REQ_PORT_REMOVE 15           /**< ZELPYX_PortRemove */
+#define ZELPYX_REQ_PORT_DATA_GET 16         /**< ZELPYX_PortDataGet */
+#define ZELPYX_REQ_PORT_DATA_SET 17         /**< ZELPYX_PortDataSet */
+#define ZELPYX_REQ_PORT_DATA_CLEAR 18       /**< ZELPYX_PortDataClear */
+#define ZELPYX_REQ_PORT_STATE_GET 19        /**< ZELPYX_PortStateGet */
+#define ZELPYX_REQ_PORT_FIND 20             /**< ZELPYX_PortFind */
+#define ZELPYX_REQ_SWITCH_SET_MAX_PORTS 21  /**< ZELPYX_SwitchSetMaxPorts */
+#define ZELPYX_REQ_SWITCH_SET_VERSION 22    /**< ZELPYX_SwitchSetVersion */
+#define ZELPYX_REQ_UPLINK_DATA_SET 26       /**< ZELPYX_UplinkDataSet */
+#define ZELPYX_REQ_UPLINK_DATA_GET 27       /**< ZELPYX_UplinkDataGet */
+#define ZELPYX_REQ_CMD_EXEC 28              /**< ZELPYX_CmdExec */
 /** @} */
 
-/* --- the channel lock --- */
-
-/*
+/** @name The channel lock
  * "zelpyx", a process-wide recursive lock (rank 0xFEFFFFFE), created on first
  * use.  Holders of both locks take it before the state database's "zelstate".
  * The retrievals that use the state database as scratch space hold it from
  * loading the kernel's state to emptying the database again.
- */
+ * @{ */
 /** A process-wide recursive lock of the host layer (as in zel/state.h). */
 typedef struct ZelRecLock ZelRecLock;
 #define ZELPYX_LOCK_NAME "zelpyx"        /**< name of the channel lock */
@@ -140,7 +136,10 @@ ZEL_API ZelRecLock *ZelSwitchPYXLock(void);
 /** Releases the channel lock; a null handle is ignored. */
 ZEL_API void ZelSwitchPYXUnlock(ZelRecLock *lock);
 
-/* --- exchanges and state requests --- */
+/** @} */
+
+/** @name Exchanges and state requests
+ *  @{ */
 
 /** The plain exchange: presets cmd->status to STATUS_FAILURE and sends
  *  request with cmd.  Returns 0 when the ioctl succeeded (the kernel may have
@@ -170,12 +169,15 @@ ZEL_API ReturnStatus ZELPYX_StateGet(void **blob, uint32_t *blobLen);
 /** Releases a reply buffer of any exchange; NULL is ignored. */
 ZEL_API void ZELPYX_DataFree(void *buffer);
 
-/* --- switch and port commands ---
+/** @} */
+
+/** @name Switch and port commands
  * One request each, on the plain exchange (0 or the kernel's status) or, for
  * the Get calls, the reply exchange: on success *buffer is the caller's
  * (ZELPYX_DataFree) and *length its length; on failure nothing is left to
  * release.
- * Values sent stay the caller's.  None touches the local state database. */
+ * Values sent stay the caller's.  None touches the local state database.
+ * @{ */
 
 /** Adds a switch of class className to the kernel (request 4). */
 ZEL_API ReturnStatus ZELPYX_SwitchAdd(const char *switchName, const char *className,
@@ -244,7 +246,9 @@ ZEL_API ReturnStatus ZELPYX_UplinkDataSet(const char *switchName, const char *po
 ZEL_API ReturnStatus ZELPYX_UplinkDataGet(const char *switchName, const char *portId,
                                           int32_t uplinkIndex, void **buffer, uint32_t *length);
 
-/* --- property lists from the kernel ---
+/** @} */
+
+/** @name Property lists from the kernel
  *
  * Name patterns: the strip and extract routines match a pattern anywhere in
  * a name; exception names match whole names (over at most 128 characters);
@@ -256,7 +260,7 @@ ZEL_API ReturnStatus ZELPYX_UplinkDataGet(const char *switchName, const char *po
  * shortened by name: when one of the repeats must go while an earlier one
  * would stay, every entry of that name goes.  A null list or pattern gives
  * STATUS_BAD_PARAM and changes nothing.
- */
+ * @{ */
 
 /** Removes every entry whose name contains pattern. */
 ZEL_API ReturnStatus ZELPYXStripNamedProp(PropertyList *list, const char *pattern);
@@ -294,14 +298,16 @@ ZELPYX_STATIC_ASSERT(sizeof(ZELPYXPortListEntry) == 52, "ZELPYXPortListEntry is 
 ZELPYX_STATIC_ASSERT(offsetof(ZELPYXPortListEntry, connectId) == 48, "connectId offset");
 ZELPYX_STATIC_ASSERT(offsetof(ZELPYXPortList, entries) == 8, "port list entries offset");
 
-/*
- * Switch-level slices.  Each fetches the kernel's whole state, loads it into
+/** @} */
+
+/** @name Switch-level slices
+ * Each fetches the kernel's whole state, loads it into
  * the state database under the channel lock (the database must be empty and
  * is empty again on return), cuts the named switch's list down and hands it
  * to the caller, who releases it with ZELData_Free.  *list is written only
  * when the status is 0; an unknown switch gives STATUS_NOT_FOUND; a failed
  * fetch or load gives its status; a null list pointer STATUS_BAD_PARAM.
- */
+ * @{ */
 /** The vendor global list: the switch's global list of the given type without the
  * library's own families ("com.zorlan.common.", "com.zorlan.etherswitch.",
  * "com.zorlan.vswitch." except "com.zorlan.vswitch.disabled",
@@ -331,12 +337,14 @@ ZEL_API ReturnStatus ZELPYX_QorPropList(const char *switchName, uint32_t propTyp
 ZEL_API ReturnStatus ZELPYX_SwitchPortList(const char *switchName, ZELPYXPortList **list,
                                            uint32_t portKind);
 
-/*
- * Port-level slices: one port's properties fetched from the kernel and cut
+/** @} */
+
+/** @name Port-level slices
+ * One port's properties fetched from the kernel and cut
  * down; no lock, no state database.  The list is the caller's (ZELData_Free)
  * and *list is written only on success.  Returns the fetch's or the
  * decoder's status; a null list pointer gives STATUS_BAD_PARAM.
- */
+ * @{ */
 /** The port's vendor list: without "com.zorlan.common.", "com.zorlan.etherswitch.", "com.zorlan.vswitch.",
  * "com.zorlan.port.extraConfig.", "com.zorlan.port.opaque.network",
  * "dvfilter-generic-", entries of other types, and with type 32 "com.zorlan.net.". */
@@ -346,7 +354,9 @@ ZEL_API ReturnStatus ZELPYX_VendorPortPropList(const char *switchName, const cha
 ZEL_API ReturnStatus ZELPYX_ExtraConfigPortPropList(const char *switchName, const char *portId,
                                                     PropertyList **list, uint32_t propType);
 
-/* --- persistent state retrieval ---
+/** @} */
+
+/** @name Persistent state retrieval
  *
  * The kernel's state reduced to what may survive a restart: switches flagged
  * "com.zorlan.common.volatile.nopersist" (nonzero first byte) are left out,
@@ -355,7 +365,7 @@ ZEL_API ReturnStatus ZELPYX_ExtraConfigPortPropList(const char *switchName, cons
  * whose host property "com.zorlan.common.portset.opaque" begins with "true"
  * normal ports with all-digit ids above 999 are dropped; only normal ports
  * without "com.zorlan.common.port.volatile.persist" are kept.
- */
+ * @{ */
 
 /** The persistable state as a state blob.  *blob == NULL asks for a new
  *  allocation (released with free); otherwise *blobLen is its capacity.
@@ -408,6 +418,7 @@ ZEL_API ReturnStatus ZELPYX_PortGetByExternalId(const char *switchName, const ch
 ZEL_API uint32_t ZELState_SaveToConfigStore_ByInstance(const char *switchId);
 /** ZELState_SaveToConfigStore_ByInstance for every switch. */
 ZEL_API uint32_t ZELState_SaveToConfigStore(void);
+/** @} */
 
 ZEL_EXTERN_C_END
 

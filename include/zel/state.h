@@ -78,13 +78,17 @@ typedef bool (*ZELStatePortFn)(PortState *port, void *context);
  *  the walk and is what the walk returns. */
 typedef uint32_t (*ZELStatePropFn)(PropertyEntry *entry, void *context);
 
-/* --- the table lock --- */
+/** @name The table lock
+ *  @{ */
 /** Takes the table's recursive lock ("zelstate") and returns its handle. */
 ZEL_API ZelRecLock *ZelSwitchHandleLock(void);
 /** Releases the lock taken by ZelSwitchHandleLock; NULL is ignored. */
 ZEL_API void ZelSwitchHandleUnlock(ZelRecLock *lock);
 
-/* --- switches --- */
+/** @} */
+
+/** @name Switches
+ *  @{ */
 
 /** Adds a switch with empty global and host lists to a free slot of the
  *  table.  The first add learns the host's system-wide port limit.  Classes
@@ -141,11 +145,14 @@ ZEL_API PropertyList *ZEL_GlobalPropList(SwitchState *sw);
 /** The switch's host property list (owned by the switch, never NULL). */
 ZEL_API PropertyList *ZEL_HostPropList(SwitchState *sw);
 
-/* --- ports ---
+/** @} */
+
+/** @name Ports
  * Port ids are unique per kind on a switch (zombie ports excepted).  The
  * Find calls return NULL when the switch or port is missing or an argument
  * is null; the plain ones look for a normal port first, then for a
- * local-cache port. */
+ * local-cache port.
+ * @{ */
 
 /** Adds a port of the given kind to the first free slot of the switch.  On
  *  success the switch owns list (released when the port is removed).
@@ -250,9 +257,12 @@ ZEL_API PropertyList *ZEL_PortData(PortState *port);
 /** The switch the port belongs to. */
 ZEL_API SwitchState *ZEL_PortSwitch(PortState *port);
 
-/* --- global and host properties ---
+/** @} */
+
+/** @name Global and host properties
  * The same operations on a switch's global (switch-wide) list and on its
- * host list. */
+ * host list.
+ * @{ */
 
 /** Sets a global property of the switch to a copy of length bytes of value
  *  (ZELData_Update).  Returns STATUS_OK; STATUS_FAILURE for a null value or
@@ -296,12 +306,15 @@ ZEL_API bool ZELState_HostPropIsSet(SwitchState *sw, const char *name);
 ZEL_API ReturnStatus ZELState_HostPropForEach(SwitchState *sw, ZELStatePropFn callback,
                                               void *context);
 
-/* --- the state blob ---
+/** @} */
+
+/** @name The state blob
  * Output buffers follow the property-list convention: *buffer == NULL lets the
  * serializer allocate (released by the caller with free), otherwise *length is
  * the capacity of *buffer.  The serializers return ZELData_Serialize's
  * statuses (STATUS_LIMIT_EXCEEDED for a short caller buffer, STATUS_NO_MEMORY);
- * the table is never changed by them. */
+ * the table is never changed by them.
+ * @{ */
 
 /** The state blob of the whole table: one entry per switch, named by its id,
  *  holding ZELState_SwitchSerialize's data.  Takes the table lock.  Returns
@@ -332,9 +345,12 @@ ZEL_API ReturnStatus ZELState_SwitchDeserialize(const char *switchId, const void
 ZEL_API ReturnStatus ZELState_PortDeserialize(const char *switchId, const char *portId,
                                               const void *data, uint32_t length);
 
-/* --- reset and persistence filtering ---
+/** @} */
+
+/** @name Reset and persistence filtering
  * A switch array holds ZEL_MAX_SWITCHES switch pointers laid out like the
- * table; an id list holds ZEL_MAX_SWITCHES ids of ZEL_SWITCH_ID_SIZE bytes. */
+ * table; an id list holds ZEL_MAX_SWITCHES ids of ZEL_SWITCH_ID_SIZE bytes.
+ * @{ */
 /** Removes every switch with its ports and lists.  Returns STATUS_OK. */
 ZEL_API ReturnStatus ZELState_ConfigReset(void);
 /** Removes every switch whose ZEL_PROP_NOPERSIST has a nonzero first byte
@@ -351,6 +367,7 @@ ZEL_API void ZELState_UpdateGlobalSwsArray(SwitchState **array, char (*ids)[ZEL_
 /** Frees the table's switches and those of array; the table ends empty.
  *  array's slots keep their (dangling) pointers. */
 ZEL_API void ZELState_FreeZELArray(SwitchState **array);
+/** @} */
 
 ZEL_EXTERN_C_END
 
