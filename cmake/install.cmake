@@ -35,6 +35,8 @@ set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_COMPONENTS_ALL runtime dev tools)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+# The packages carry stripped binaries; the build tree keeps the debug info.
+set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "libzel developers <libzel@localhost>")
 set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 # Library dependencies of the shared library and the programs (libsqlite3-0,

@@ -14,7 +14,9 @@ pkgconfig_consumer() {
   local flags
   flags=$(PKG_CONFIG_PATH=$1 pkg-config --cflags --libs libzel)
   cc -std=c11 -pedantic-errors -Wall -Werror "$here/consumer.c" $flags -o "$tmp/c-consumer"
-  LD_LIBRARY_PATH=$1/.. "$tmp/c-consumer"
+  export LD_LIBRARY_PATH=$1/..  # the installed copy, not the build tree's
+  ldd "$tmp/c-consumer" | grep -q "libzel.so.0 => $tmp/"
+  "$tmp/c-consumer"
 }
 
 case $mode in
@@ -31,6 +33,7 @@ install)
   cd "$tmp"  # outside the source tree
   cmake -S "$here" -B cmake-consumer -DCMAKE_PREFIX_PATH="$tmp/root/opt/zel" >/dev/null
   cmake --build cmake-consumer >/dev/null
+  ldd cmake-consumer/consumer | grep -q "libzel.so.0 => $tmp/root/opt/zel/lib/"
   ./cmake-consumer/consumer ;;
 package)
   cpack --config "$build/CPackConfig.cmake" -G DEB -B "$tmp/deb" >/dev/null 2>&1
