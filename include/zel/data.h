@@ -9,9 +9,10 @@
  * with ZELData_FreeAssocData on the same list.  A list has no lock: one thread
  * at a time per list.
  *
- * A name longer than 127 characters is cut to 127 when it is stored.  A list pointer, name or output pointer the function
- * needs must not be null: a null one gives STATUS_BAD_PARAM (or nothing
- * happens where the function returns no status).
+ * A name longer than 127 characters is cut to 127 when it is stored.  A
+ * list pointer, name or output pointer the function needs must not be null:
+ * a null one gives STATUS_BAD_PARAM (or nothing happens where the function
+ * returns no status).
  */
 #ifndef ZEL_DATA_H
 #define ZEL_DATA_H
