@@ -43,6 +43,9 @@ set(CPACK_DEBIAN_PACKAGE_SECTION libs)
 # libstdc++6, ...) come from dpkg-shlibdeps; the ones between the three
 # packages from the component dependencies below.
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+# Programs linked with libzel.so find it in the build tree; their dependency
+# on libzel0 is the component dependency.
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR})
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libzel0)
 # A shlibs file for packages built against it, and the ldconfig trigger.
