@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Checks of the installed library, run on a plain (non-sanitized) build:
-#   check.sh symbols BUILD   libzel.so exports exactly the names of cmake/libzel.map
+#   check.sh symbols BUILD   libzel.so exports exactly the names of cmake/libzel.map,
+#                            which are the names the headers declare ZEL_API
 #   check.sh install BUILD   DESTDIR install, then a pkg-config and a CMake consumer
 #   check.sh package BUILD   cpack -G DEB, the dev package's contents, dpkg -i of
 #                            runtime and dev into a throwaway root, a consumer on it
@@ -21,9 +22,15 @@ pkgconfig_consumer() {
 
 case $mode in
 symbols)
-  diff -u <(sed -n '/global:/,/local:/s/^ *\([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' "$src/cmake/libzel.map") \
-          <(nm -D --defined-only "$build/libzel.so" | awk '$2 != "A" {sub(/@.*/, "", $3); print $3}' | LC_ALL=C sort)
-  echo "exported symbols match cmake/libzel.map" ;;
+  # The list, the library's exports and the headers' ZEL_API names agree: a
+  # name missing from the list would be hidden by the version script.
+  sed -n '/global:/,/local:/s/^ *\([A-Za-z_][A-Za-z0-9_]*\);$/\1/p' "$src/cmake/libzel.map" >"$tmp/list"
+  nm -D --defined-only "$build/libzel.so" | awk '$2 != "A" {sub(/@.*/, "", $3); print $3}' |
+    LC_ALL=C sort >"$tmp/library"
+  grep -h '^ZEL_API' "$src"/include/zel/*.h | grep -o 'ZEL_API[^(;[]*' |
+    grep -o '[A-Za-z_][A-Za-z0-9_]*$' | LC_ALL=C sort >"$tmp/headers"
+  diff -u "$tmp/list" "$tmp/library" && diff -u "$tmp/list" "$tmp/headers"
+  echo "exported symbols match cmake/libzel.map and include/zel/" ;;
 install)
   DESTDIR=$tmp/root cmake --install "$build" --prefix /opt/zel >/dev/null
   lib=$tmp/root/opt/zel/lib
