@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # The whole test suite: unit tests under AddressSanitizer and
 # UndefinedBehaviorSanitizer, the multi-threaded tests under ThreadSanitizer,
-# and a short run of every fuzz target.  FUZZ_SECONDS sets the fuzz time of
-# each target (default 30).
+# a short run of every fuzz target, and on a plain library build the exported
+# symbol list, an install with two consumers and the Debian packages.
+# FUZZ_SECONDS sets the fuzz time of each target (default 30).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/install-deps.sh
@@ -21,12 +22,21 @@ CC=clang CXX=clang++ cmake -S . -B build-fuzz -G Ninja -DCMAKE_BUILD_TYPE=RelWit
   -DZEL_TESTS=OFF -DZEL_FUZZ=ON >/dev/null
 cmake --build build-fuzz -j "$jobs"
 
+echo "== build: plain library and programs"
+cmake -S . -B build-plain -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZEL_TESTS=OFF >/dev/null
+cmake --build build-plain -j "$jobs"
+
 echo "== multi-threaded tests under ThreadSanitizer"
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ./build-tsan/tests/zel_tests --gtest_filter='*Concurrency*' --gtest_brief=1
 
 echo "== fuzz: ${FUZZ_SECONDS:-30} s per target"
 bash tools/run-fuzz.sh "${FUZZ_SECONDS:-30}" build-fuzz
+
+echo "== installed library: symbols, install and consumers, packages"
+for check in symbols install package; do
+  bash tests/install/check.sh "$check" build-plain
+done
 
 echo "== unit tests under AddressSanitizer and UndefinedBehaviorSanitizer"
 export ASAN_OPTIONS="detect_leaks=1:abort_on_error=1"

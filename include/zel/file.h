@@ -1,4 +1,5 @@
-/*
+/**
+ * @file
  * libzel state file: the state blob on disk, padded to a multiple of 512
  * bytes and replaced by rename; or, when the host's two configuration-store
  * features are on, the configuration store instead of the file.
@@ -17,13 +18,44 @@
 
 ZEL_EXTERN_C_BEGIN
 
+/** Reads the stored state blob: from the configuration store when the
+ *  host's two configuration-store features are on (path is then unused),
+ *  otherwise from the state file at path (ZELFile_ReadClassical).
+ *
+ *  On success *blob is the caller's (see the read-buffer rule above) and
+ *  *length its size.  Through the store: STATUS_OK, or STATUS_FAILURE when
+ *  the load fails (outputs not written). */
 ZEL_API ReturnStatus ZELFile_Read(const char *path, void **blob, int32_t *length, uint32_t *offset);
+/** Reads the whole state file at path into a 512-byte aligned buffer.
+ *
+ *  On success *blob points at the data, *length is the file's size (padding
+ *  included) and *offset the distance from the allocation, freed with
+ *  free(*blob - *offset).  Returns STATUS_OK; STATUS_NOT_FOUND when the file
+ *  cannot be opened; STATUS_FILE_EMPTY for an empty file; STATUS_IO_ERROR when
+ *  its length is not a multiple of 512 or too large; STATUS_NO_MEMORY;
+ *  STATUS_READ_ERROR when the read fails.  On failure no buffer is left to
+ *  the caller. */
 ZEL_API ReturnStatus ZELFile_ReadClassical(const char *path, void **blob, int32_t *length,
                                            uint32_t *offset);
+/** Stores length bytes of blob: into the configuration store when the host's
+ *  two configuration-store features are on (path unused; STATUS_FAILURE when
+ *  the save fails), otherwise into the state file at path through a temporary
+ *  file and rename (ZELFile_WriteClassical with useTemporary 1).
+ *  Returns STATUS_OK on success; the blob stays the caller's. */
 ZEL_API ReturnStatus ZELFile_Write(const char *path, const void *blob, uint32_t length);
+/** Writes blob to the state file at path, padded with zeros to a multiple of
+ *  512 bytes and created with mode 0600.  With useTemporary nonzero it writes
+ *  "path.tmp" and renames it over path, so readers see the old or the new
+ *  file; with 0 it rewrites path in place.
+ *
+ *  Returns STATUS_OK; STATUS_BAD_PARAM for a null or empty blob or one longer
+ *  than 0xFFFFFE00 bytes (nothing touched); STATUS_IO_ERROR when the file
+ *  cannot be opened or truncated; STATUS_NO_MEMORY; STATUS_WRITE_ERROR when
+ *  the write or the rename fails.  After a failure with useTemporary the file
+ *  at path is unchanged (a partial "path.tmp" may remain). */
 ZEL_API ReturnStatus ZELFile_WriteClassical(const char *path, const void *blob, uint32_t length,
                                             int useTemporary);
-/* Writes a message of this family to the host log. */
+/** Writes a printf-style message of this family to the host log. */
 ZEL_API void ZELFileLog(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 ZEL_EXTERN_C_END
