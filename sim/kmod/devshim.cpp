@@ -51,53 +51,43 @@ int OpenDevice(int flags) {
   }
 }
 
-// The mode argument exists only when the flags create a file.
-mode_t ModeOf(int flags, va_list args) {
-  return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(args, mode_t) : 0;
-}
-
 }  // namespace
 
 #define ZEL_SHIM extern "C" __attribute__((visibility("default")))
 
+// The mode argument exists only when the flags create a file; it is read
+// in the variadic function itself.
+#define ZEL_MODE_ARG(flags, mode)                                            \
+  mode_t mode = 0;                                                           \
+  if (((flags) & O_CREAT) != 0 || ((flags) & O_TMPFILE) == O_TMPFILE) {     \
+    va_list args;                                                            \
+    va_start(args, flags);                                                   \
+    mode = va_arg(args, mode_t);                                             \
+    va_end(args);                                                            \
+  }
+
 ZEL_SHIM int open(const char *path, int flags, ...) {
-  va_list args;
-  va_start(args, flags);
-  const mode_t mode = ModeOf(flags, args);
-  va_end(args);
-  if (IsDevice(path)) return OpenDevice(flags);
+  ZEL_MODE_ARG(flags, mode);
   static const OpenFn next = Next<OpenFn>("open");
-  return next(path, flags, mode);
+  return IsDevice(path) ? OpenDevice(flags) : next(path, flags, mode);
 }
 
 ZEL_SHIM int open64(const char *path, int flags, ...) {
-  va_list args;
-  va_start(args, flags);
-  const mode_t mode = ModeOf(flags, args);
-  va_end(args);
-  if (IsDevice(path)) return OpenDevice(flags);
+  ZEL_MODE_ARG(flags, mode);
   static const OpenFn next = Next<OpenFn>("open64");
-  return next(path, flags, mode);
+  return IsDevice(path) ? OpenDevice(flags) : next(path, flags, mode);
 }
 
 ZEL_SHIM int openat(int dirfd, const char *path, int flags, ...) {
-  va_list args;
-  va_start(args, flags);
-  const mode_t mode = ModeOf(flags, args);
-  va_end(args);
-  if (IsDevice(path)) return OpenDevice(flags);
+  ZEL_MODE_ARG(flags, mode);
   static const OpenAtFn next = Next<OpenAtFn>("openat");
-  return next(dirfd, path, flags, mode);
+  return IsDevice(path) ? OpenDevice(flags) : next(dirfd, path, flags, mode);
 }
 
 ZEL_SHIM int openat64(int dirfd, const char *path, int flags, ...) {
-  va_list args;
-  va_start(args, flags);
-  const mode_t mode = ModeOf(flags, args);
-  va_end(args);
-  if (IsDevice(path)) return OpenDevice(flags);
+  ZEL_MODE_ARG(flags, mode);
   static const OpenAtFn next = Next<OpenAtFn>("openat64");
-  return next(dirfd, path, flags, mode);
+  return IsDevice(path) ? OpenDevice(flags) : next(dirfd, path, flags, mode);
 }
 
 // The fortified entry points take no mode: they are called only for flags
