@@ -36,7 +36,13 @@ with_shim() { LD_PRELOAD=$shim "$@"; }
 module() { with_shim "$agent" stats | tr '\n' ' ' | sed 's/ $//'; echo; }
 # zelctl compares by decoded value; without it the agent's own comparison.
 diff_kernel() {
-  if [ -n "$zelctl" ]; then with_shim "$zelctl" diff kernel "$1"; else with_shim "$agent" compare "$1"; fi
+  if [ -n "$zelctl" ]; then
+    echo "   \$ zelctl diff kernel $1"
+    with_shim "$zelctl" diff kernel "$1" | sed 's/^/   /'
+  else
+    echo "   \$ zel_agent compare $1"
+    with_shim "$agent" compare "$1" | sed 's/^/   /'
+  fi
 }
 
 echo "1. zel-kmodd started on $ZEL_KMOD_SOCKET"
