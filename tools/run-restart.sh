@@ -8,11 +8,13 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 dir=${1:-build}
-if [ ! -x "$dir/zel-kmodd" ] || [ ! -x "$dir/zel_agent" ]; then
+if [ ! -f "$dir/CMakeCache.txt" ]; then
   bash tools/install-deps.sh
   cmake -S . -B "$dir" -G Ninja -DZEL_TESTS=OFF >/dev/null
-  cmake --build "$dir" -j "$(nproc)"
 fi
+targets=(zel-kmodd zel_devshim zel_agent)
+[ -f tools/zelctl/CMakeLists.txt ] && targets+=(zelctl)
+cmake --build "$dir" -j "$(nproc)" --target "${targets[@]}" >/dev/null
 shim=$(realpath "$dir/sim/kmod/libzel_devshim.so")
 agent=$(realpath "$dir/zel_agent")
 zelctl=$(find "$dir" -maxdepth 3 -name zelctl -type f -perm -u+x | head -n 1)

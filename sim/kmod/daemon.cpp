@@ -14,6 +14,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <system_error>
 #include <thread>
 
 #include "sim/emulated_kernel.h"
@@ -130,8 +131,13 @@ void Serve(host::DeviceTransport *device, int fd) {
       break;
     }
     const int client = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    if (client >= 0) {
+    if (client < 0) {
+      continue;
+    }
+    try {
       std::thread(Serve, device, client).detach();
+    } catch (const std::system_error &) {
+      ::close(client);  // no thread to serve it: the client sees the end of the stream
     }
   }
   ::unlink(path.c_str());
