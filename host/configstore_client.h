@@ -198,6 +198,11 @@ int DeleteDesired(Store *store, const char *sel1, const char *sel2, const char *
 int ExportObjectJson(Object *object, char **json);
 // The instance id of a top-level object (freed with free()).
 int GetObjectInstanceId(Object *object, char **instanceId);
+// Process-wide: stores opened from now on are opened read-only.  They never
+// create the file or its directory and never change the database; a missing
+// file gives kNotFound, a file that is no store of this format kCorrupt, and
+// every write kStorage.  For programs that only read.
+void UseReadOnly(bool readOnly);
 
 // --- Test seam ---
 namespace testing {
