@@ -48,8 +48,6 @@ class CurrentSwitch {
   bool qor_;
 };
 
-std::string Text(uint32_t status) { return "status " + std::to_string(static_cast<int32_t>(status)); }
-
 // Runs the load case of every row of a table over `owner` into a scratch
 // list; the first failing row is a problem (the load stops there too).
 void CheckRows(cs::Object *owner, uint32_t tableIndex, uint32_t version,
@@ -70,7 +68,7 @@ void CheckRows(cs::Object *owner, uint32_t tableIndex, uint32_t version,
     }
     if (status != 0) {
       out->push_back({key, std::string("\"") + args.name + "\" (kind " +
-                                       std::to_string(kind) + ") does not load: " + Text(status),
+                                       std::to_string(kind) + ") does not load",
                       status});
     }
     return status == 0;
@@ -83,7 +81,7 @@ void CheckRows(cs::Object *owner, uint32_t tableIndex, uint32_t version,
     for (uint32_t i = 0; i < row->depth; ++i) key += (i > 0 ? "/" : "") + std::string(row->path[i]);
     if (resolved == kAbsent || row->kind == kKindPortResourcePools) continue;
     if (resolved != 0) {
-      out->push_back({where + key, "path does not resolve: " + Text(resolved), resolved});
+      out->push_back({where + key, "path does not resolve", resolved});
       return;
     }
     const LoadArgs args{owner, parent, RowKey(*row), list.get(), row->name, row->flags,
@@ -111,7 +109,7 @@ void CheckPorts(cs::Object *object, uint32_t version, std::vector<ObjectProblem>
   }
   if (status != cs::kOk) {
     if (status != cs::kNotFound) {
-      out->push_back({"ports", "ports unreadable: " + Text(Status(status)), Status(status)});
+      out->push_back({"ports", "ports unreadable", Status(status)});
     }
     std::free(elements);
     return;
@@ -164,8 +162,7 @@ uint32_t DescribeProperty(uint32_t tableIndex, const char *className, uint32_t v
 std::vector<ObjectProblem> CheckSwitchObject(cs::Object *object) {
   std::vector<ObjectProblem> out;
   auto missing = [&](const char *key, const char *what, uint32_t status) {
-    out.push_back({key, std::string(status == kAbsent ? "no " : "unreadable ") + what + ": " +
-                            Text(status), status});
+    out.push_back({key, std::string(status == kAbsent ? "no " : "unreadable ") + what, status});
   };
   char *raw = nullptr;
   if (int s = cs::GetValueStr(object, "uuid", &raw); s != cs::kOk) missing("uuid", "uuid", Status(s));

@@ -26,7 +26,7 @@ uint32_t DescribeProperty(uint32_t tableIndex, const char *className, uint32_t v
 // What a load would fail on in one switch object.
 struct ObjectProblem {
   std::string key;     // the stored key (a path with "/"), or "" for the object as a whole
-  std::string reason;  // what is wrong, in words
+  std::string reason;  // what is wrong, in words (the status apart)
   uint32_t status;     // the status the load would end with
 };
 

@@ -120,7 +120,7 @@ std::string StoreStatusText(uint32_t status) {
       "ok",           "internal failure", "bad argument",   "type mismatch",
       "out of range", "no memory",        "not found",      "storage error",
       "busy",         "corrupt stored content", "transaction state", "instance-id conflict"};
-  if (status == 0xFFFFFFFFu) return "conversion failure (-1)";
+  if (status == 0xFFFFFFFFu) return "refused by the library (-1)";
   if (status < std::size(kTexts)) {
     return std::string(kTexts[status]) + " (configuration-store status " + std::to_string(status) + ")";
   }

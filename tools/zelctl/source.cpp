@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -93,10 +94,25 @@ Bytes ReadKernel(const Source &s) {
   return out;
 }
 
-// Stored JSON without its type tags (and, for a port element, its key).
+// An instance id the conversion drew at random (a version-4 UUID).
+bool RandomId(const Json &key) {
+  if (!key.is_string()) return false;
+  const std::string k = key;
+  if (k.size() != 36 || k[14] != '4') return false;
+  for (size_t i = 0; i < k.size(); ++i) {
+    const bool dash = i == 8 || i == 13 || i == 18 || i == 23;
+    if (dash ? k[i] != '-' : !std::isxdigit(static_cast<unsigned char>(k[i]))) return false;
+  }
+  return true;
+}
+
+// Stored JSON without its type tags and without instance ids drawn at
+// random, which differ on every conversion and mean nothing (such instances
+// are shown by position).
 Json Untagged(Json v) {
   if (v.is_object()) {
     v.erase("@types");
+    if (v.contains("key") && RandomId(v["key"])) v.erase("key");
     for (auto &[k, x] : v.items()) x = Untagged(x);
   } else if (v.is_array()) {
     for (auto &x : v) x = Untagged(x);

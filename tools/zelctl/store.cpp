@@ -182,7 +182,9 @@ int Check(const StoreOptions &o) {
       report(row.instance, "", "unparsable content: no load gets past it");
       continue;
     }
-    for (const auto &p : zel::persist::CheckSwitchObject(obj)) report(row.instance, p.key, p.reason);
+    for (const auto &p : zel::persist::CheckSwitchObject(obj)) {
+      report(row.instance, p.key, p.reason + ": " + StoreStatusText(p.status));
+    }
     char *raw = nullptr;
     if (cs::GetValueStr(obj, "uuid", &raw) == cs::kOk) {
       const std::string uuid = Owned(raw);
