@@ -15,7 +15,7 @@
 // keyed by the first five columns.  Layer "current" is the stored state;
 // layer "desired" is the user-configured state read by
 // GetDesiredUserConfigInstances and written by SetDesired or the tool
-// zel_configstore.  "content" is JSON text, readable with the sqlite3 shell:
+// zelctl store.  "content" is JSON text, readable with the sqlite3 shell:
 //   - a string value is a JSON string, a bool a JSON bool;
 //   - int32, uint32, uint16 and int64 values are JSON integers;
 //   - binary values are base64 text;
