@@ -67,9 +67,10 @@ void CheckRows(cs::Object *owner, uint32_t tableIndex, uint32_t version,
     } catch (...) {
     }
     if (status != 0) {
-      out->push_back({key, std::string("\"") + args.name + "\" (kind " +
-                                       std::to_string(kind) + ") does not load",
-                      status});
+      out->push_back(
+          {key,
+           std::string("\"") + args.name + "\" (kind " + std::to_string(kind) + ") does not load",
+           status});
     }
     return status == 0;
   };
@@ -84,14 +85,19 @@ void CheckRows(cs::Object *owner, uint32_t tableIndex, uint32_t version,
       out->push_back({where + key, "path does not resolve", resolved});
       return;
     }
-    const LoadArgs args{owner, parent, RowKey(*row), list.get(), row->name, row->flags,
-                        tableIndex, version};
+    const LoadArgs args{owner,     parent,     RowKey(*row), list.get(),
+                        row->name, row->flags, tableIndex,   version};
     if (!run(args, row->kind, where + key)) return;
   }
   if (tableIndex == kTablePort && resourceManagement != nullptr) {
-    const LoadArgs args{owner,      resourceManagement, "traffic_resources",
-                        list.get(), "com.zorlan.common.port.respools.cfg",
-                        kLibraryType, tableIndex, version};
+    const LoadArgs args{owner,
+                        resourceManagement,
+                        "traffic_resources",
+                        list.get(),
+                        "com.zorlan.common.port.respools.cfg",
+                        kLibraryType,
+                        tableIndex,
+                        version};
     run(args, kKindPortResourcePools, "resource_management/traffic_resources");
   }
 }
@@ -149,8 +155,8 @@ uint32_t DescribeProperty(uint32_t tableIndex, const char *className, uint32_t v
   }
   // Conversions are run whatever the type word: a property a save would
   // pass over still shows what it holds.
-  const uint32_t status = SavePropToConfigStore(owner, name, value, length, tableIndex,
-                                                kPersistTypeBits);
+  const uint32_t status =
+      SavePropToConfigStore(owner, name, value, length, tableIndex, kPersistTypeBits);
   if (status != 0) return status;
   char *text = nullptr;
   if (int s = cs::ExportObjectJson(owner, &text); s != cs::kOk) return Status(s);
@@ -165,7 +171,8 @@ std::vector<ObjectProblem> CheckSwitchObject(cs::Object *object) {
     out.push_back({key, std::string(status == kAbsent ? "no " : "unreadable ") + what, status});
   };
   char *raw = nullptr;
-  if (int s = cs::GetValueStr(object, "uuid", &raw); s != cs::kOk) missing("uuid", "uuid", Status(s));
+  if (int s = cs::GetValueStr(object, "uuid", &raw); s != cs::kOk)
+    missing("uuid", "uuid", Status(s));
   std::free(raw);
   raw = nullptr;
   cs::Object *product = nullptr;

@@ -64,12 +64,15 @@ Bytes Record(size_t size, std::initializer_list<std::pair<size_t, Bytes>> parts)
 Bytes Str(const std::string &s) { return Bytes(s.begin(), s.end()); }
 
 // Teaming: policy, two active uplinks by name.
-const Bytes kTeaming = Record(2616, {{0, U32(1)}, {16, U32(2)}, {24, Str("uplink1")}, {105, Str("uplink2")}});
+const Bytes kTeaming =
+    Record(2616, {{0, U32(1)}, {16, U32(2)}, {24, Str("uplink1")}, {105, Str("uplink2")}});
 // IPFIX: timeouts, an IPv4 collector and its port.
-const Bytes kIpfix = Record(36, {{0, U32(60)}, {4, U32(300)}, {8, {10, 0, 0, 9}}, {24, {0x83, 0x12}}});
+const Bytes kIpfix =
+    Record(36, {{0, U32(60)}, {4, U32(300)}, {8, {10, 0, 0, 9}}, {24, {0x83, 0x12}}});
 // Mirror sessions: a table header (magic, version, one session) and the session.
-const Bytes kMirror = Cat({Record(20, {{0, U32(0xFACEBEEF)}, {4, U32(1)}, {8, U32(1)}}),
-                           Record(232, {{0, Str("s1")}, {32, Str("span-1")}, {116, U32(1)}, {120, U32(0xFFFFFFFF)}})});
+const Bytes kMirror = Cat(
+    {Record(20, {{0, U32(0xFACEBEEF)}, {4, U32(1)}, {8, U32(1)}}),
+     Record(232, {{0, Str("s1")}, {32, Str("span-1")}, {116, U32(1)}, {120, U32(0xFFFFFFFF)}})});
 
 std::vector<Switch> Fixture() {
   Switch blue{"sw-blue", "vswitch", 7, 4096, {}, {}, {}};
@@ -93,7 +96,8 @@ std::vector<Switch> Fixture() {
                  {{"com.zorlan.common.port.alias", Text("vm-a")},
                   {"com.zorlan.common.port.connectid", U32(0x1001)},
                   {"com.zorlan.common.port.block", Text("false")},
-                  {"com.zorlan.common.port.shaper.input", Cat({U32(1), U32(0), U32(2), U32(0), U32(3), U32(0)})}}},
+                  {"com.zorlan.common.port.shaper.input",
+                   Cat({U32(1), U32(0), U32(2), U32(0), U32(3), U32(0)})}}},
                 {"p2", {{"com.zorlan.common.port.alias", Text("vm-b")}}}};
   Switch green{"sw-green", "etherswitch", 6, 4096, {}, {}, {}};
   green.global = {{"com.zorlan.common.alias", Text("green-net")},
@@ -109,8 +113,10 @@ void *Malloc(uint64_t n) { return std::malloc(n); }
 Bytes Encode(const std::vector<std::pair<std::string, Bytes>> &entries, const Props &props = {}) {
   PropertyList *list = nullptr;
   ZELData_Alloc(&list, Malloc, std::free);
-  for (const auto &[name, value] : entries) ZELData_Append(list, name.c_str(), value.data(), uint32_t(value.size()), 16);
-  for (const Prop &p : props) ZELData_Append(list, p.name.c_str(), p.value.data(), uint32_t(p.value.size()), p.type);
+  for (const auto &[name, value] : entries)
+    ZELData_Append(list, name.c_str(), value.data(), uint32_t(value.size()), 16);
+  for (const Prop &p : props)
+    ZELData_Append(list, p.name.c_str(), p.value.data(), uint32_t(p.value.size()), p.type);
   void *buffer = nullptr;
   uint32_t length = 0;
   ZELData_Serialize(list, &buffer, &length, 5);
@@ -124,10 +130,11 @@ Bytes Encode(const std::vector<std::pair<std::string, Bytes>> &entries, const Pr
 Bytes Blob(const std::vector<Switch> &switches) {
   std::vector<std::pair<std::string, Bytes>> outer;
   for (const Switch &sw : switches) {
-    std::vector<std::pair<std::string, Bytes>> fields = {
-        {"switchVersion", U32(sw.version)}, {"className", Text(sw.cls, 128)},
-        {"maxPorts", U32(sw.maxPorts)},     {"globalPropList", Encode({}, sw.global)},
-        {"hostPropList", Encode({}, sw.host)}};
+    std::vector<std::pair<std::string, Bytes>> fields = {{"switchVersion", U32(sw.version)},
+                                                         {"className", Text(sw.cls, 128)},
+                                                         {"maxPorts", U32(sw.maxPorts)},
+                                                         {"globalPropList", Encode({}, sw.global)},
+                                                         {"hostPropList", Encode({}, sw.host)}};
     for (const Port &p : sw.ports) fields.push_back({p.id, Encode({}, p.props)});
     outer.push_back({sw.id, Encode(fields)});
   }
@@ -144,7 +151,8 @@ Bytes ReadFile(const std::string &path) {
   return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
 }
 void WriteFile(const std::string &path, const Bytes &b) {
-  std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(b.data()), std::streamsize(b.size()));
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char *>(b.data()), std::streamsize(b.size()));
 }
 std::string ReadText(const std::string &path) {
   const Bytes b = ReadFile(path);
@@ -170,8 +178,8 @@ class ZelctlTest : public ::testing::Test {
   Result Run(const std::string &args, const std::string &input = "") {
     const std::string err = Path("stderr"), in = Path("stdin");
     WriteFile(in, Bytes(input.begin(), input.end()));
-    const std::string cmd = "cd '" + dir_ + "' && ZEL_CONFIGSTORE_PATH='" + Path("default.db") + "' " +
-                            ZELCTL_PATH + " " + args + " <'" + in + "' 2>'" + err + "'";
+    const std::string cmd = "cd '" + dir_ + "' && ZEL_CONFIGSTORE_PATH='" + Path("default.db") +
+                            "' " + ZELCTL_PATH + " " + args + " <'" + in + "' 2>'" + err + "'";
     FILE *p = popen(cmd.c_str(), "r");
     std::string out;
     char buf[4096];
@@ -192,7 +200,8 @@ class ZelctlTest : public ::testing::Test {
 // Compares with a golden file beside this source; ZELCTL_GOLDEN=update rewrites it.
 void ExpectGolden(const std::string &actual, const std::string &name) {
   const std::string path = std::string(ZELCTL_GOLDEN_DIR) + "/" + name;
-  if (const char *mode = std::getenv("ZELCTL_GOLDEN"); mode != nullptr && std::string(mode) == "update") {
+  if (const char *mode = std::getenv("ZELCTL_GOLDEN");
+      mode != nullptr && std::string(mode) == "update") {
     std::ofstream(path) << actual;
   }
   EXPECT_EQ(actual, ReadText(path)) << "golden file " << path;
@@ -236,13 +245,29 @@ TEST_F(ZelctlTest, VerifyReportsEachDamageAtItsOffset) {
   };
   const Row rows[] = {
       {"intact", [](Bytes b) { return b; }, "ok"},
-      {"flipped byte in a port list", [&](Bytes b) { b[at + 153] ^= 0x40; return b; },
+      {"flipped byte in a port list",
+       [&](Bytes b) {
+         b[at + 153] ^= 0x40;
+         return b;
+       },
        "at byte " + std::to_string(at + 4) + ": switch sw-blue, port p2: checksum"},
-      {"cut file", [](Bytes b) { b.resize(512); return b; },
+      {"cut file",
+       [](Bytes b) {
+         b.resize(512);
+         return b;
+       },
        "at byte 0: state: its header says " + std::to_string(size) + " bytes, only 512 are there"},
-      {"extra block of padding", [](Bytes b) { b.resize(b.size() + 512, 0); return b; },
+      {"extra block of padding",
+       [](Bytes b) {
+         b.resize(b.size() + 512, 0);
+         return b;
+       },
        "at byte " + std::to_string(good.size()) + ": 512 bytes after the state's"},
-      {"length not a multiple of 512", [](Bytes b) { b.resize(1000); return b; },
+      {"length not a multiple of 512",
+       [](Bytes b) {
+         b.resize(1000);
+         return b;
+       },
        "at byte 1000: length 1000 is not a multiple of 512"},
   };
   for (const Row &r : rows) {
@@ -265,7 +290,11 @@ TEST_F(ZelctlTest, DiffFindsEachChange) {
   };
   const Row rows[] = {
       {"no change", [](auto &) {}, {"equal"}},
-      {"port added", [](auto &s) { s[0].ports.push_back({"p3", {}}); }, {"only in B: switch sw-blue port p3"}},
+      {"port added",
+       [](auto &s) {
+         s[0].ports.push_back({"p3", {}});
+       },
+       {"only in B: switch sw-blue port p3"}},
       {"switch removed", [](auto &s) { s.pop_back(); }, {"only in A: switch sw-green"}},
       {"one policy field changed",
        [](auto &s) {
@@ -274,7 +303,8 @@ TEST_F(ZelctlTest, DiffFindsEachChange) {
          }
        },
        {"switch sw-blue global: com.zorlan.common.teamcheck.deploy differs",
-        "  A: health_checks[\"TEAMING\"]/interval = 30", "  B: health_checks[\"TEAMING\"]/interval = 45"}},
+        "  A: health_checks[\"TEAMING\"]/interval = 30",
+        "  B: health_checks[\"TEAMING\"]/interval = 45"}},
   };
   for (const Row &r : rows) {
     SCOPED_TRACE(r.what);
@@ -282,7 +312,8 @@ TEST_F(ZelctlTest, DiffFindsEachChange) {
     r.change(fx);
     const Result res = Run("diff " + a + " " + StateFile("b", fx));
     EXPECT_EQ(res.rc, r.lines[0] == "equal" ? 0 : 1) << res.err;
-    for (const std::string &line : r.lines) EXPECT_NE(res.out.find(line + "\n"), std::string::npos) << res.out;
+    for (const std::string &line : r.lines)
+      EXPECT_NE(res.out.find(line + "\n"), std::string::npos) << res.out;
     const auto doc = nlohmann::json::parse(Run("diff --json " + a + " file:b").out);
     EXPECT_EQ(doc["equal"], r.lines[0] == "equal");
   }
@@ -321,11 +352,17 @@ TEST_F(ZelctlTest, StoreCheckNamesObjectsALoadFailsOn) {
   const std::string green = Run("store --db s.db get switches network_zel orn sw-green").out;
   auto noVersion = nlohmann::json::parse(green);
   noVersion["product"].erase("version");
-  ASSERT_EQ(Run("store --db s.db put switches network_zel orn sw-green '" + noVersion.dump() + "'").rc, 0);
-  ASSERT_EQ(Run("store --db s.db put switches network_zel orn sw-gray '{\"uuid\":\"sw-gray\"}'").rc, 0);
+  ASSERT_EQ(
+      Run("store --db s.db put switches network_zel orn sw-green '" + noVersion.dump() + "'").rc,
+      0);
+  ASSERT_EQ(Run("store --db s.db put switches network_zel orn sw-gray '{\"uuid\":\"sw-gray\"}'").rc,
+            0);
   // Corrupt content can only come from outside the client: written by hand.
-  ASSERT_EQ(std::system(("sqlite3 '" + Path("s.db") + "' \"UPDATE objects SET content='{\\\"uuid\\\":' "
-                         "WHERE instance='sw-blue'\"").c_str()), 0);
+  ASSERT_EQ(std::system(("sqlite3 '" + Path("s.db") +
+                         "' \"UPDATE objects SET content='{\\\"uuid\\\":' "
+                         "WHERE instance='sw-blue'\"")
+                            .c_str()),
+            0);
   const Result res = Run("store check --db s.db");
   EXPECT_EQ(res.rc, 1);
   EXPECT_NE(res.out.find("sw-blue: unparsable content"), std::string::npos) << res.out;
@@ -343,7 +380,8 @@ TEST_F(ZelctlTest, BadInputGivesExitTwoAndWritesNothing) {
   const Row rows[] = {
       {"show nosuch:x", "zelctl: nosuch:x: unknown source"},
       {"show file:missing", "zelctl: file:missing: No such file"},
-      {"show file:short", "zelctl: file:short: not a state file: length 1000 is not a multiple of 512"},
+      {"show file:short",
+       "zelctl: file:short: not a state file: length 1000 is not a multiple of 512"},
       {"show blob:short", "zelctl: blob:short: not a state: at byte 0"},
       {"show store:missing.db", "zelctl: store:missing.db: No such file"},
       {"show store:dir.db", "zelctl: store:dir.db: "},

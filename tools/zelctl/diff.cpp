@@ -27,14 +27,16 @@ class Differ {
   std::vector<std::string> leftOut;  // properties set aside, as "switch list name"
 
   void States(const State &a, const State &b) {
-    Pair(a.switches, b.switches, [](const Switch &s) { return s.id; },
-         [&](const Switch *x, const Switch *y) {
-           if (x == nullptr || y == nullptr) {
-             out.push_back({(x ? x : y)->id, "", "", "", x ? Json(true) : Json(), y ? Json(true) : Json()});
-           } else {
-             Switches(*x, *y);
-           }
-         });
+    Pair(
+        a.switches, b.switches, [](const Switch &s) { return s.id; },
+        [&](const Switch *x, const Switch *y) {
+          if (x == nullptr || y == nullptr) {
+            out.push_back(
+                {(x ? x : y)->id, "", "", "", x ? Json(true) : Json(), y ? Json(true) : Json()});
+          } else {
+            Switches(*x, *y);
+          }
+        });
   }
 
  private:
@@ -67,14 +69,16 @@ class Differ {
     Field(x, "maxPorts", x.maxPorts, y.maxPorts);
     Props(x.id, "", "global", x.global, y.global);
     Props(x.id, "", "host", x.host, y.host);
-    Pair(x.ports, y.ports, [](const Port &p) { return p.id; },
-         [&](const Port *p, const Port *q) {
-           if (p == nullptr || q == nullptr) {
-             out.push_back({x.id, (p ? p : q)->id, "", "", p ? Json(true) : Json(), q ? Json(true) : Json()});
-           } else {
-             Props(x.id, p->id, "port", p->props, q->props);
-           }
-         });
+    Pair(
+        x.ports, y.ports, [](const Port &p) { return p.id; },
+        [&](const Port *p, const Port *q) {
+          if (p == nullptr || q == nullptr) {
+            out.push_back(
+                {x.id, (p ? p : q)->id, "", "", p ? Json(true) : Json(), q ? Json(true) : Json()});
+          } else {
+            Props(x.id, p->id, "port", p->props, q->props);
+          }
+        });
   }
 
   // What is compared of a property.
@@ -85,7 +89,8 @@ class Differ {
     return j;
   }
 
-  std::vector<Prop> Carried(const std::string &sw, const std::string &list, const std::vector<Prop> &props) {
+  std::vector<Prop> Carried(const std::string &sw, const std::string &list,
+                            const std::vector<Prop> &props) {
     std::vector<Prop> out;
     for (const Prop &p : props) {
       if (!storeSide_ || (p.type & kPersistTypeBits) != 0) {
@@ -100,13 +105,14 @@ class Differ {
   void Props(const std::string &sw, const std::string &port, const std::string &list,
              const std::vector<Prop> &a, const std::vector<Prop> &b) {
     const std::string where = port.empty() ? list : "port " + port;
-    Pair(Carried(sw, where, a), Carried(sw, where, b), [](const Prop &p) { return p.name; },
-         [&](const Prop *p, const Prop *q) {
-           if (p == nullptr || q == nullptr || Compared(*p) != Compared(*q)) {
-             out.push_back({sw, port, list, (p ? p : q)->name, p ? PropJson(*p) : Json(),
-                            q ? PropJson(*q) : Json()});
-           }
-         });
+    Pair(
+        Carried(sw, where, a), Carried(sw, where, b), [](const Prop &p) { return p.name; },
+        [&](const Prop *p, const Prop *q) {
+          if (p == nullptr || q == nullptr || Compared(*p) != Compared(*q)) {
+            out.push_back({sw, port, list, (p ? p : q)->name, p ? PropJson(*p) : Json(),
+                           q ? PropJson(*q) : Json()});
+          }
+        });
   }
 };
 
@@ -158,11 +164,18 @@ Json DiffJson(const State &a, const State &b, const Differ &d) {
   Json list = Json::array();
   for (const Difference &x : d.out) {
     auto orNull = [](const std::string &s) { return s.empty() ? Json() : Json(s); };
-    list.push_back(Json{{"switch", x.switchId}, {"port", orNull(x.port)}, {"list", orNull(x.list)},
-                        {"name", orNull(x.name)}, {"a", x.a}, {"b", x.b}});
+    list.push_back(Json{{"switch", x.switchId},
+                        {"port", orNull(x.port)},
+                        {"list", orNull(x.list)},
+                        {"name", orNull(x.name)},
+                        {"a", x.a},
+                        {"b", x.b}});
   }
-  return Json{{"a", a.source.spec}, {"b", b.source.spec}, {"equal", d.out.empty()},
-              {"leftOut", d.leftOut}, {"differences", list}};
+  return Json{{"a", a.source.spec},
+              {"b", b.source.spec},
+              {"equal", d.out.empty()},
+              {"leftOut", d.leftOut},
+              {"differences", list}};
 }
 
 int Diff(const std::string &specA, const std::string &specB, bool json) {
@@ -194,8 +207,9 @@ void AddDiff(CLI::App &app) {
   auto specs = std::make_shared<std::vector<std::string>>();
   auto json = std::make_shared<bool>(false);
   auto *cmd = app.add_subcommand(
-      "diff", "compare two sources switch by switch, port by port and property by property, by "
-              "decoded value; exit 0 when equal, 1 when not");
+      "diff",
+      "compare two sources switch by switch, port by port and property by property, by "
+      "decoded value; exit 0 when equal, 1 when not");
   cmd->add_option("A B", *specs, "the two sources (file:, blob:, store[:], desired[:], kernel)")
       ->required()
       ->expected(2);

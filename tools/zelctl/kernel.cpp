@@ -1,12 +1,13 @@
 // zelctl kernel: the kernel switch module through the library's device
 // channel, as every agent reaches it: its persistable state, its whole
 // state, its counters, and a stored state handed back to it.
+#include "zel/kernel.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
 #include "tools/zelctl/zelctl.h"
-#include "zel/kernel.h"
 
 namespace zelctl {
 
@@ -52,8 +53,8 @@ int Restore(const std::string &spec) {
   const Bytes blob = ReadState(source);
   const size_t switches = DecodeState(source, blob).switches.size();
   ReturnStatus status = STATUS_OK;
-  const std::string said = Quietly(
-      [&] { status = ZELPYX_StateInit(blob.data(), static_cast<uint32_t>(blob.size())); });
+  const std::string said =
+      Quietly([&] { status = ZELPYX_StateInit(blob.data(), static_cast<uint32_t>(blob.size())); });
   if (status != STATUS_OK) KernelFailure("restore", said, status);
   std::printf("restored %zu switch%s from %s\n", switches, switches == 1 ? "" : "es", spec.c_str());
   return kExitOk;
@@ -65,9 +66,11 @@ void AddKernel(CLI::App &app) {
   auto *kernel = app.add_subcommand("kernel", "the kernel switch module, through its device");
   kernel->require_subcommand(1);
   auto show = std::make_shared<ShowOptions>();
-  auto *cmd = kernel->add_subcommand("show", "show the module's persistable state (as show kernel)");
+  auto *cmd =
+      kernel->add_subcommand("show", "show the module's persistable state (as show kernel)");
   AddShowOptions(cmd, *show, false);
-  cmd->callback([show] { g_exit = Show(LoadState("kernel"), show->switchId, show->portId, show->json); });
+  cmd->callback(
+      [show] { g_exit = Show(LoadState("kernel"), show->switchId, show->portId, show->json); });
   auto state = std::make_shared<ShowOptions>();
   cmd = kernel->add_subcommand("state", "show the module's whole state, volatile parts included");
   AddShowOptions(cmd, *state, false);
@@ -77,8 +80,10 @@ void AddKernel(CLI::App &app) {
   cmd->add_option("--switch", *switchId, "the counters of one switch");
   cmd->callback([switchId] { g_exit = Stats(*switchId); });
   auto from = std::make_shared<std::string>();
-  cmd = kernel->add_subcommand("restore", "hand a stored state to the module (it takes its state from it)");
-  cmd->add_option("SOURCE", *from, "file:PATH, blob:PATH, store[:DBPATH] or desired[:DBPATH]")->required();
+  cmd = kernel->add_subcommand("restore",
+                               "hand a stored state to the module (it takes its state from it)");
+  cmd->add_option("SOURCE", *from, "file:PATH, blob:PATH, store[:DBPATH] or desired[:DBPATH]")
+      ->required();
   cmd->callback([from] { g_exit = Restore(*from); });
 }
 

@@ -21,15 +21,17 @@ void Fail(const std::string &what, const std::string &why) { throw Failure{what,
 
 int main(int argc, char **argv) {
   using namespace zelctl;
-  CLI::App app{"zelctl: look inside, check, compare and move the distributed switch state.\n"
-               "SOURCE is file:PATH (a state file), blob:PATH (a bare state blob), "
-               "store[:DBPATH] (the configuration store's current layer), desired[:DBPATH] "
-               "(its user-configured layer) or kernel (the kernel module's persistable state)."};
+  CLI::App app{
+      "zelctl: look inside, check, compare and move the distributed switch state.\n"
+      "SOURCE is file:PATH (a state file), blob:PATH (a bare state blob), "
+      "store[:DBPATH] (the configuration store's current layer), desired[:DBPATH] "
+      "(its user-configured layer) or kernel (the kernel module's persistable state)."};
   app.name("zelctl");
-  app.footer("Exit status: 0 success; 1 a negative answer (verify found a problem, diff found "
-             "differences, store check found objects a load fails on); 2 a usage or input error, "
-             "reported on standard error as \"zelctl: WHAT: WHY\".  --help-all shows every "
-             "subcommand's options.");
+  app.footer(
+      "Exit status: 0 success; 1 a negative answer (verify found a problem, diff found "
+      "differences, store check found objects a load fails on); 2 a usage or input error, "
+      "reported on standard error as \"zelctl: WHAT: WHY\".  --help-all shows every "
+      "subcommand's options.");
   app.set_version_flag("--version", "zelctl 0.1");
   app.set_help_all_flag("--help-all", "print the help of every subcommand and exit");
   app.add_flag("--verbose", g_verbose, "let the library's own diagnostics through");

@@ -15,7 +15,8 @@ namespace {
 
 void WriteFile(const Source &to, const Bytes &blob) {
   zel::host::SetConfigStoreFeatures(false, false);
-  const ReturnStatus status = ZELFile_Write(to.path.c_str(), blob.data(), static_cast<uint32_t>(blob.size()));
+  const ReturnStatus status =
+      ZELFile_Write(to.path.c_str(), blob.data(), static_cast<uint32_t>(blob.size()));
   if (status != STATUS_OK) {
     Fail(to.spec, "not written: " + StatusText(status) + "; the file is as it was");
   }
@@ -23,7 +24,8 @@ void WriteFile(const Source &to, const Bytes &blob) {
 
 void WriteStore(const Source &to, const Bytes &blob) {
   UseStore(to, false);
-  const uint32_t status = ZELState_SaveBufToConfigStore(blob.data(), static_cast<uint32_t>(blob.size()));
+  const uint32_t status =
+      ZELState_SaveBufToConfigStore(blob.data(), static_cast<uint32_t>(blob.size()));
   if (status != 0) {
     Fail(to.spec, "not saved: " + StoreStatusText(status) + "; the store is as it was");
   }
@@ -53,8 +55,9 @@ void AddMigrate(CLI::App &app) {
   auto from = std::make_shared<std::string>();
   auto to = std::make_shared<std::string>();
   auto *cmd = app.add_subcommand(
-      "migrate", "move the state from FROM to TO (a state file or the store, either way), only "
-                 "after FROM verifies; a failure leaves TO as it was");
+      "migrate",
+      "move the state from FROM to TO (a state file or the store, either way), only "
+      "after FROM verifies; a failure leaves TO as it was");
   cmd->add_option("FROM", *from, "file:PATH, blob:PATH, store[:DBPATH], desired[:DBPATH] or kernel")
       ->required();
   cmd->add_option("TO", *to, "file:PATH or store[:DBPATH]")->required();

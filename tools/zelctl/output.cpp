@@ -46,8 +46,8 @@ Json PropsJson(const std::vector<Prop> &props) {
 void PrintProps(const char *title, const std::vector<Prop> &props) {
   std::printf("  %s (%zu)\n", title, props.size());
   for (const Prop &p : props) {
-    std::printf("    %s: type %u, %u byte%s%s\n", p.name.c_str(), p.type, p.length, p.length == 1 ? "" : "s",
-                p.kind < 0 ? ", no row of its own" : "");
+    std::printf("    %s: type %u, %u byte%s%s\n", p.name.c_str(), p.type, p.length,
+                p.length == 1 ? "" : "s", p.kind < 0 ? ", no row of its own" : "");
     if (!p.error.empty()) std::printf("      %s\n", p.error.c_str());
     for (const std::string &line : ValueLines(p, true)) std::printf("      %s\n", line.c_str());
   }
@@ -116,13 +116,22 @@ std::string StatusText(uint32_t status) {
 }
 
 std::string StoreStatusText(uint32_t status) {
-  static const char *const kTexts[] = {
-      "ok",           "internal failure", "bad argument",   "type mismatch",
-      "out of range", "no memory",        "not found",      "storage error",
-      "busy",         "corrupt stored content", "transaction state", "instance-id conflict"};
+  static const char *const kTexts[] = {"ok",
+                                       "internal failure",
+                                       "bad argument",
+                                       "type mismatch",
+                                       "out of range",
+                                       "no memory",
+                                       "not found",
+                                       "storage error",
+                                       "busy",
+                                       "corrupt stored content",
+                                       "transaction state",
+                                       "instance-id conflict"};
   if (status == 0xFFFFFFFFu) return "refused by the library (-1)";
   if (status < std::size(kTexts)) {
-    return std::string(kTexts[status]) + " (configuration-store status " + std::to_string(status) + ")";
+    return std::string(kTexts[status]) + " (configuration-store status " + std::to_string(status) +
+           ")";
   }
   return StatusText(status);
 }
@@ -141,7 +150,8 @@ int Show(const State &state, const std::string &switchId, const std::string &por
   }
   if (json) PrintJson(doc);
   if (!found) {
-    std::fprintf(stderr, "zelctl: %s: no switch \"%s\"\n", state.source.spec.c_str(), switchId.c_str());
+    std::fprintf(stderr, "zelctl: %s: no switch \"%s\"\n", state.source.spec.c_str(),
+                 switchId.c_str());
     return kExitNo;
   }
   return kExitOk;
@@ -160,9 +170,10 @@ void AddShowOptions(CLI::App *cmd, ShowOptions &o, bool withSource) {
 
 void AddShow(CLI::App &app) {
   auto o = std::make_shared<ShowOptions>();
-  auto *cmd = app.add_subcommand(
-      "show", "every switch of a source with class, version, maxPorts, alias, and every "
-              "global, host and port property decoded through its mapping row");
+  auto *cmd =
+      app.add_subcommand("show",
+                         "every switch of a source with class, version, maxPorts, alias, and every "
+                         "global, host and port property decoded through its mapping row");
   AddShowOptions(cmd, *o, true);
   cmd->callback([o] { g_exit = Show(LoadState(o->source), o->switchId, o->portId, o->json); });
 }

@@ -49,8 +49,8 @@ Bytes ReadStateFile(const Source &s) {
   if (status == STATUS_IO_ERROR) {
     struct stat st {};
     stat(s.path.c_str(), &st);
-    Fail(s.spec, "not a state file: length " + std::to_string(st.st_size) +
-                     " is not a multiple of 512");
+    Fail(s.spec,
+         "not a state file: length " + std::to_string(st.st_size) + " is not a multiple of 512");
   }
   if (status == STATUS_FILE_EMPTY) Fail(s.spec, "not a state file: empty");
   if (status != STATUS_OK) Fail(s.spec, "cannot be read: " + StatusText(status));
@@ -72,7 +72,8 @@ Bytes ReadStore(const Source &s) {
   cs::UseReadOnly(true);
   void *blob = nullptr;
   uint32_t length = 0;
-  const uint32_t status = ZELState_LoadFromConfigStoreAsBuf(&blob, &length, s.kind == Source::kDesired);
+  const uint32_t status =
+      ZELState_LoadFromConfigStoreAsBuf(&blob, &length, s.kind == Source::kDesired);
   cs::UseReadOnly(false);
   if (status != 0) Fail(s.spec, "cannot be loaded: " + StoreStatusText(status));
   Bytes out = Copy(blob, length);
@@ -137,18 +138,19 @@ Prop DecodeProp(const zel::sim::PropView &p, uint32_t table, const Switch &sw) {
   const bool catchAll = row == nullptr || row->kind == 22 || row->kind == 33;
   if (!catchAll) {
     out.kind = static_cast<int>(row->kind);
-    for (uint32_t i = 0; i < row->depth; ++i) out.path += (i ? "/" : "") + std::string(row->path[i]);
+    for (uint32_t i = 0; i < row->depth; ++i)
+      out.path += (i ? "/" : "") + std::string(row->path[i]);
     std::string json;
-    const uint32_t status = persist::DescribeProperty(
-        table, sw.className.c_str(), sw.version, p.name.c_str(), p.value.data(),
-        static_cast<uint32_t>(p.value.size()), &json);
+    const uint32_t status =
+        persist::DescribeProperty(table, sw.className.c_str(), sw.version, p.name.c_str(),
+                                  p.value.data(), static_cast<uint32_t>(p.value.size()), &json);
     if (status == 0) {
       out.value = Untagged(Json::parse(json));
       if (table == kTablePort) out.value.erase("key");
       return out;
     }
-    out.error = "does not convert (kind " + std::to_string(row->kind) + "): " +
-                StoreStatusText(status);
+    out.error =
+        "does not convert (kind " + std::to_string(row->kind) + "): " + StoreStatusText(status);
   }
   out.hex = Hex(p.value);
   return out;
@@ -198,8 +200,9 @@ Source ParseSource(const std::string &spec) {
   } else if (spec == "kernel") {
     s.kind = Source::kKernel;
   } else {
-    Fail(spec, "unknown source (expected file:PATH, blob:PATH, store[:DBPATH], "
-               "desired[:DBPATH] or kernel)");
+    Fail(spec,
+         "unknown source (expected file:PATH, blob:PATH, store[:DBPATH], "
+         "desired[:DBPATH] or kernel)");
   }
   return s;
 }
@@ -221,11 +224,19 @@ void UseStore(const Source &s, bool mustExist) {
 Bytes ReadState(const Source &s) {
   Bytes blob;
   switch (s.kind) {
-    case Source::kFile: blob = ReadStateFile(s); break;
-    case Source::kBlob: blob = ReadBlob(s); break;
+    case Source::kFile:
+      blob = ReadStateFile(s);
+      break;
+    case Source::kBlob:
+      blob = ReadBlob(s);
+      break;
     case Source::kStore:
-    case Source::kDesired: blob = ReadStore(s); break;
-    case Source::kKernel: blob = ReadKernel(s); break;
+    case Source::kDesired:
+      blob = ReadStore(s);
+      break;
+    case Source::kKernel:
+      blob = ReadKernel(s);
+      break;
   }
   if (auto problem = VerifyState(blob, s.kind == Source::kFile)) {
     Fail(s.spec, std::string(s.kind == Source::kFile ? "not a state file" : "not a state") +

@@ -59,7 +59,8 @@ std::vector<cs::Object *> List(cs::Store *store, const StoreOptions &o) {
   int n = 0;
   int s;
   if (o.desired) {
-    s = cs::GetDesiredUserConfigInstances(o.sel[0].c_str(), o.sel[1].c_str(), o.sel[2].c_str(), &objs, &n);
+    s = cs::GetDesiredUserConfigInstances(o.sel[0].c_str(), o.sel[1].c_str(), o.sel[2].c_str(),
+                                          &objs, &n);
   } else {
     cs::Filter *f = nullptr;
     s = cs::CreateFilterSpecObject(o.sel[0].c_str(), o.sel[1].c_str(), o.sel[2].c_str(), "", &f);
@@ -119,13 +120,16 @@ int Put(const StoreOptions &o) {
 int Delete(const StoreOptions &o) {
   StoreHandle h;
   Open(o, true, &h);
-  const char *s1 = o.sel[0].c_str(), *s2 = o.sel[1].c_str(), *s3 = o.sel[2].c_str(), *id = o.sel[3].c_str();
-  const int s = o.desired ? cs::DeleteDesired(h.store, s1, s2, s3, id) : cs::Delete(h.store, s1, s2, s3, id);
+  const char *s1 = o.sel[0].c_str(), *s2 = o.sel[1].c_str(), *s3 = o.sel[2].c_str(),
+             *id = o.sel[3].c_str();
+  const int s =
+      o.desired ? cs::DeleteDesired(h.store, s1, s2, s3, id) : cs::Delete(h.store, s1, s2, s3, id);
   if (s == cs::kNotFound) {
     std::fprintf(stderr, "zelctl: store delete: %s: no such object\n", Name(o, true).c_str());
     return kExitNo;
   }
-  if (s != cs::kOk) Fail("store delete: " + Name(o, true), StoreStatusText(static_cast<uint32_t>(s)));
+  if (s != cs::kOk)
+    Fail("store delete: " + Name(o, true), StoreStatusText(static_cast<uint32_t>(s)));
   return kExitOk;
 }
 
@@ -143,10 +147,11 @@ std::vector<Row> SwitchRows(const std::string &path, bool desired) {
   int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr);
   sqlite3_stmt *st = nullptr;
   if (rc == SQLITE_OK) {
-    rc = sqlite3_prepare_v2(db,
-                            "SELECT instance, content FROM objects WHERE layer=?1 AND "
-                            "sel1='switches' AND sel2='network_zel' AND sel3='orn' ORDER BY instance",
-                            -1, &st, nullptr);
+    rc = sqlite3_prepare_v2(
+        db,
+        "SELECT instance, content FROM objects WHERE layer=?1 AND "
+        "sel1='switches' AND sel2='network_zel' AND sel3='orn' ORDER BY instance",
+        -1, &st, nullptr);
   }
   if (rc == SQLITE_OK) {
     sqlite3_bind_text(st, 1, desired ? "desired" : "current", -1, SQLITE_STATIC);
@@ -172,13 +177,14 @@ int Check(const StoreOptions &o) {
   std::map<std::string, std::string> uuids;  // uuid -> instance that has it
   size_t problems = 0;
   auto report = [&](const std::string &instance, const std::string &key, const std::string &why) {
-    std::printf("%s: %s%s\n", instance.c_str(), key.empty() ? "" : (key + ": ").c_str(), why.c_str());
+    std::printf("%s: %s%s\n", instance.c_str(), key.empty() ? "" : (key + ": ").c_str(),
+                why.c_str());
     ++problems;
   };
   for (const Row &row : rows) {
     cs::Object *obj = nullptr;
-    if (cs::CreateObject("switches", "network_zel", "orn", row.instance.c_str(), row.content.c_str(),
-                         &obj) != cs::kOk) {
+    if (cs::CreateObject("switches", "network_zel", "orn", row.instance.c_str(),
+                         row.content.c_str(), &obj) != cs::kOk) {
       report(row.instance, "", "unparsable content: no load gets past it");
       continue;
     }
@@ -189,7 +195,8 @@ int Check(const StoreOptions &o) {
     if (cs::GetValueStr(obj, "uuid", &raw) == cs::kOk) {
       const std::string uuid = Owned(raw);
       auto [it, fresh] = uuids.emplace(uuid, row.instance);
-      if (!fresh) report(row.instance, "uuid", "\"" + uuid + "\" is also the uuid of " + it->second);
+      if (!fresh)
+        report(row.instance, "uuid", "\"" + uuid + "\" is also the uuid of " + it->second);
     }
     cs::DestroyConfigStoreObject(obj);
   }
@@ -207,8 +214,9 @@ int Check(const StoreOptions &o) {
 void AddStore(CLI::App &app) {
   auto o = std::make_shared<StoreOptions>();
   auto *store = app.add_subcommand("store", "the configuration store's objects");
-  store->add_option("--db", o->db,
-                    "database file (default: $ZEL_CONFIGSTORE_PATH or " + std::string(cs::kDefaultPath) + ")");
+  store->add_option(
+      "--db", o->db,
+      "database file (default: $ZEL_CONFIGSTORE_PATH or " + std::string(cs::kDefaultPath) + ")");
   store->add_flag("--desired", o->desired, "use the desired (user-configured) layer");
   store->require_subcommand(1);
   auto sel = std::make_shared<std::vector<std::string>>(4);
@@ -228,7 +236,8 @@ void AddStore(CLI::App &app) {
   auto *get = store->add_subcommand("get", "print an object's content");
   selectors(get, true);
   get->callback(run([](const StoreOptions &x) { return Print(x, true); }));
-  auto *list = store->add_subcommand("list", "print every object under three selectors, one \"ID<TAB>JSON\" line each");
+  auto *list = store->add_subcommand(
+      "list", "print every object under three selectors, one \"ID<TAB>JSON\" line each");
   selectors(list, false);
   list->callback(run([](const StoreOptions &x) { return Print(x, false); }));
   auto *put = store->add_subcommand("put", "write an object from JSON content in the stored form");
@@ -239,8 +248,9 @@ void AddStore(CLI::App &app) {
   selectors(del, true);
   del->callback(run(Delete));
   auto *check = store->add_subcommand(
-      "check", "list every stored switch object a load would fail on, with the key and the "
-               "reason; exit 1 when any");
+      "check",
+      "list every stored switch object a load would fail on, with the key and the "
+      "reason; exit 1 when any");
   check->fallthrough();
   check->callback(run(Check));
 }

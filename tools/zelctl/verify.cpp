@@ -46,14 +46,17 @@ class Verifier {
       return Bad(off, what + ": " + std::to_string(avail) + " bytes, a list takes at least 16");
     }
     const uint32_t size = U32(off);
-    if (size < kMinList) return Bad(off, what + ": size " + std::to_string(size) + " in its header, at least 16 expected");
+    if (size < kMinList)
+      return Bad(off,
+                 what + ": size " + std::to_string(size) + " in its header, at least 16 expected");
     if (size > avail) {
       return Bad(off, what + ": its header says " + std::to_string(size) + " bytes, only " +
                           std::to_string(avail) + " are there");
     }
     uint16_t version = 0;
     std::memcpy(&version, &d_[off + 8], 2);
-    if (version != 1) return Bad(off + 8, what + ": format version " + std::to_string(version) + ", 1 expected");
+    if (version != 1)
+      return Bad(off + 8, what + ": format version " + std::to_string(version) + ", 1 expected");
     uint64_t pos = off + data::kHeaderSize;
     uint64_t remaining = size - data::kHeaderSize;
     for (;;) {
@@ -123,7 +126,8 @@ class Verifier {
       }
       for (const char *required :
            {"switchVersion", "className", "maxPorts", "globalPropList", "hostPropList"}) {
-        if (seen.count(required) == 0) return Bad(sw.value, what + ": no \"" + std::string(required) + "\" entry");
+        if (seen.count(required) == 0)
+          return Bad(sw.value, what + ": no \"" + std::string(required) + "\" entry");
       }
       return true;
     });
@@ -134,7 +138,8 @@ class Verifier {
     if (!List(0, avail, "state", &switches)) return false;
     std::set<std::string> ids;
     for (const Entry &sw : switches) {
-      if (!ids.insert(sw.name).second) return Bad(sw.offset, "switch " + sw.name + " appears twice");
+      if (!ids.insert(sw.name).second)
+        return Bad(sw.offset, "switch " + sw.name + " appears twice");
       if (!Switch(sw)) return false;
     }
     return Sum(0, "state");
@@ -161,10 +166,10 @@ std::optional<Problem> VerifyState(const Bytes &d, bool file) {
   const uint32_t size = data::LoadU32(d.data());
   const uint64_t expected = file ? (size + kBlock - 1) / kBlock * kBlock : size;
   if (d.size() != expected) {
-    return Problem{expected, std::to_string(d.size() - expected) + " bytes after the state's " +
-                                 std::to_string(size) +
-                                 (file ? " bytes and their filler to the next multiple of 512"
-                                       : " bytes")};
+    return Problem{expected,
+                   std::to_string(d.size() - expected) + " bytes after the state's " +
+                       std::to_string(size) +
+                       (file ? " bytes and their filler to the next multiple of 512" : " bytes")};
   }
   return std::nullopt;
 }
@@ -179,8 +184,8 @@ int Verify(const std::vector<std::string> &paths, bool blob) {
     const Bytes d((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
     if (in.bad()) Fail(path, "cannot be read");
     if (auto p = VerifyState(d, !blob)) {
-      std::printf("%s: at byte %llu: %s\n", path.c_str(), static_cast<unsigned long long>(p->offset),
-                  p->what.c_str());
+      std::printf("%s: at byte %llu: %s\n", path.c_str(),
+                  static_cast<unsigned long long>(p->offset), p->what.c_str());
       rc = kExitNo;
     } else {
       std::printf("%s: ok\n", path.c_str());
@@ -193,9 +198,10 @@ int Verify(const std::vector<std::string> &paths, bool blob) {
 
 void AddVerify(CLI::App &app) {
   auto *cmd = app.add_subcommand(
-      "verify", "check state files: length, every list's checksum, markers and lengths, every "
-                "switch blob and port list, the required switch entries; prints \"PATH: ok\" or "
-                "the first problem with its byte offset (exit 1)");
+      "verify",
+      "check state files: length, every list's checksum, markers and lengths, every "
+      "switch blob and port list, the required switch entries; prints \"PATH: ok\" or "
+      "the first problem with its byte offset (exit 1)");
   auto paths = std::make_shared<std::vector<std::string>>();
   auto blob = std::make_shared<bool>(false);
   cmd->add_option("PATH", *paths, "state files (bare blobs with --blob)")->required();
