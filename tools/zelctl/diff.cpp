@@ -22,7 +22,7 @@ struct Difference {
 
 class Differ {
  public:
-  Differ(bool storeSide) : storeSide_(storeSide) {}
+  explicit Differ(bool storeSide) : storeSide_(storeSide) {}
   std::vector<Difference> out;
   std::vector<std::string> leftOut;  // properties set aside, as "switch list name"
 
