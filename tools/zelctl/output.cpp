@@ -74,7 +74,7 @@ Json PropJson(const Prop &p) {
               {"error", orNull(p.error)}};
 }
 
-Json SwitchJson(const Switch &sw, const std::string &portFilter) {
+static Json SwitchJson(const Switch &sw, const std::string &portFilter) {
   Json ports = Json::array();
   for (const Port &port : sw.ports) {
     if (portFilter.empty() || port.id == portFilter) {
@@ -92,7 +92,7 @@ Json SwitchJson(const Switch &sw, const std::string &portFilter) {
               {"ports", ports}};
 }
 
-void PrintSwitch(const Switch &sw, const std::string &portFilter) {
+static void PrintSwitch(const Switch &sw, const std::string &portFilter) {
   std::printf("switch %s\n", sw.id.c_str());
   std::printf("  class %s, version %u (%s), maxPorts %u, alias %s\n", sw.className.c_str(),
               sw.version, sw.release.c_str(), sw.maxPorts,

@@ -101,8 +101,6 @@ std::optional<Problem> VerifyState(const Bytes &data, bool file);
 // A property's value as "path = value" lines (or one "hex ..." line).
 std::vector<std::string> ValueLines(const Prop &prop, bool cutHex);
 Json PropJson(const Prop &prop);
-Json SwitchJson(const Switch &sw, const std::string &portFilter);
-void PrintSwitch(const Switch &sw, const std::string &portFilter);
 void PrintJson(const Json &doc);
 std::string StatusText(uint32_t status);
 std::string StoreStatusText(uint32_t status);
