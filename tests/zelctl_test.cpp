@@ -188,7 +188,7 @@ class ZelctlTest : public ::testing::Test {
     return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out, ReadText(err)};
   }
 
-  // The fixture as a state file; returns its spec.
+  // The fixture as a state file; returns it as a source.
   std::string StateFile(const std::string &name, const std::vector<Switch> &switches = Fixture()) {
     WriteFile(Path(name), Padded(Blob(switches)));
     return "file:" + name;

@@ -171,15 +171,15 @@ Json DiffJson(const State &a, const State &b, const Differ &d) {
                         {"a", x.a},
                         {"b", x.b}});
   }
-  return Json{{"a", a.source.spec},
-              {"b", b.source.spec},
+  return Json{{"a", a.source.name},
+              {"b", b.source.name},
               {"equal", d.out.empty()},
               {"leftOut", d.leftOut},
               {"differences", list}};
 }
 
-int Diff(const std::string &specA, const std::string &specB, bool json) {
-  const State a = LoadState(specA), b = LoadState(specB);
+int Diff(const std::string &nameA, const std::string &nameB, bool json) {
+  const State a = LoadState(nameA), b = LoadState(nameB);
   auto isStore = [](const State &s) {
     return s.source.kind == Source::kStore || s.source.kind == Source::kDesired;
   };
@@ -190,7 +190,7 @@ int Diff(const std::string &specA, const std::string &specB, bool json) {
   } else if (d.out.empty()) {
     std::printf("equal\n");
   } else {
-    std::printf("A = %s\nB = %s\n", specA.c_str(), specB.c_str());
+    std::printf("A = %s\nB = %s\n", nameA.c_str(), nameB.c_str());
     PrintText(d.out);
     std::printf("%zu difference%s\n", d.out.size(), d.out.size() == 1 ? "" : "s");
   }
@@ -204,17 +204,17 @@ int Diff(const std::string &specA, const std::string &specB, bool json) {
 }  // namespace
 
 void AddDiff(CLI::App &app) {
-  auto specs = std::make_shared<std::vector<std::string>>();
+  auto names = std::make_shared<std::vector<std::string>>();
   auto json = std::make_shared<bool>(false);
   auto *cmd = app.add_subcommand(
       "diff",
       "compare two sources switch by switch, port by port and property by property, by "
       "decoded value; exit 0 when equal, 1 when not");
-  cmd->add_option("A B", *specs, "the two sources (file:, blob:, store[:], desired[:], kernel)")
+  cmd->add_option("A B", *names, "the two sources (file:, blob:, store[:], desired[:], kernel)")
       ->required()
       ->expected(2);
   cmd->add_flag("--json", *json, "one JSON document (schema in the README)");
-  cmd->callback([=] { g_exit = Diff((*specs)[0], (*specs)[1], *json); });
+  cmd->callback([=] { g_exit = Diff((*names)[0], (*names)[1], *json); });
 }
 
 }  // namespace zelctl

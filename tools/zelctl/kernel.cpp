@@ -47,16 +47,16 @@ int Stats(const std::string &switchId) {
   return kExitOk;
 }
 
-int Restore(const std::string &spec) {
-  const Source source = ParseSource(spec);
-  if (source.kind == Source::kKernel) Fail(spec, "the kernel cannot be restored from itself");
+int Restore(const std::string &name) {
+  const Source source = ParseSource(name);
+  if (source.kind == Source::kKernel) Fail(name, "the kernel cannot be restored from itself");
   const Bytes blob = ReadState(source);
   const size_t switches = DecodeState(source, blob).switches.size();
   ReturnStatus status = STATUS_OK;
   const std::string said =
       Quietly([&] { status = ZELPYX_StateInit(blob.data(), static_cast<uint32_t>(blob.size())); });
   if (status != STATUS_OK) KernelFailure("restore", said, status);
-  std::printf("restored %zu switch%s from %s\n", switches, switches == 1 ? "" : "es", spec.c_str());
+  std::printf("restored %zu switch%s from %s\n", switches, switches == 1 ? "" : "es", name.c_str());
   return kExitOk;
 }
 

@@ -18,7 +18,7 @@ void WriteFile(const Source &to, const Bytes &blob) {
   const ReturnStatus status =
       ZELFile_Write(to.path.c_str(), blob.data(), static_cast<uint32_t>(blob.size()));
   if (status != STATUS_OK) {
-    Fail(to.spec, "not written: " + StatusText(status) + "; the file is as it was");
+    Fail(to.name, "not written: " + StatusText(status) + "; the file is as it was");
   }
 }
 
@@ -27,16 +27,16 @@ void WriteStore(const Source &to, const Bytes &blob) {
   const uint32_t status =
       ZELState_SaveBufToConfigStore(blob.data(), static_cast<uint32_t>(blob.size()));
   if (status != 0) {
-    Fail(to.spec, "not saved: " + StoreStatusText(status) + "; the store is as it was");
+    Fail(to.name, "not saved: " + StoreStatusText(status) + "; the store is as it was");
   }
 }
 
-int Migrate(const std::string &fromSpec, const std::string &toSpec) {
-  const Source to = ParseSource(toSpec);
+int Migrate(const std::string &fromName, const std::string &toName) {
+  const Source to = ParseSource(toName);
   if (to.kind != Source::kFile && to.kind != Source::kStore) {
-    Fail(toSpec, "a migration writes to file:PATH or store[:DBPATH] only");
+    Fail(toName, "a migration writes to file:PATH or store[:DBPATH] only");
   }
-  const Source from = ParseSource(fromSpec);
+  const Source from = ParseSource(fromName);
   const Bytes blob = ReadState(from);  // verified, or an input error
   const size_t switches = DecodeState(from, blob).switches.size();
   if (to.kind == Source::kFile) {
@@ -45,7 +45,7 @@ int Migrate(const std::string &fromSpec, const std::string &toSpec) {
     WriteStore(to, blob);
   }
   std::printf("migrated %zu switch%s from %s to %s\n", switches, switches == 1 ? "" : "es",
-              fromSpec.c_str(), toSpec.c_str());
+              fromName.c_str(), toName.c_str());
   return kExitOk;
 }
 

@@ -137,7 +137,7 @@ std::string StoreStatusText(uint32_t status) {
 }
 
 int Show(const State &state, const std::string &switchId, const std::string &portId, bool json) {
-  Json doc{{"source", state.source.spec}, {"switches", Json::array()}};
+  Json doc{{"source", state.source.name}, {"switches", Json::array()}};
   bool found = switchId.empty();
   for (const Switch &sw : state.switches) {
     if (!switchId.empty() && sw.id != switchId) continue;
@@ -150,7 +150,7 @@ int Show(const State &state, const std::string &switchId, const std::string &por
   }
   if (json) PrintJson(doc);
   if (!found) {
-    std::fprintf(stderr, "zelctl: %s: no switch \"%s\"\n", state.source.spec.c_str(),
+    std::fprintf(stderr, "zelctl: %s: no switch \"%s\"\n", state.source.name.c_str(),
                  switchId.c_str());
     return kExitNo;
   }

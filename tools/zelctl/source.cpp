@@ -40,7 +40,7 @@ Bytes Copy(const void *p, uint64_t n) {
 // The state file through the library's reader, with the store switched off
 // so that the file itself is read.
 Bytes ReadStateFile(const Source &s) {
-  RequireFile(s.spec, s.path);
+  RequireFile(s.name, s.path);
   zel::host::SetConfigStoreFeatures(false, false);
   void *blob = nullptr;
   int32_t length = 0;
@@ -49,21 +49,21 @@ Bytes ReadStateFile(const Source &s) {
   if (status == STATUS_IO_ERROR) {
     struct stat st {};
     stat(s.path.c_str(), &st);
-    Fail(s.spec,
+    Fail(s.name,
          "not a state file: length " + std::to_string(st.st_size) + " is not a multiple of 512");
   }
-  if (status == STATUS_FILE_EMPTY) Fail(s.spec, "not a state file: empty");
-  if (status != STATUS_OK) Fail(s.spec, "cannot be read: " + StatusText(status));
+  if (status == STATUS_FILE_EMPTY) Fail(s.name, "not a state file: empty");
+  if (status != STATUS_OK) Fail(s.name, "cannot be read: " + StatusText(status));
   Bytes out = Copy(blob, static_cast<uint64_t>(length));
   std::free(static_cast<uint8_t *>(blob) - offset);
   return out;
 }
 
 Bytes ReadBlob(const Source &s) {
-  RequireFile(s.spec, s.path);
+  RequireFile(s.name, s.path);
   std::ifstream in(s.path, std::ios::binary);
   Bytes out((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
-  if (in.bad()) Fail(s.spec, "cannot be read");
+  if (in.bad()) Fail(s.name, "cannot be read");
   return out;
 }
 
@@ -75,7 +75,7 @@ Bytes ReadStore(const Source &s) {
   const uint32_t status =
       ZELState_LoadFromConfigStoreAsBuf(&blob, &length, s.kind == Source::kDesired);
   cs::UseReadOnly(false);
-  if (status != 0) Fail(s.spec, "cannot be loaded: " + StoreStatusText(status));
+  if (status != 0) Fail(s.name, "cannot be loaded: " + StoreStatusText(status));
   Bytes out = Copy(blob, length);
   std::free(blob);
   return out;
@@ -88,7 +88,7 @@ Bytes ReadKernel(const Source &s) {
   const std::string said =
       Quietly([&] { status = ZELPYX_PersistentStateGetWithFile(&blob, &length, nullptr); });
   if (status != STATUS_OK) {
-    Fail(s.spec, "persistent state: " + (said.empty() ? "" : said + ": ") + StatusText(status));
+    Fail(s.name, "persistent state: " + (said.empty() ? "" : said + ": ") + StatusText(status));
   }
   Bytes out = Copy(blob, length);
   std::free(blob);
@@ -187,20 +187,20 @@ void RequireFile(const std::string &what, const std::string &path) {
   if (access(path.c_str(), R_OK) != 0) Fail(what, std::strerror(errno));
 }
 
-Source ParseSource(const std::string &spec) {
-  const size_t colon = spec.find(':');
-  const std::string prefix = spec.substr(0, colon);
-  const std::string rest = colon == std::string::npos ? "" : spec.substr(colon + 1);
-  Source s{Source::kFile, spec, rest};
+Source ParseSource(const std::string &name) {
+  const size_t colon = name.find(':');
+  const std::string prefix = name.substr(0, colon);
+  const std::string rest = colon == std::string::npos ? "" : name.substr(colon + 1);
+  Source s{Source::kFile, name, rest};
   if (prefix == "file" || prefix == "blob") {
     s.kind = prefix == "file" ? Source::kFile : Source::kBlob;
-    if (rest.empty()) Fail(spec, "no path after \"" + prefix + ":\"");
+    if (rest.empty()) Fail(name, "no path after \"" + prefix + ":\"");
   } else if (prefix == "store" || prefix == "desired") {
     s.kind = prefix == "store" ? Source::kStore : Source::kDesired;
-  } else if (spec == "kernel") {
+  } else if (name == "kernel") {
     s.kind = Source::kKernel;
   } else {
-    Fail(spec,
+    Fail(name,
          "unknown source (expected file:PATH, blob:PATH, store[:DBPATH], "
          "desired[:DBPATH] or kernel)");
   }
@@ -216,8 +216,8 @@ std::string StorePath(const Source &s) {
 void UseStore(const Source &s, bool mustExist) {
   const std::string path = StorePath(s);
   struct stat st {};
-  if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) Fail(s.spec, path + " is a directory");
-  if (mustExist) RequireFile(s.spec, path);
+  if (stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) Fail(s.name, path + " is a directory");
+  if (mustExist) RequireFile(s.name, path);
   setenv(cs::kPathEnv, path.c_str(), 1);
 }
 
@@ -239,7 +239,7 @@ Bytes ReadState(const Source &s) {
       break;
   }
   if (auto problem = VerifyState(blob, s.kind == Source::kFile)) {
-    Fail(s.spec, std::string(s.kind == Source::kFile ? "not a state file" : "not a state") +
+    Fail(s.name, std::string(s.kind == Source::kFile ? "not a state file" : "not a state") +
                      ": at byte " + std::to_string(problem->offset) + ": " + problem->what);
   }
   uint32_t size = 0;
@@ -252,7 +252,7 @@ State DecodeState(const Source &source, const Bytes &blob) {
   std::vector<zel::sim::SwitchView> view;
   if (ReturnStatus s = zel::sim::ViewState(blob.data(), static_cast<uint32_t>(blob.size()), &view);
       s != STATUS_OK) {
-    Fail(source.spec, "does not decode: " + StatusText(s));
+    Fail(source.name, "does not decode: " + StatusText(s));
   }
   State state{source, {}};
   for (const auto &v : view) {
@@ -273,8 +273,8 @@ State DecodeState(const Source &source, const Bytes &blob) {
   return state;
 }
 
-State LoadState(const std::string &spec) {
-  const Source source = ParseSource(spec);
+State LoadState(const std::string &name) {
+  const Source source = ParseSource(name);
   return DecodeState(source, ReadState(source));
 }
 

@@ -36,10 +36,10 @@ extern int g_exit;
 
 struct Source {
   enum Kind { kFile, kBlob, kStore, kDesired, kKernel } kind;
-  std::string spec;  // as given
+  std::string name;  // as given
   std::string path;  // file or database path ("" for the default store)
 };
-Source ParseSource(const std::string &spec);
+Source ParseSource(const std::string &name);
 // A readable regular file, or an input error naming what it is instead.
 void RequireFile(const std::string &what, const std::string &path);
 // The state blob of a source, cut to the size in its header once verified;
@@ -83,7 +83,7 @@ struct State {
 };
 
 // Reads, verifies and decodes a source.
-State LoadState(const std::string &spec);
+State LoadState(const std::string &name);
 State DecodeState(const Source &source, const Bytes &blob);
 
 // --- verification ---
