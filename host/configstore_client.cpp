@@ -43,6 +43,7 @@ std::mutex g_pathMu;
 bool g_pathOverridden = false;
 std::string g_pathOverride;  // guarded by g_pathMu
 std::atomic<int> g_busyTimeoutMs{kBusyTimeoutMs};
+std::atomic<bool> g_readOnly{false};
 
 std::string StorePath() {
   {
@@ -167,6 +168,7 @@ struct Store : Connection {
   Stmt get, upsert, remove, list;
 
   int Open(const std::string &path) {
+    if (g_readOnly.load()) return OpenReadOnly(path);
     if (int s = CreateFile(path); s != kOk) return s;
     int rc =
         sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
@@ -177,6 +179,23 @@ struct Store : Connection {
       return s;
     if (int s = Exec(db, "PRAGMA synchronous=FULL"); s != kOk) return s;
     if (int s = RetryWhileBusy([&] { return EnsureSchema(); }); s != kOk) return s;
+    return PrepareStatements();
+  }
+
+  // A read-only connection prepares the writing statements too: they fail
+  // when run, as the database refuses every write.
+  int OpenReadOnly(const std::string &path) {
+    if (access(path.c_str(), F_OK) != 0) return kNotFound;
+    int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (rc != SQLITE_OK) return FromSqlite(rc);
+    sqlite3_extended_result_codes(db, 1);
+    sqlite3_busy_timeout(db, g_busyTimeoutMs.load());
+    int version = 0;
+    if (int s = UserVersion(version); s != kOk) return s;
+    return version == kSchemaVersion ? PrepareStatements() : kCorrupt;
+  }
+
+  int PrepareStatements() {
     if (int s = get.Prepare(db,
                             "SELECT content FROM objects WHERE layer=?1 AND sel1=?2 AND sel2=?3"
                             " AND sel3=?4 AND instance=?5");
@@ -495,6 +514,8 @@ int DestroyFilterSpecObject(Filter *filter) {
   delete filter;
   return kOk;
 }
+
+void UseReadOnly(bool readOnly) { g_readOnly.store(readOnly); }
 
 namespace testing {
 

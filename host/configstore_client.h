@@ -15,7 +15,7 @@
 // keyed by the first five columns.  Layer "current" is the stored state;
 // layer "desired" is the user-configured state read by
 // GetDesiredUserConfigInstances and written by SetDesired or the tool
-// zel_configstore.  "content" is JSON text, readable with the sqlite3 shell:
+// zelctl store.  "content" is JSON text, readable with the sqlite3 shell:
 //   - a string value is a JSON string, a bool a JSON bool;
 //   - int32, uint32, uint16 and int64 values are JSON integers;
 //   - binary values are base64 text;
@@ -198,6 +198,11 @@ int DeleteDesired(Store *store, const char *sel1, const char *sel2, const char *
 int ExportObjectJson(Object *object, char **json);
 // The instance id of a top-level object (freed with free()).
 int GetObjectInstanceId(Object *object, char **instanceId);
+// Process-wide: stores opened from now on are opened read-only.  They never
+// create the file or its directory and never change the database; a missing
+// file gives kNotFound, a file that is no store of this format kCorrupt, and
+// every write kStorage.  For programs that only read.
+void UseReadOnly(bool readOnly);
 
 // --- Test seam ---
 namespace testing {

@@ -36,7 +36,17 @@ start_daemon() {
 kill_daemon() { kill -KILL "$daemon"; wait "$daemon" 2>/dev/null || true; daemon=; }
 with_shim() { LD_PRELOAD=$shim "$@"; }
 module() { with_shim "$agent" stats | tr '\n' ' ' | sed 's/ $//'; echo; }
-# zelctl compares by decoded value; without it the agent's own comparison.
+# zelctl restores (after verifying) and compares by decoded value; in a tree
+# without it the agent does both.
+restore() {
+  if [ -n "$zelctl" ]; then
+    echo "   \$ zelctl kernel restore $1"
+    with_shim "$zelctl" kernel restore "$1"
+  else
+    echo "   \$ zel_agent restore $1"
+    with_shim "$agent" restore "$1"
+  fi
+}
 diff_kernel() {
   if [ -n "$zelctl" ]; then
     echo "   \$ zelctl diff kernel $1"
@@ -59,13 +69,13 @@ echo "3. zel-kmodd killed and started again"
 kill_daemon; start_daemon
 echo "   module: $(module)"
 echo "4. a second process restores the state from the file"
-with_shim "$agent" restore "file:$state"
+restore "file:$state"
 echo "   module: $(module)"
 diff_kernel "file:$state"
 echo "5. zel-kmodd killed and started again; the state restored from the store"
 kill_daemon; start_daemon
 echo "   module: $(module)"
-with_shim "$agent" restore store
+restore store
 echo "   module: $(module)"
 diff_kernel store
 diff_kernel "file:$state"

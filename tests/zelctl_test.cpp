@@ -1,0 +1,405 @@
+// zelctl through the real program: show against golden text and JSON, verify
+// finding damage at its offset, diff finding each kind of change, migrate
+// both ways and failing without touching its target, store check naming bad
+// objects, and input errors giving exit 2 with nothing written.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "zel/data.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using Bytes = std::vector<uint8_t>;
+
+Bytes U32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
+Bytes Text(const std::string &s, size_t size = 0) {
+  Bytes b(s.begin(), s.end());
+  b.resize(std::max(size, s.size() + 1), 0);
+  return b;
+}
+Bytes Cat(std::initializer_list<Bytes> parts) {
+  Bytes b;
+  for (const Bytes &p : parts) b.insert(b.end(), p.begin(), p.end());
+  return b;
+}
+
+// --- a fixture state with one property of every conversion family ---
+
+struct Prop {
+  std::string name;
+  Bytes value;
+  uint32_t type = 16;
+};
+using Props = std::vector<Prop>;
+struct Port {
+  std::string id;
+  Props props;
+};
+struct Switch {
+  std::string id, cls;
+  uint32_t version, maxPorts;
+  Props global, host;
+  std::vector<Port> ports;
+};
+
+// `size` zero bytes with the given parts written at their offsets.
+Bytes Record(size_t size, std::initializer_list<std::pair<size_t, Bytes>> parts) {
+  Bytes b(size, 0);
+  for (const auto &[at, v] : parts) std::copy(v.begin(), v.end(), b.begin() + long(at));
+  return b;
+}
+Bytes Str(const std::string &s) { return Bytes(s.begin(), s.end()); }
+
+// Teaming: policy, two active uplinks by name.
+const Bytes kTeaming =
+    Record(2616, {{0, U32(1)}, {16, U32(2)}, {24, Str("uplink1")}, {105, Str("uplink2")}});
+// IPFIX: timeouts, an IPv4 collector and its port.
+const Bytes kIpfix =
+    Record(36, {{0, U32(60)}, {4, U32(300)}, {8, {10, 0, 0, 9}}, {24, {0x83, 0x12}}});
+// Mirror sessions: a table header (magic, version, one session) and the session.
+const Bytes kMirror = Cat(
+    {Record(20, {{0, U32(0xFACEBEEF)}, {4, U32(1)}, {8, U32(1)}}),
+     Record(232, {{0, Str("s1")}, {32, Str("span-1")}, {116, U32(1)}, {120, U32(0xFFFFFFFF)}})});
+
+std::vector<Switch> Fixture() {
+  Switch blue{"sw-blue", "vswitch", 7, 4096, {}, {}, {}};
+  blue.global = {
+      {"com.zorlan.common.alias", Text("blue-net")},
+      {"com.zorlan.common.version", U32(7)},
+      {"com.zorlan.common.respools.sched", {1}},
+      {"com.zorlan.common.portset.mtu", U32(9000)},
+      {"com.zorlan.vswitch.mtu", U32(9000)},  // a vswitch's MTU loads back under both names
+      {"com.zorlan.etherswitch.ipv4addr", {192, 168, 7, 1}},
+      {"com.zorlan.common.teamcheck.deploy", Cat({{1}, U32(30)})},
+      {"com.zorlan.vswitch.teaming", kTeaming},
+      {"com.zorlan.etherswitch.pvlanMap", {100, 0, 101, 0, 2, 0, 0, 0}},
+      {"com.zorlan.etherswitch.ipfix", kIpfix},
+      {"com.zorlan.vswitch.mirrorSessions", kMirror},
+      {"com.example.note", Text("kept as bytes")},
+      {"com.example.blob", Bytes(40, 0xab), 24},
+  };
+  blue.host = {{"com.zorlan.common.host.portset", Text("ps-blue")}};
+  blue.ports = {{"p1",
+                 {{"com.zorlan.common.port.alias", Text("vm-a")},
+                  {"com.zorlan.common.port.connectid", U32(0x1001)},
+                  {"com.zorlan.common.port.block", Text("false")},
+                  {"com.zorlan.common.port.shaper.input",
+                   Cat({U32(1), U32(0), U32(2), U32(0), U32(3), U32(0)})}}},
+                {"p2", {{"com.zorlan.common.port.alias", Text("vm-b")}}}};
+  Switch green{"sw-green", "etherswitch", 6, 4096, {}, {}, {}};
+  green.global = {{"com.zorlan.common.alias", Text("green-net")},
+                  {"com.zorlan.common.version", U32(6)},
+                  {"com.zorlan.common.respools.sched", {1}}};
+  green.ports = {{"10", {{"com.zorlan.common.port.alias", Text("probe")}}}};
+  return {blue, green};
+}
+
+void *Malloc(uint64_t n) { return std::malloc(n); }
+
+// Named values as serialized property data, through the library.
+Bytes Encode(const std::vector<std::pair<std::string, Bytes>> &entries, const Props &props = {}) {
+  PropertyList *list = nullptr;
+  ZELData_Alloc(&list, Malloc, std::free);
+  for (const auto &[name, value] : entries)
+    ZELData_Append(list, name.c_str(), value.data(), uint32_t(value.size()), 16);
+  for (const Prop &p : props)
+    ZELData_Append(list, p.name.c_str(), p.value.data(), uint32_t(p.value.size()), p.type);
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  ZELData_Serialize(list, &buffer, &length, 5);
+  Bytes out(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length);
+  ZELData_FreeAssocData(list, buffer);
+  ZELData_Free(list);
+  return out;
+}
+
+// The state blob as the library nests it (class name in its 128-byte field).
+Bytes Blob(const std::vector<Switch> &switches) {
+  std::vector<std::pair<std::string, Bytes>> outer;
+  for (const Switch &sw : switches) {
+    std::vector<std::pair<std::string, Bytes>> fields = {{"switchVersion", U32(sw.version)},
+                                                         {"className", Text(sw.cls, 128)},
+                                                         {"maxPorts", U32(sw.maxPorts)},
+                                                         {"globalPropList", Encode({}, sw.global)},
+                                                         {"hostPropList", Encode({}, sw.host)}};
+    for (const Port &p : sw.ports) fields.push_back({p.id, Encode({}, p.props)});
+    outer.push_back({sw.id, Encode(fields)});
+  }
+  return Encode(outer);
+}
+
+Bytes Padded(Bytes b) {
+  b.resize((b.size() + 511) / 512 * 512, 0);
+  return b;
+}
+
+Bytes ReadFile(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+void WriteFile(const std::string &path, const Bytes &b) {
+  std::ofstream(path, std::ios::binary)
+      .write(reinterpret_cast<const char *>(b.data()), std::streamsize(b.size()));
+}
+std::string ReadText(const std::string &path) {
+  const Bytes b = ReadFile(path);
+  return std::string(b.begin(), b.end());
+}
+
+struct Result {
+  int rc;
+  std::string out, err;
+};
+
+// Runs zelctl in a scratch directory of its own.
+class ZelctlTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char tmpl[] = "/tmp/zelctl_test_XXXXXX";
+    dir_ = mkdtemp(tmpl);
+  }
+  void TearDown() override { fs::remove_all(dir_); }
+
+  std::string Path(const std::string &name) const { return dir_ + "/" + name; }
+
+  Result Run(const std::string &args, const std::string &input = "") {
+    const std::string err = Path("stderr"), in = Path("stdin");
+    WriteFile(in, Bytes(input.begin(), input.end()));
+    const std::string cmd = "cd '" + dir_ + "' && ZEL_CONFIGSTORE_PATH='" + Path("default.db") +
+                            "' " + ZELCTL_PATH + " " + args + " <'" + in + "' 2>'" + err + "'";
+    FILE *p = popen(cmd.c_str(), "r");
+    std::string out;
+    char buf[4096];
+    for (size_t n; (n = fread(buf, 1, sizeof buf, p)) > 0;) out.append(buf, n);
+    const int st = pclose(p);
+    return {WIFEXITED(st) ? WEXITSTATUS(st) : -1, out, ReadText(err)};
+  }
+
+  // The fixture as a state file; returns it as a source.
+  std::string StateFile(const std::string &name, const std::vector<Switch> &switches = Fixture()) {
+    WriteFile(Path(name), Padded(Blob(switches)));
+    return "file:" + name;
+  }
+
+  std::string dir_;
+};
+
+// Compares with a golden file beside this source; ZELCTL_GOLDEN=update rewrites it.
+void ExpectGolden(const std::string &actual, const std::string &name) {
+  const std::string path = std::string(ZELCTL_GOLDEN_DIR) + "/" + name;
+  if (const char *mode = std::getenv("ZELCTL_GOLDEN");
+      mode != nullptr && std::string(mode) == "update") {
+    std::ofstream(path) << actual;
+  }
+  EXPECT_EQ(actual, ReadText(path)) << "golden file " << path;
+}
+
+TEST_F(ZelctlTest, ShowMatchesGoldenTextAndJson) {
+  const std::string state = StateFile("state");
+  Result text = Run("show " + state);
+  ASSERT_EQ(text.rc, 0) << text.err;
+  EXPECT_EQ(text.err, "");
+  ExpectGolden(text.out, "show.txt");
+  Result json = Run("show --json " + state);
+  ASSERT_EQ(json.rc, 0) << json.err;
+  ExpectGolden(json.out, "show.json");
+  const auto doc = nlohmann::json::parse(json.out);
+  EXPECT_EQ(doc["switches"].size(), 2u);
+  Result port = Run("show " + state + " --switch sw-blue --port p2");
+  EXPECT_EQ(port.rc, 0);
+  EXPECT_EQ(port.out.find("global properties"), std::string::npos);
+  EXPECT_NE(port.out.find("name = \"vm-b\""), std::string::npos);
+  EXPECT_EQ(Run("show " + state + " --switch sw-none").rc, 1);
+}
+
+// Offset of the first copy of `needle` in `hay`.
+size_t Find(const Bytes &hay, const Bytes &needle) {
+  return size_t(std::search(hay.begin(), hay.end(), needle.begin(), needle.end()) - hay.begin());
+}
+
+TEST_F(ZelctlTest, VerifyReportsEachDamageAtItsOffset) {
+  const std::vector<Switch> fx = Fixture();
+  const Bytes good = Padded(Blob(fx));
+  const Bytes portList = Encode({}, fx[0].ports[1].props);  // p2's list, nested verbatim
+  const size_t at = Find(good, portList);
+  ASSERT_LT(at, good.size());
+  uint32_t size = 0;
+  std::memcpy(&size, good.data(), 4);
+  struct Row {
+    const char *what;
+    std::function<Bytes(Bytes)> damage;
+    std::string expected;
+  };
+  const Row rows[] = {
+      {"intact", [](Bytes b) { return b; }, "ok"},
+      {"flipped byte in a port list",
+       [&](Bytes b) {
+         b[at + 153] ^= 0x40;
+         return b;
+       },
+       "at byte " + std::to_string(at + 4) + ": switch sw-blue, port p2: checksum"},
+      {"cut file",
+       [](Bytes b) {
+         b.resize(512);
+         return b;
+       },
+       "at byte 0: state: its header says " + std::to_string(size) + " bytes, only 512 are there"},
+      {"extra block of padding",
+       [](Bytes b) {
+         b.resize(b.size() + 512, 0);
+         return b;
+       },
+       "at byte " + std::to_string(good.size()) + ": 512 bytes after the state's"},
+      {"length not a multiple of 512",
+       [](Bytes b) {
+         b.resize(1000);
+         return b;
+       },
+       "at byte 1000: length 1000 is not a multiple of 512"},
+  };
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.what);
+    WriteFile(Path("state"), r.damage(good));
+    const Result res = Run("verify state");
+    EXPECT_EQ(res.rc, r.expected == "ok" ? 0 : 1);
+    EXPECT_EQ(res.out.rfind("state: " + r.expected, 0), 0u) << res.out;
+  }
+  WriteFile(Path("blob"), Blob(fx));
+  EXPECT_EQ(Run("verify --blob blob").out, "blob: ok\n");
+}
+
+TEST_F(ZelctlTest, DiffFindsEachChange) {
+  const std::string a = StateFile("a");
+  struct Row {
+    const char *what;
+    std::function<void(std::vector<Switch> &)> change;
+    std::vector<std::string> lines;
+  };
+  const Row rows[] = {
+      {"no change", [](auto &) {}, {"equal"}},
+      {"port added",
+       [](auto &s) {
+         s[0].ports.push_back({"p3", {}});
+       },
+       {"only in B: switch sw-blue port p3"}},
+      {"switch removed", [](auto &s) { s.pop_back(); }, {"only in A: switch sw-green"}},
+      {"one policy field changed",
+       [](auto &s) {
+         for (Prop &p : s[0].global) {
+           if (p.name == "com.zorlan.common.teamcheck.deploy") p.value = Cat({{1}, U32(45)});
+         }
+       },
+       {"switch sw-blue global: com.zorlan.common.teamcheck.deploy differs",
+        "  A: health_checks[\"TEAMING\"]/interval = 30",
+        "  B: health_checks[\"TEAMING\"]/interval = 45"}},
+  };
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.what);
+    std::vector<Switch> fx = Fixture();
+    r.change(fx);
+    const Result res = Run("diff " + a + " " + StateFile("b", fx));
+    EXPECT_EQ(res.rc, r.lines[0] == "equal" ? 0 : 1) << res.err;
+    for (const std::string &line : r.lines)
+      EXPECT_NE(res.out.find(line + "\n"), std::string::npos) << res.out;
+    const auto doc = nlohmann::json::parse(Run("diff --json " + a + " file:b").out);
+    EXPECT_EQ(doc["equal"], r.lines[0] == "equal");
+  }
+}
+
+TEST_F(ZelctlTest, MigrateBothWaysAndFailureLeavesTarget) {
+  const std::string state = StateFile("state");
+  ASSERT_EQ(Run("migrate " + state + " store:s.db").rc, 0);
+  EXPECT_EQ(Run("diff " + state + " store:s.db").out, "equal\n");
+  ASSERT_EQ(Run("migrate store:s.db file:back").rc, 0);
+  EXPECT_EQ(Run("diff " + state + " file:back").out, "equal\n");
+  EXPECT_EQ(Run("verify back").out, "back: ok\n");
+
+  // A value the store conversion refuses: the transaction is cancelled.
+  std::vector<Switch> bad = Fixture();
+  bad[0].ports[0].props.push_back({"com.zorlan.vswitch.port.teaming.policy", {1, 2, 3}});
+  bad[1].id = "sw-new";
+  const std::string before = Run("store --db s.db list switches network_zel orn").out;
+  Result res = Run("migrate " + StateFile("bad", bad) + " store:s.db");
+  EXPECT_EQ(res.rc, 2);
+  EXPECT_NE(res.err.find("zelctl: store:s.db: not saved"), std::string::npos) << res.err;
+  EXPECT_EQ(Run("store --db s.db list switches network_zel orn").out, before);
+
+  // The file's writer cannot make its temporary file: the target stays.
+  const Bytes target = ReadFile(Path("back"));
+  fs::create_directory(Path("back.tmp"));
+  res = Run("migrate " + state + " file:back");
+  EXPECT_EQ(res.rc, 2);
+  EXPECT_NE(res.err.find("zelctl: file:back: not written"), std::string::npos) << res.err;
+  EXPECT_EQ(ReadFile(Path("back")), target);
+}
+
+TEST_F(ZelctlTest, StoreCheckNamesObjectsALoadFailsOn) {
+  ASSERT_EQ(Run("migrate " + StateFile("state") + " store:s.db").rc, 0);
+  EXPECT_EQ(Run("store check --db s.db").out, "ok: 2 switch objects\n");
+  const std::string green = Run("store --db s.db get switches network_zel orn sw-green").out;
+  auto noVersion = nlohmann::json::parse(green);
+  noVersion["product"].erase("version");
+  ASSERT_EQ(
+      Run("store --db s.db put switches network_zel orn sw-green '" + noVersion.dump() + "'").rc,
+      0);
+  ASSERT_EQ(Run("store --db s.db put switches network_zel orn sw-gray '{\"uuid\":\"sw-gray\"}'").rc,
+            0);
+  // Corrupt content can only come from outside the client: written by hand.
+  ASSERT_EQ(std::system(("sqlite3 '" + Path("s.db") +
+                         "' \"UPDATE objects SET content='{\\\"uuid\\\":' "
+                         "WHERE instance='sw-blue'\"")
+                            .c_str()),
+            0);
+  const Result res = Run("store check --db s.db");
+  EXPECT_EQ(res.rc, 1);
+  EXPECT_NE(res.out.find("sw-blue: unparsable content"), std::string::npos) << res.out;
+  EXPECT_NE(res.out.find("sw-gray: product: no product"), std::string::npos) << res.out;
+  EXPECT_NE(res.out.find("sw-green: product/version: no version"), std::string::npos) << res.out;
+  EXPECT_EQ(Run("show store:s.db").rc, 2);
+}
+
+TEST_F(ZelctlTest, BadInputGivesExitTwoAndWritesNothing) {
+  WriteFile(Path("short"), Bytes(1000, 0));
+  fs::create_directory(Path("dir.db"));
+  struct Row {
+    const char *args, *message;
+  };
+  const Row rows[] = {
+      {"show nosuch:x", "zelctl: nosuch:x: unknown source"},
+      {"show file:missing", "zelctl: file:missing: No such file"},
+      {"show file:short",
+       "zelctl: file:short: not a state file: length 1000 is not a multiple of 512"},
+      {"show blob:short", "zelctl: blob:short: not a state: at byte 0"},
+      {"show store:missing.db", "zelctl: store:missing.db: No such file"},
+      {"show store:dir.db", "zelctl: store:dir.db: "},
+      {"diff store:missing.db file:short", "zelctl: store:missing.db"},
+      {"store check --db missing.db", "zelctl: store:missing.db"},
+      {"kernel stats", "zelctl: kernel: stats: "},
+      {"show kernel", "zelctl: kernel: persistent state: "},
+      {"show", "zelctl: usage: "},
+  };
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.args);
+    const Result res = Run(r.args);
+    EXPECT_EQ(res.rc, 2);
+    EXPECT_EQ(res.out, "");
+    EXPECT_EQ(res.err.rfind(r.message, 0), 0u) << res.err;
+  }
+  EXPECT_FALSE(fs::exists(Path("missing.db")));
+  EXPECT_FALSE(fs::exists(Path("default.db")));
+}
+
+}  // namespace
