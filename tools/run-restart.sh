@@ -41,10 +41,10 @@ module() { with_shim "$agent" stats | tr '\n' ' ' | sed 's/ $//'; echo; }
 restore() {
   if [ -n "$zelctl" ]; then
     echo "   \$ zelctl kernel restore $1"
-    with_shim "$zelctl" kernel restore "$1"
+    with_shim "$zelctl" kernel restore "$1" | sed "s/^/   /"
   else
     echo "   \$ zel_agent restore $1"
-    with_shim "$agent" restore "$1"
+    with_shim "$agent" restore "$1" | sed "s/^/   /"
   fi
 }
 diff_kernel() {
