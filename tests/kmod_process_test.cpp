@@ -198,9 +198,10 @@ TEST(KmodProcess, OpenFailsAsTheDeviceWouldWithoutADaemon) {
 TEST(KmodProcess, AClientKilledMidRequestLeavesTheDaemonServingAndNothingBehind) {
   Daemon daemon;
   daemon.Start();
-  const auto before = daemon.Resources();  // no client yet
   ASSERT_EQ(daemon.RunAgent("add-switch sw-blue"), 0);
-  ASSERT_TRUE(WaitFor([&] { return daemon.Resources() == before; }));
+  // Idle: the accepting thread alone, every earlier connection gone.
+  ASSERT_TRUE(WaitFor([&] { return daemon.Resources().second == 1; }));
+  const auto before = daemon.Resources();
   const pid_t child = ::fork();
   if (child == 0) {
     // Opens the device, then sends half of a port-add frame and waits.
