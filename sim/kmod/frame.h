@@ -45,9 +45,11 @@
 // Refusals.  A header with a wrong magic or op, or a body over kMaxBody,
 // is answered with result -1 and error EPROTO or EMSGSIZE, and the
 // connection is closed: the stream can no longer be trusted.  A well-framed
-// ioctl body whose lengths disagree with its record is answered with
-// EINVAL and an output capacity over kMaxBuffer with EMSGSIZE; the
-// connection stays usable.  Other connections never notice either.
+// ioctl body whose lengths disagree with its record, an open frame with a
+// body and a second open on one connection are answered with EINVAL, an
+// output capacity over kMaxBuffer with EMSGSIZE, and a frame the daemon
+// has no memory for with ENOMEM; the connection stays usable.  Other
+// connections never notice any of these.
 #pragma once
 
 #include <cstddef>
