@@ -37,25 +37,17 @@ kill_daemon() { kill -KILL "$daemon"; wait "$daemon" 2>/dev/null || true; daemon
 with_shim() { LD_PRELOAD=$shim "$@"; }
 module() { with_shim "$agent" stats | tr '\n' ' ' | sed 's/ $//'; echo; }
 # zelctl restores (after verifying) and compares by decoded value; in a tree
-# without it the agent does both.
-restore() {
-  if [ -n "$zelctl" ]; then
-    echo "   \$ zelctl kernel restore $1"
-    with_shim "$zelctl" kernel restore "$1" | sed "s/^/   /"
-  else
-    echo "   \$ zel_agent restore $1"
-    with_shim "$agent" restore "$1" | sed "s/^/   /"
-  fi
+# without it the agent does both.  Usage: step ZELCTL-ARGS... -- AGENT-ARGS...
+step() {
+  local tool=("$zelctl") agent_args=()
+  while [ "$1" != -- ]; do tool+=("$1"); shift; done
+  shift
+  [ -z "$zelctl" ] && tool=("$agent" "$@")
+  echo "   \$ $(basename "${tool[0]}") ${tool[*]:1}"
+  with_shim "${tool[@]}" | sed 's/^/   /'
 }
-diff_kernel() {
-  if [ -n "$zelctl" ]; then
-    echo "   \$ zelctl diff kernel $1"
-    with_shim "$zelctl" diff kernel "$1" | sed 's/^/   /'
-  else
-    echo "   \$ zel_agent compare $1"
-    with_shim "$agent" compare "$1" | sed 's/^/   /'
-  fi
-}
+restore() { step kernel restore "$1" -- restore "$1"; }
+diff_kernel() { step diff kernel "$1" -- compare "$1"; }
 
 echo "1. zel-kmodd started on $ZEL_KMOD_SOCKET"
 start_daemon

@@ -79,18 +79,27 @@ void RemoveStaleSocket(const std::string &path) {
 int Listen(const std::string &path) {
   PrepareDirectory(fs::path(path).parent_path());
   RemoveStaleSocket(path);
-  const sockaddr_un addr = AddressOf(path);
+  // Bound under a temporary name and renamed once it listens, so the path
+  // never names a socket that refuses connections.
+  const std::string temporary = path + ".new";
+  const sockaddr_un addr = AddressOf(temporary);
   const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) {
     Throw("socket", errno);
   }
+  ::unlink(temporary.c_str());
   // Created 0600 from the start, so no other user can connect in between.
   const mode_t old = ::umask(0177);
   const int bound = ::bind(fd, reinterpret_cast<const sockaddr *>(&addr), sizeof addr);
   const int error = errno;
   ::umask(old);
-  if (bound != 0 || ::listen(fd, 128) != 0) {
-    Throw(path, bound != 0 ? error : errno);
+  if (bound != 0) {
+    Throw(temporary, error);
+  }
+  if (::listen(fd, 128) != 0 || ::rename(temporary.c_str(), path.c_str()) != 0) {
+    const int failed = errno;
+    ::unlink(temporary.c_str());
+    Throw(path, failed);
   }
   return fd;
 }
