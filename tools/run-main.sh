@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# The main job on embedded defaults: builds the library and runs the
-# end-to-end program.
+# The main job on embedded defaults: builds the library, runs the end-to-end
+# program, shows its state through zelctl, and runs the restart scenario of
+# the emulated kernel module.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/install-deps.sh
@@ -16,3 +17,7 @@ printf '\n$ zelctl diff file:work-main/zel.state store:work-main/configstore.db\
 "$zelctl" diff file:work-main/zel.state store:work-main/configstore.db
 printf '\n$ zelctl verify work-main/zel.state\n'
 "$zelctl" verify work-main/zel.state
+# The module's state survives a restart of the emulated kernel module
+# (zel-kmodd), brought back from the state file and from the store.
+printf '\n$ tools/run-restart.sh\n'
+bash tools/run-restart.sh build

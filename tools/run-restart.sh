@@ -12,12 +12,10 @@ if [ ! -f "$dir/CMakeCache.txt" ]; then
   bash tools/install-deps.sh
   cmake -S . -B "$dir" -G Ninja -DZEL_TESTS=OFF >/dev/null
 fi
-targets=(zel-kmodd zel_devshim zel_agent)
-[ -f tools/zelctl/CMakeLists.txt ] && targets+=(zelctl)
-cmake --build "$dir" -j "$(nproc)" --target "${targets[@]}" >/dev/null
+cmake --build "$dir" -j "$(nproc)" --target zel-kmodd zel_devshim zel_agent zelctl >/dev/null
 shim=$(realpath "$dir/sim/kmod/libzel_devshim.so")
 agent=$(realpath "$dir/zel_agent")
-zelctl=$(find "$dir" -maxdepth 3 -name zelctl -type f -perm -u+x | head -n 1)
+zelctl=$(realpath "$dir/tools/zelctl/zelctl")
 
 work=$(mktemp -d)
 daemon=
@@ -36,18 +34,13 @@ start_daemon() {
 kill_daemon() { kill -KILL "$daemon"; wait "$daemon" 2>/dev/null || true; daemon=; }
 with_shim() { LD_PRELOAD=$shim "$@"; }
 module() { with_shim "$agent" stats | tr '\n' ' ' | sed 's/ $//'; echo; }
-# zelctl restores (after verifying) and compares by decoded value; in a tree
-# without it the agent does both.  Usage: step ZELCTL-ARGS... -- AGENT-ARGS...
-step() {
-  local tool=("$zelctl") agent_args=()
-  while [ "$1" != -- ]; do tool+=("$1"); shift; done
-  shift
-  [ -z "$zelctl" ] && tool=("$agent" "$@")
-  echo "   \$ $(basename "${tool[0]}") ${tool[*]:1}"
-  with_shim "${tool[@]}" | sed 's/^/   /'
+# zelctl restores (after verifying) and compares by decoded value.
+zelctl_step() {
+  echo "   \$ zelctl $*"
+  with_shim "$zelctl" "$@" | sed 's/^/   /'
 }
-restore() { step kernel restore "$1" -- restore "$1"; }
-diff_kernel() { step diff kernel "$1" -- compare "$1"; }
+restore() { zelctl_step kernel restore "$1"; }
+diff_kernel() { zelctl_step diff kernel "$1"; }
 
 echo "1. zel-kmodd started on $ZEL_KMOD_SOCKET"
 start_daemon

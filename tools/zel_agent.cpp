@@ -8,13 +8,9 @@
 //   zel_agent count NAME               prints the switch's normal ports
 //   zel_agent stats                    prints the module's own summary
 //   zel_agent persist file:PATH|store  the persistable state, written
-//   zel_agent restore file:PATH|store  a stored state handed to the module
-//   zel_agent compare file:PATH|store  the module's persistable state
-//                                      against a stored one: "equal" or not
-// compare decodes both states (sim/state_view.h) and compares them switch by
-// switch, port by port, property by property, whatever their order.
-// The store is the one ZEL_CONFIGSTORE_PATH names.  Exit status: 0 done
-// (or equal), 1 not equal, 2 a step failed.
+// Restoring and comparing are zelctl's (kernel restore, diff kernel ...).
+// The store is the one ZEL_CONFIGSTORE_PATH names.  Exit status: 0 done,
+// 2 a step failed.
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
@@ -24,7 +20,6 @@
 #include <string>
 #include <vector>
 
-#include "sim/state_view.h"
 #include "zel/configstore.h"
 #include "zel/file.h"
 #include "zel/kernel.h"
@@ -109,30 +104,6 @@ Bytes PersistableState() {
   return out;
 }
 
-// "file:PATH" or "store": the state kept there.
-Bytes Stored(const std::string &source) {
-  void *blob = nullptr;
-  if (source == "store") {
-    uint32_t length = 0;
-    if (const uint32_t status = ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false)) {
-      throw Failure{"load the store: status " + std::to_string(status)};
-    }
-    Bytes out(static_cast<uint8_t *>(blob), static_cast<uint8_t *>(blob) + length);
-    std::free(blob);
-    return out;
-  }
-  if (source.rfind("file:", 0) != 0) {
-    throw Failure{source + ": expected file:PATH or store"};
-  }
-  int32_t length = 0;
-  uint32_t offset = 0;
-  Require(ZELFile_ReadClassical(source.c_str() + 5, &blob, &length, &offset), "read " + source);
-  const uint8_t *bytes = static_cast<uint8_t *>(blob);
-  Bytes out(bytes, bytes + length);
-  std::free(static_cast<uint8_t *>(blob) - offset);
-  return out;
-}
-
 void Persist(const std::string &target) {
   const Bytes state = PersistableState();
   if (target == "store") {
@@ -147,39 +118,6 @@ void Persist(const std::string &target) {
   }
 }
 
-void Restore(const std::string &source) {
-  const Bytes state = Stored(source);
-  Require(ZELPYX_StateInit(state.data(), uint32_t(state.size())), "hand " + source + " to the module");
-}
-
-// A state decoded, with switches, ports and properties in name order.
-std::vector<zel::sim::SwitchView> Canonical(const Bytes &blob, const std::string &what) {
-  std::vector<zel::sim::SwitchView> view;
-  Require(zel::sim::ViewState(blob.data(), uint32_t(blob.size()), &view), "decode " + what);
-  auto byName = [](const auto &a, const auto &b) { return a.name < b.name; };
-  auto byId = [](const auto &a, const auto &b) { return a.id < b.id; };
-  std::sort(view.begin(), view.end(), byId);
-  for (auto &sw : view) {
-    std::sort(sw.global.begin(), sw.global.end(), byName);
-    std::sort(sw.host.begin(), sw.host.end(), byName);
-    std::sort(sw.ports.begin(), sw.ports.end(), byId);
-    for (auto &port : sw.ports) std::sort(port.props.begin(), port.props.end(), byName);
-  }
-  return view;
-}
-
-bool Same(const std::vector<zel::sim::SwitchView> &a, const std::vector<zel::sim::SwitchView> &b) {
-  auto samePort = [](const zel::sim::PortView &x, const zel::sim::PortView &y) {
-    return x.id == y.id && x.props == y.props;
-  };
-  auto sameSwitch = [&](const zel::sim::SwitchView &x, const zel::sim::SwitchView &y) {
-    return x.id == y.id && x.version == y.version && x.className == y.className &&
-           x.maxPorts == y.maxPorts && x.global == y.global && x.host == y.host &&
-           std::equal(x.ports.begin(), x.ports.end(), y.ports.begin(), y.ports.end(), samePort);
-  };
-  return std::equal(a.begin(), a.end(), b.begin(), b.end(), sameSwitch);
-}
-
 }  // namespace
 
 int main(int argc, char **argv) {
@@ -187,7 +125,7 @@ int main(int argc, char **argv) {
   app.require_subcommand(1);
   std::string name, prefix, where;
   uint32_t count = 0;
-  int result = 0;
+
   app.add_subcommand("populate", "create switches, ports and properties")->callback(Populate);
   auto *addSwitch = app.add_subcommand("add-switch", "add one switch");
   addSwitch->add_option("NAME", name)->required();
@@ -209,22 +147,9 @@ int main(int argc, char **argv) {
     std::fwrite(out, 1, length, stdout);
     ZELPYX_DataFree(out);
   });
-  for (const char *verb : {"persist", "restore", "compare"}) {
-    auto *sub = app.add_subcommand(verb, std::string(verb) + " the state (file:PATH or store)");
-    sub->add_option("WHERE", where)->required();
-    sub->callback([&, verb] {
-      if (std::strcmp(verb, "persist") == 0) {
-        Persist(where);
-      } else if (std::strcmp(verb, "restore") == 0) {
-        Restore(where);
-      } else {
-        const bool equal = Same(Canonical(PersistableState(), "the kernel's state"),
-                                Canonical(Stored(where), where));
-        std::printf("kernel and %s: %s\n", where.c_str(), equal ? "equal" : "differ");
-        result = equal ? 0 : 1;
-      }
-    });
-  }
+  auto *persist = app.add_subcommand("persist", "persist the state (file:PATH or store)");
+  persist->add_option("WHERE", where)->required();
+  persist->callback([&] { Persist(where); });
   zelconfigstore_debug = 0;
   try {
     CLI11_PARSE(app, argc, argv);
@@ -233,5 +158,5 @@ int main(int argc, char **argv) {
     std::fprintf(stderr, "zel_agent: %s\n", failure.what.c_str());
     return 2;
   }
-  return result;
+  return 0;
 }
