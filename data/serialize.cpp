@@ -73,15 +73,6 @@ ReturnStatus AcquireBuffer(PropertyList *list, void **buffer, uint32_t *length, 
   return STATUS_OK;
 }
 
-void WriteHeader(uint8_t *out, uint32_t size) {
-  StoreU32(out, size);
-  StoreU32(out + 4, 0);
-  std::memcpy(out + 8, &kVersion, sizeof kVersion);
-  // Bytes 10 and 11 are reserved; zero keeps the output deterministic.
-  out[10] = 0;
-  out[11] = 0;
-}
-
 void Seal(uint8_t *out, uint32_t size) {
   StoreU32(out + size - kEndMarkerSize, 0);
   StoreU32(out + 4, Checksum(out, size));
@@ -301,6 +292,78 @@ ZEL_ALWAYS_INLINE inline ReturnStatus AppendEntries(PropertyList *list, const ui
 
 namespace zel::data {
 
+void WriteSerialHeader(uint8_t *out, uint32_t size) {
+  StoreU32(out, size);
+  StoreU32(out + 4, 0);
+  std::memcpy(out + 8, &kVersion, sizeof kVersion);
+  // Bytes 10 and 11 are reserved; zero keeps the output deterministic.
+  out[10] = 0;
+  out[11] = 0;
+}
+
+uint32_t SealSerialized(uint8_t *out, uint32_t size, uint32_t entrySum) {
+  StoreU32(out + size - kEndMarkerSize, 0);
+  // Data with an entry is at least 160 bytes, so its first five words lie
+  // outside the checksum; an empty list's only word there is the end marker.
+  const uint32_t checksum = size > kFirstSummedOffset ? entrySum - UnsummedPrefix(out) : 0;
+  StoreU32(out + 4, checksum);
+  return size + checksum + kVersion + entrySum;
+}
+
+uint32_t WriteEntryHeader(uint8_t *out, const char *name, uint32_t propType, uint32_t dataLength) {
+  const uint32_t entryLength = EntryLengthFor(dataLength);
+  StoreU32(out, entryLength);
+  std::memset(out + kNameOffset, 0, ZELDATA_NAME_SIZE);
+  std::memcpy(out + kNameOffset, name, strnlen(name, kMaxNameLength));
+  StoreU32(out + kPropTypeOffset, propType);
+  StoreU32(out + kDataLengthOffset, dataLength);
+  std::memset(out + kDataOffset + dataLength, 0, entryLength - kDataOffset - dataLength);
+  uint32_t sum = entryLength + propType + dataLength;
+  for (uint32_t off = kNameOffset; off < kPropTypeOffset; off += 4) {
+    sum += LoadU32(out + off);
+  }
+  return sum;
+}
+
+bool WriteSerializedList(PropertyList *list, uint8_t *out, uint32_t *wordSum) {
+  const uint32_t size = list->serialSize;
+  WriteSerialHeader(out, size);
+  const CopyWalk walk = WithBestIsa(
+      [&]() ZEL_ALWAYS_INLINE { return CopyEntries<true>(list, out, size, nullptr); });
+  if (walk.stoppedAt != nullptr || walk.remaining != kEndMarkerSize ||
+      walk.pos + kEndMarkerSize != size) {
+    return false;
+  }
+  *wordSum = SealSerialized(out, size, walk.sum);
+  return true;
+}
+
+ReturnStatus CheckSerialized(const void *data, uint32_t dataLength) {
+  const auto *d = static_cast<const uint8_t *>(data);
+  if (!HeaderFits(d, dataLength)) {
+    return STATUS_BAD_PARAM;
+  }
+  if (HeaderVersion(d) != kVersion) {
+    DiagPrint(zeldata_debug, 0, "Bad data: expected header version %d, actual %d\n", kVersion,
+              HeaderVersion(d));
+    return STATUS_BAD_PARAM;
+  }
+  if (!ChecksumMatches(d)) {
+    return STATUS_BAD_CHECKSUM;
+  }
+  uint32_t remaining = HeaderSize(d) - kHeaderSize;
+  uint32_t offset = kHeaderSize;
+  for (;;) {
+    const Walk w = CheckEntry(d, offset, remaining);
+    if (w == Walk::kEnd) {
+      return STATUS_OK;
+    }
+    if (w == Walk::kBad || !Advance(d, &offset, &remaining)) {
+      return STATUS_BAD_PARAM;
+    }
+  }
+}
+
 uint32_t Checksum(const uint8_t *data, uint32_t size) {
   const uint32_t words = size / 4;
   uint32_t sum = 0;
@@ -345,7 +408,7 @@ ZEL_API ReturnStatus ZELData_SerializeExNamedProp(PropertyList *list, void **buf
     return status;
   }
   auto *out = static_cast<uint8_t *>(*buffer);
-  WriteHeader(out, needed);
+  WriteSerialHeader(out, needed);
 
   const bool plain = excludePattern == nullptr && zeldata_debug < 2;
   const CopyWalk walk = WithBestIsa([&]() ZEL_ALWAYS_INLINE {
@@ -399,7 +462,7 @@ ZEL_API ReturnStatus ZELData_SerializeEntry(PropertyList *list, const char *name
     return status;
   }
   auto *out = static_cast<uint8_t *>(*buffer);
-  WriteHeader(out, needed);
+  WriteSerialHeader(out, needed);
   std::memcpy(out + kHeaderSize, Serial(e), entryLength);
   Seal(out, needed);
   *length = needed;
