@@ -7,6 +7,7 @@
 // (or list of strings) is written as base64 and tagged "string_base64"
 // ("string_list_base64"), so any bytes come back exactly.
 #include <charconv>
+#include <cstring>
 #include <limits>
 #include <nlohmann/json.hpp>
 #include <utility>
@@ -21,11 +22,18 @@ constexpr std::string_view kTypesKey = "@types";
 
 // ---------------------------------------------------------------- writing
 
+// Whether a byte must be written as an escape inside a JSON string.
+bool NeedsEscape(unsigned char c) { return c < 0x20 || c == '"' || c == '\\'; }
+
 void WriteString(std::string &out, std::string_view s) {
   static constexpr char kHex[] = "0123456789abcdef";
   out += '"';
-  for (char ch : s) {
-    auto c = static_cast<unsigned char>(ch);
+  size_t run = 0;  // start of the bytes not yet written
+  for (size_t i = 0; i < s.size(); ++i) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    if (!NeedsEscape(c)) continue;
+    out.append(s.data() + run, i - run);
+    run = i + 1;
     switch (c) {
       case '"': out += "\\\""; break;
       case '\\': out += "\\\\"; break;
@@ -35,15 +43,12 @@ void WriteString(std::string &out, std::string_view s) {
       case '\r': out += "\\r"; break;
       case '\t': out += "\\t"; break;
       default:
-        if (c < 0x20) {
-          out += "\\u00";
-          out += kHex[c >> 4];
-          out += kHex[c & 15];
-        } else {
-          out += ch;
-        }
+        out += "\\u00";
+        out += kHex[c >> 4];
+        out += kHex[c & 15];
     }
   }
+  out.append(s.data() + run, s.size() - run);
   out += '"';
 }
 
@@ -101,7 +106,12 @@ void WriteObject(std::string &out, const Object &node) {
     out += ':';
     switch (m.kind) {
       case Kind::kString:
-        WriteString(out, ValidUtf8(m.text) ? m.text : Base64Encode(m.text));
+        // A branch each, so that plain text is not copied on its way out.
+        if (ValidUtf8(m.text)) {
+          WriteString(out, m.text);
+        } else {
+          WriteString(out, Base64Encode(m.text));
+        }
         break;
       case Kind::kInt32:
       case Kind::kUint32:
@@ -115,7 +125,11 @@ void WriteObject(std::string &out, const Object &node) {
         out += '[';
         for (size_t i = 0; i < m.L().strings.size(); ++i) {
           if (i > 0) out += ',';
-          WriteString(out, plain ? m.L().strings[i] : Base64Encode(m.L().strings[i]));
+          if (plain) {
+            WriteString(out, m.L().strings[i]);
+          } else {
+            WriteString(out, Base64Encode(m.L().strings[i]));
+          }
         }
         out += ']';
         break;
@@ -365,6 +379,12 @@ class Builder : public nlohmann::json_sax<json> {
 bool ValidUtf8(std::string_view s) {
   size_t i = 0;
   const size_t n = s.size();
+  // Plain ASCII, eight bytes at a time: most keys and values are.
+  constexpr uint64_t kHighBits = 0x8080808080808080ull;
+  for (uint64_t word; i + 8 <= n; i += 8) {
+    std::memcpy(&word, s.data() + i, 8);
+    if ((word & kHighBits) != 0) break;
+  }
   while (i < n) {
     auto c = static_cast<unsigned char>(s[i]);
     if (c < 0x80) {
