@@ -1,7 +1,8 @@
 // The JSON form of configuration-store objects, and base64 for binary values.
 //
-// Reading goes through the event (SAX) parser of nlohmann-json straight into
-// the object tree; writing emits the text directly.  Both keep "@types" as
+// Reading parses the text with simdjson and feeds its elements, in document
+// order, as events to a builder that makes the object tree; writing emits the
+// text directly.  Both keep "@types" as
 // the record of the types that JSON cannot show (see configstore_client.h).
 // Text that is not valid UTF-8 cannot be a JSON string: such a string value
 // (or list of strings) is written as base64 and tagged "string_base64"
@@ -9,7 +10,7 @@
 #include <charconv>
 #include <cstring>
 #include <limits>
-#include <nlohmann/json.hpp>
+#include <simdjson.h>
 #include <utility>
 
 #include "host/configstore_internal.h"
@@ -158,32 +159,27 @@ void WriteObject(std::string &out, const Object &node) {
 
 // ---------------------------------------------------------------- reading
 
-using json = nlohmann::json;
-
 // Builds the tree from parser events.  Values arrive with their JSON kind
 // (integers as int64); an object's "@types" is applied when the object ends.
 // Any event that cannot belong to a valid object stops the parse.
-class Builder : public nlohmann::json_sax<json> {
+class Builder {
  public:
   explicit Builder(Object &root) : root_(root) {}
 
-  bool null() override { return false; }
-  bool boolean(bool v) override {
+  bool boolean(bool v) {
     Member *m = NewValue();
     if (m == nullptr) return false;
     m->kind = Kind::kBool;
     m->number = v ? 1 : 0;
     return true;
   }
-  bool number_integer(number_integer_t v) override { return Integer(v); }
-  bool number_unsigned(number_unsigned_t v) override {
+  bool number_integer(int64_t v) { return Integer(v); }
+  bool number_unsigned(uint64_t v) {
     if (v > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return false;
     return Integer(static_cast<int64_t>(v));
   }
-  bool number_float(number_float_t, const string_t &) override { return false; }
-  bool binary(binary_t &) override { return false; }
 
-  bool string(string_t &v) override {
+  bool string(std::string v) {
     if (frames_.empty()) return false;
     Frame &f = frames_.back();
     if (f.inTypes) {
@@ -203,13 +199,13 @@ class Builder : public nlohmann::json_sax<json> {
     return true;
   }
 
-  bool key(string_t &k) override {
+  bool key(std::string k) {
     if (k.empty()) return false;
     pendingKey_ = std::move(k);
     return true;
   }
 
-  bool start_object(std::size_t) override {
+  bool start_object() {
     if (frames_.empty()) {
       frames_.push_back(Frame{&root_});
       return true;
@@ -245,7 +241,7 @@ class Builder : public nlohmann::json_sax<json> {
     return true;
   }
 
-  bool end_object() override {
+  bool end_object() {
     Frame &f = frames_.back();
     if (f.inTypes) {
       f.inTypes = false;
@@ -262,7 +258,7 @@ class Builder : public nlohmann::json_sax<json> {
     return node->list->L().index.emplace(key->second.text, node).second;
   }
 
-  bool start_array(std::size_t) override {
+  bool start_array() {
     if (frames_.empty() || frames_.back().inTypes || frames_.back().array != nullptr) return false;
     Member *m = NewValue();
     if (m == nullptr) return false;
@@ -274,13 +270,9 @@ class Builder : public nlohmann::json_sax<json> {
     return true;
   }
 
-  bool end_array() override {
+  bool end_array() {
     frames_.pop_back();
     return true;
-  }
-
-  bool parse_error(std::size_t, const std::string &, const nlohmann::detail::exception &) override {
-    return false;
   }
 
  private:
@@ -374,6 +366,43 @@ class Builder : public nlohmann::json_sax<json> {
   std::string pendingKey_;
 };
 
+// Feeds an element and everything in it to the builder, in document order.
+// Null and fractional numbers belong to no valid object.
+bool Feed(Builder &b, simdjson::dom::element e) {
+  using Type = simdjson::dom::element_type;
+  switch (e.type()) {
+    case Type::OBJECT: {
+      if (!b.start_object()) return false;
+      const simdjson::dom::object object = e.get_object().value_unsafe();
+      for (simdjson::dom::key_value_pair field : object) {
+        if (!b.key(std::string(field.key)) || !Feed(b, field.value)) return false;
+      }
+      return b.end_object();
+    }
+    case Type::ARRAY: {
+      if (!b.start_array()) return false;
+      const simdjson::dom::array array = e.get_array().value_unsafe();
+      for (simdjson::dom::element item : array) {
+        if (!Feed(b, item)) return false;
+      }
+      return b.end_array();
+    }
+    case Type::STRING: return b.string(std::string(e.get_string().value_unsafe()));
+    case Type::INT64: return b.number_integer(e.get_int64().value_unsafe());
+    case Type::UINT64: return b.number_unsigned(e.get_uint64().value_unsafe());
+    case Type::BOOL: return b.boolean(e.get_bool().value_unsafe());
+    case Type::DOUBLE:
+    case Type::NULL_VALUE: return false;
+  }
+  return false;
+}
+
+// One parser per thread: it keeps its buffers from one document to the next.
+simdjson::dom::parser &Parser() {
+  thread_local simdjson::dom::parser parser;
+  return parser;
+}
+
 }  // namespace
 
 bool ValidUtf8(std::string_view s) {
@@ -440,8 +469,16 @@ int ParseContent(std::string_view text, Object &node) {
   Object scratch;
   scratch.root = node.root;
   scratch.depth = node.depth;
+  // A leading byte order mark is passed over and a NUL byte ends the text:
+  // the rules stored content has always been read by.
+  constexpr std::string_view kBom = "\xEF\xBB\xBF";
+  if (text.substr(0, kBom.size()) == kBom) text.remove_prefix(kBom.size());
+  text = text.substr(0, text.find('\0'));
+  simdjson::dom::element document;
+  if (Parser().parse(text.data(), text.size(), true).get(document) != simdjson::SUCCESS)
+    return kCorrupt;
   Builder builder(scratch);
-  if (!json::sax_parse(text.begin(), text.end(), &builder)) return kCorrupt;
+  if (!Feed(builder, document)) return kCorrupt;
   node.members = std::move(scratch.members);  // map nodes move, addresses stay
   for (auto &[key, m] : node.members) {
     if (m.child) m.child->parent = &node;
