@@ -192,6 +192,23 @@ bool ChecksumMatches(const uint8_t *d) {
   return true;
 }
 
+// The checks of ZELData_DeserializeWithPropType before the entries: the
+// header, the version, then the checksum.
+ReturnStatus CheckHeader(const uint8_t *d, uint32_t dataLength) {
+  if (!HeaderFits(d, dataLength)) {
+    return STATUS_BAD_PARAM;
+  }
+  if (HeaderVersion(d) != kVersion) {
+    DiagPrint(zeldata_debug, 0, "Bad data: expected header version %d, actual %d\n", kVersion,
+              HeaderVersion(d));
+    return STATUS_BAD_PARAM;
+  }
+  if (!ChecksumMatches(d)) {
+    return STATUS_BAD_CHECKSUM;
+  }
+  return STATUS_OK;
+}
+
 // Moves past an entry; false (with its message) when fewer than 4 bytes remain.
 bool Advance(const uint8_t *d, uint32_t *offset, uint32_t *remaining) {
   const uint32_t entryLength = LoadU32(d + *offset);
@@ -340,16 +357,8 @@ bool WriteSerializedList(PropertyList *list, uint8_t *out, uint32_t *wordSum) {
 
 ReturnStatus CheckSerialized(const void *data, uint32_t dataLength) {
   const auto *d = static_cast<const uint8_t *>(data);
-  if (!HeaderFits(d, dataLength)) {
-    return STATUS_BAD_PARAM;
-  }
-  if (HeaderVersion(d) != kVersion) {
-    DiagPrint(zeldata_debug, 0, "Bad data: expected header version %d, actual %d\n", kVersion,
-              HeaderVersion(d));
-    return STATUS_BAD_PARAM;
-  }
-  if (!ChecksumMatches(d)) {
-    return STATUS_BAD_CHECKSUM;
+  if (ReturnStatus status = CheckHeader(d, dataLength); status != STATUS_OK) {
+    return status;
   }
   uint32_t remaining = HeaderSize(d) - kHeaderSize;
   uint32_t offset = kHeaderSize;
@@ -473,16 +482,8 @@ ZEL_API ReturnStatus ZELData_DeserializeWithPropType(PropertyList **out, const v
                                                      uint32_t dataLength, ZELDataAllocFn allocFn,
                                                      ZELDataFreeFn freeFn, uint32_t typeMask) {
   const auto *d = static_cast<const uint8_t *>(data);
-  if (!HeaderFits(d, dataLength)) {
-    return STATUS_BAD_PARAM;
-  }
-  if (HeaderVersion(d) != kVersion) {
-    DiagPrint(zeldata_debug, 0, "Bad data: expected header version %d, actual %d\n", kVersion,
-              HeaderVersion(d));
-    return STATUS_BAD_PARAM;
-  }
-  if (!ChecksumMatches(d)) {
-    return STATUS_BAD_CHECKSUM;
+  if (ReturnStatus status = CheckHeader(d, dataLength); status != STATUS_OK) {
+    return status;
   }
   PropertyList *list = nullptr;
   if (ZELData_Alloc(&list, allocFn, freeFn) != STATUS_OK) {

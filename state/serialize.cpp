@@ -116,36 +116,6 @@ void ReplaceList(PropertyList **slot, PropertyList *list) {
   }
 }
 
-// Rebuilds the switch from its blob list L once it was added.
-ReturnStatus FillSwitch(const char *switchId, PropertyList *list, PropertyList *hostList) {
-  ZELData_Remove(list, kClassName);
-  ZELData_Remove(list, kMaxPorts);
-  ZELData_Remove(list, kSwitchVersion);
-  SwitchState *sw = ZELState_SwitchFind(switchId);
-  if (sw == nullptr) {
-    ZEL_LOG(0, "ZEL %s acquire failed\n", switchId);
-    ZELData_Free(hostList);
-    return STATUS_NOT_FOUND;
-  }
-  ReplaceList(&sw->hostProps, hostList);
-  PropertyList *globalList = nullptr;
-  ReturnStatus status = ExtractNestedList(list, kGlobalPropList, &globalList);
-  if (status != STATUS_OK) {
-    return status;
-  }
-  ReplaceList(&sw->globalProps, globalList);
-  PropertyEntry *entry = nullptr;
-  while (ZELData_Next(list, entry, &entry) == STATUS_OK) {
-    void *value = nullptr;
-    uint32_t length = ZELData_Data(entry, &value);
-    status = ZELState_PortDeserialize(switchId, ZELData_Name(entry), value, length);
-    if (status != STATUS_OK) {
-      return status;
-    }
-  }
-  return STATUS_OK;
-}
-
 // ---- The state blob written in place ----
 //
 // Built level by level, every byte of a port list is copied four times (into
@@ -379,6 +349,19 @@ class CheckedData {
       }
     }
   }
+  // Calls fn(name, value, length) for each kept entry in order while it
+  // returns STATUS_OK; returns the last result.
+  template <class Fn>
+  ReturnStatus ForEachNamed(Fn &&fn) const {
+    ReturnStatus status = STATUS_OK;
+    ForEach([&](uint32_t off) {
+      char name[ZELDATA_NAME_SIZE];
+      Name(off, name);
+      status = fn(name, Value(off), Length(off));
+      return status == STATUS_OK;
+    });
+    return status;
+  }
   // The offset of the first kept entry named `name`, or 0.
   uint32_t Find(const char *name) const {
     uint32_t found = 0;
@@ -417,37 +400,105 @@ ReturnStatus ReadU32At(const CheckedData &data, uint32_t off, uint32_t *out) {
   return STATUS_OK;
 }
 
-// ReadSwitchHeader on data read in place.
-ReturnStatus ReadSwitchHeaderAt(const CheckedData &data, const SwitchEntries &at,
-                                SwitchHeader *header) {
-  if (at.version != 0) {
-    if (ReturnStatus status = ReadU32At(data, at.version, &header->version); status != STATUS_OK) {
-      return status;
-    }
-  }
-  if (at.className == 0) {
-    return STATUS_NOT_FOUND;
-  }
-  const auto *text = reinterpret_cast<const char *>(data.Value(at.className));
-  if (std::memchr(text, '\0', data.Length(at.className)) == nullptr) {
-    return STATUS_BAD_PARAM;
-  }
-  std::snprintf(header->className, sizeof header->className, "%s", text);
-  return at.maxPorts == 0 ? STATUS_NOT_FOUND : ReadU32At(data, at.maxPorts, &header->maxPorts);
-}
+// A switch blob as a list L, as the deserializer builds it: the source of
+// the deserializer's traces.
+class ListSource {
+ public:
+  explicit ListSource(PropertyList *list) : list_(list) {}
+  ~ListSource() { ZELData_Free(list_); }
+  ListSource(const ListSource &) = delete;
+  ListSource &operator=(const ListSource &) = delete;
 
-// ExtractNestedList on data read in place.
-ReturnStatus NestedListAt(const CheckedData &data, uint32_t off, PropertyList **inner) {
-  *inner = nullptr;
-  if (off == 0) {
+  ReturnStatus ReadHeader(SwitchHeader *header) { return ReadSwitchHeader(list_, header); }
+  ReturnStatus Nested(const char *name, PropertyList **inner) {
+    return ExtractNestedList(list_, name, inner);
+  }
+  // Takes the header entries out, so that every other entry is a port.
+  void DropHeader() {
+    ZELData_Remove(list_, kClassName);
+    ZELData_Remove(list_, kMaxPorts);
+    ZELData_Remove(list_, kSwitchVersion);
+  }
+  // Calls fn(name, value, length) for each entry left while it returns
+  // STATUS_OK; once the header and the nested lists are out, the ports.
+  template <class Fn>
+  ReturnStatus ForEachEntry(Fn &&fn) {
+    PropertyEntry *entry = nullptr;
+    while (ZELData_Next(list_, entry, &entry) == STATUS_OK) {
+      void *value = nullptr;
+      const uint32_t length = ZELData_Data(entry, &value);
+      if (ReturnStatus status = fn(ZELData_Name(entry), value, length); status != STATUS_OK) {
+        return status;
+      }
+    }
     return STATUS_OK;
   }
-  return ZELData_Deserialize(inner, data.Value(off), data.Length(off), AllocFn(), FreeFn());
-}
 
-// FillSwitch on data read in place.
-ReturnStatus FillSwitchAt(const char *switchId, const CheckedData &data, const SwitchEntries &at,
-                          PropertyList *hostList) {
+ private:
+  PropertyList *list_;
+};
+
+// A checked switch blob read in place.  Each named entry counts at its first
+// occurrence, as the list's lookups find it.
+class BlobSource {
+ public:
+  explicit BlobSource(const void *blob)
+      : data_(blob),
+        at_{data_.Find(kSwitchVersion), data_.Find(kClassName), data_.Find(kMaxPorts),
+            data_.Find(kGlobalPropList), data_.Find(kHostPropList)} {}
+
+  ReturnStatus ReadHeader(SwitchHeader *header) const {
+    if (at_.version != 0) {
+      if (ReturnStatus status = ReadU32At(data_, at_.version, &header->version);
+          status != STATUS_OK) {
+        return status;
+      }
+    }
+    if (at_.className == 0) {
+      return STATUS_NOT_FOUND;
+    }
+    const auto *text = reinterpret_cast<const char *>(data_.Value(at_.className));
+    if (std::memchr(text, '\0', data_.Length(at_.className)) == nullptr) {
+      return STATUS_BAD_PARAM;
+    }
+    std::snprintf(header->className, sizeof header->className, "%s", text);
+    return at_.maxPorts == 0 ? STATUS_NOT_FOUND : ReadU32At(data_, at_.maxPorts, &header->maxPorts);
+  }
+  ReturnStatus Nested(const char *name, PropertyList **inner) const {
+    *inner = nullptr;
+    const uint32_t off = std::strcmp(name, kHostPropList) == 0 ? at_.host : at_.global;
+    return off == 0 ? STATUS_OK
+                    : ZELData_Deserialize(inner, data_.Value(off), data_.Length(off), AllocFn(),
+                                          FreeFn());
+  }
+  void DropHeader() const {}
+  // Calls fn(portId, value, length) for each entry other than the five
+  // named ones while it returns STATUS_OK.
+  template <class Fn>
+  ReturnStatus ForEachEntry(Fn &&fn) const {
+    ReturnStatus status = STATUS_OK;
+    data_.ForEach([&](uint32_t off) {
+      if (off == at_.version || off == at_.className || off == at_.maxPorts || off == at_.global ||
+          off == at_.host) {
+        return true;
+      }
+      char portId[ZELDATA_NAME_SIZE];
+      data_.Name(off, portId);
+      status = fn(portId, data_.Value(off), data_.Length(off));
+      return status == STATUS_OK;
+    });
+    return status;
+  }
+
+ private:
+  CheckedData data_;
+  SwitchEntries at_;
+};
+
+// Rebuilds the switch from its source once it was added.
+template <class Source>
+ReturnStatus FillSwitch(const char *switchId, Source &source, PropertyList *hostList) {
+  source.DropHeader();
   SwitchState *sw = ZELState_SwitchFind(switchId);
   if (sw == nullptr) {
     ZEL_LOG(0, "ZEL %s acquire failed\n", switchId);
@@ -456,33 +507,24 @@ ReturnStatus FillSwitchAt(const char *switchId, const CheckedData &data, const S
   }
   ReplaceList(&sw->hostProps, hostList);
   PropertyList *globalList = nullptr;
-  ReturnStatus status = NestedListAt(data, at.global, &globalList);
+  ReturnStatus status = source.Nested(kGlobalPropList, &globalList);
   if (status != STATUS_OK) {
     return status;
   }
   ReplaceList(&sw->globalProps, globalList);
-  data.ForEach([&](uint32_t off) {
-    if (off == at.version || off == at.className || off == at.maxPorts || off == at.global ||
-        off == at.host) {
-      return true;
-    }
-    char portId[ZELDATA_NAME_SIZE];
-    data.Name(off, portId);
-    status = ZELState_PortDeserialize(switchId, portId, data.Value(off), data.Length(off));
-    return status == STATUS_OK;
+  return source.ForEachEntry([&](const char *portId, const void *value, uint32_t length) {
+    return ZELState_PortDeserialize(switchId, portId, value, length);
   });
-  return status;
 }
 
-// ZELState_SwitchDeserialize from its second step on, on checked data.
-ReturnStatus SwitchDeserializeAt(const char *switchId, const CheckedData &data) {
-  const SwitchEntries at{data.Find(kSwitchVersion), data.Find(kClassName), data.Find(kMaxPorts),
-                         data.Find(kGlobalPropList), data.Find(kHostPropList)};
+// ZELState_SwitchDeserialize once its blob was read.
+template <class Source>
+ReturnStatus SwitchDeserializeFrom(const char *switchId, Source &source) {
   SwitchHeader header;
   PropertyList *hostList = nullptr;
-  ReturnStatus status = ReadSwitchHeaderAt(data, at, &header);
+  ReturnStatus status = source.ReadHeader(&header);
   if (status == STATUS_OK) {
-    status = NestedListAt(data, at.host, &hostList);
+    status = source.Nested(kHostPropList, &hostList);
   }
   if (status == STATUS_OK) {
     status = ZELState_SwitchAdd(switchId, header.className, header.maxPorts, header.version);
@@ -496,7 +538,7 @@ ReturnStatus SwitchDeserializeAt(const char *switchId, const CheckedData &data) 
     ZEL_LOG(1, "ZELState_SwitchDeserialize zel %s return %s\n", switchId, StatusText(status));
     return status;
   }
-  status = FillSwitchAt(switchId, data, at, hostList);
+  status = FillSwitch(switchId, source, hostList);
   if (status != STATUS_OK) {
     SwitchRemoveNoLock(switchId);
     ZEL_LOG(0, "ZELState_SwitchDeserialize zel %s return %s\n", switchId, StatusText(status));
@@ -601,85 +643,46 @@ ReturnStatus ZELState_PortSerialize(PortState *port, void **buffer, uint32_t *le
 
 ReturnStatus ZELState_ConfigDeserialize(const void *blob, uint32_t length) {
   ZEL_LOG(1, "ZELState_ConfigDeserialize\n");
-  if (ReadInPlace()) {
-    ReturnStatus status = zd::CheckSerialized(blob, length);
-    if (status != STATUS_OK) {
-      ZEL_LOG(0, "ZELState_ConfigDeserialize failed %s\n", StatusText(status));
-      return status;
-    }
-    const CheckedData outer(blob);
-    outer.ForEach([&](uint32_t off) {
-      char switchId[ZELDATA_NAME_SIZE];
-      outer.Name(off, switchId);
-      status = ZELState_SwitchDeserialize(switchId, outer.Value(off), outer.Length(off));
-      if (status != STATUS_OK) {
-        ZEL_LOG(0, "ZELState_SwitchDeserialize failed %s\n", StatusText(status));
-        ZELState_ConfigReset();
-      }
-      return status == STATUS_OK;
-    });
-    return status;
-  }
   PropertyList *outer = nullptr;
-  ReturnStatus status = ZELData_Deserialize(&outer, blob, length, AllocFn(), FreeFn());
+  ReturnStatus status = ReadInPlace()
+                            ? zd::CheckSerialized(blob, length)
+                            : ZELData_Deserialize(&outer, blob, length, AllocFn(), FreeFn());
   if (status != STATUS_OK) {
     ZEL_LOG(0, "ZELState_ConfigDeserialize failed %s\n", StatusText(status));
     return status;
   }
-  PropertyEntry *entry = nullptr;
-  while (ZELData_Next(outer, entry, &entry) == STATUS_OK) {
-    void *value = nullptr;
-    uint32_t valueLength = ZELData_Data(entry, &value);
-    status = ZELState_SwitchDeserialize(ZELData_Name(entry), value, valueLength);
-    if (status != STATUS_OK) {
-      ZEL_LOG(0, "ZELState_SwitchDeserialize failed %s\n", StatusText(status));
+  auto addSwitch = [](const char *switchId, const void *value, uint32_t valueLength) {
+    const ReturnStatus added = ZELState_SwitchDeserialize(switchId, value, valueLength);
+    if (added != STATUS_OK) {
+      ZEL_LOG(0, "ZELState_SwitchDeserialize failed %s\n", StatusText(added));
       ZELState_ConfigReset();
-      break;
     }
+    return added;
+  };
+  if (outer == nullptr) {
+    return CheckedData(blob).ForEachNamed(addSwitch);
   }
-  ZELData_Free(outer);
-  return status;
+  ListSource list(outer);
+  return list.ForEachEntry(addSwitch);
 }
 
 ReturnStatus ZELState_SwitchDeserialize(const char *switchId, const void *blob, uint32_t length) {
   ZEL_LOG(1, "ZELState_SwitchDeserialize %s\n", switchId);
   if (ReadInPlace()) {
     const ReturnStatus status = zd::CheckSerialized(blob, length);
-    return status == STATUS_OK ? SwitchDeserializeAt(switchId, CheckedData(blob)) : status;
+    if (status != STATUS_OK) {
+      return status;
+    }
+    BlobSource source(blob);
+    return SwitchDeserializeFrom(switchId, source);
   }
   PropertyList *list = nullptr;
-  ReturnStatus status = ZELData_Deserialize(&list, blob, length, AllocFn(), FreeFn());
+  const ReturnStatus status = ZELData_Deserialize(&list, blob, length, AllocFn(), FreeFn());
   if (status != STATUS_OK) {
     return status;
   }
-  SwitchHeader header;
-  PropertyList *hostList = nullptr;
-  status = ReadSwitchHeader(list, &header);
-  if (status == STATUS_OK) {
-    status = ExtractNestedList(list, kHostPropList, &hostList);
-  }
-  if (status == STATUS_OK) {
-    status = ZELState_SwitchAdd(switchId, header.className, header.maxPorts, header.version);
-    if (status != STATUS_OK) {
-      ZEL_LOG(0, "ZELState_SwitchDeserialize Switch add failed %s/%s/%s/%d\n", switchId,
-              header.className, "", static_cast<int>(header.maxPorts));
-      ZELData_Free(hostList);
-    }
-  }
-  if (status != STATUS_OK) {
-    ZELData_Free(list);
-    ZEL_LOG(1, "ZELState_SwitchDeserialize zel %s return %s\n", switchId, StatusText(status));
-    return status;
-  }
-  status = FillSwitch(switchId, list, hostList);
-  ZELData_Free(list);
-  if (status != STATUS_OK) {
-    SwitchRemoveNoLock(switchId);
-    ZEL_LOG(0, "ZELState_SwitchDeserialize zel %s return %s\n", switchId, StatusText(status));
-    return status;
-  }
-  ZEL_LOG(1, "ZELState_SwitchDeserialize zel %s return %s\n", switchId, StatusText(status));
-  return STATUS_OK;
+  ListSource source(list);
+  return SwitchDeserializeFrom(switchId, source);
 }
 
 ReturnStatus ZELState_PortDeserialize(const char *switchId, const char *portId, const void *data,

@@ -51,6 +51,17 @@ TEST_F(StateTest, BlobWrittenInPlaceEqualsLevelByLevel) {
   EXPECT_EQ(direct.out, nested.out);
   EXPECT_NE(direct.out.find("ZEL version 3 is smaller than 6.0."), std::string::npos);
 
+  // Read back in place and, with the deserializer's traces on, through lists.
+  for (int level : {-1, 2}) {
+    ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
+    zeltest::ScopedLevel data(zeldata_debug, level);
+    zeltest::CaptureStdout([&] {
+      ASSERT_EQ(ZELState_ConfigDeserialize(direct.blob.data(), uint32_t(direct.blob.size())),
+                STATUS_OK);
+    });
+    EXPECT_EQ(Serialize(true).blob, direct.blob) << level;
+  }
+
   // A port list whose serialSize disagrees with its entries fails both ways alike.
   PropertyList *p1 = ZEL_PortData(ZELState_PortFind("old", "p1"));
   p1->serialSize += 4;
