@@ -26,15 +26,32 @@ constexpr std::string_view kTypesKey = "@types";
 // Whether a byte must be written as an escape inside a JSON string.
 bool NeedsEscape(unsigned char c) { return c < 0x20 || c == '"' || c == '\\'; }
 
+// Whether one of the eight bytes of `w` needs an escape (bit tricks that
+// find a byte below 0x20 and a byte equal to '"' or '\\' without a branch).
+bool AnyNeedsEscape(uint64_t w) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull;
+  constexpr uint64_t kHigh = 0x8080808080808080ull;
+  const auto below = [&](uint64_t x, uint64_t n) { return (x - kOnes * n) & ~x & kHigh; };
+  return (below(w, 0x20) | below(w ^ (kOnes * '"'), 1) | below(w ^ (kOnes * '\\'), 1)) != 0;
+}
+
 void WriteString(std::string &out, std::string_view s) {
   static constexpr char kHex[] = "0123456789abcdef";
   out += '"';
   size_t run = 0;  // start of the bytes not yet written
-  for (size_t i = 0; i < s.size(); ++i) {
-    const auto c = static_cast<unsigned char>(s[i]);
+  for (size_t i = 0; i < s.size();) {
+    if (i + 8 <= s.size()) {
+      uint64_t word;
+      std::memcpy(&word, s.data() + i, sizeof word);
+      if (!AnyNeedsEscape(word)) {
+        i += 8;  // eight plain bytes
+        continue;
+      }
+    }
+    const auto c = static_cast<unsigned char>(s[i++]);
     if (!NeedsEscape(c)) continue;
-    out.append(s.data() + run, i - run);
-    run = i + 1;
+    out.append(s.data() + run, i - 1 - run);
+    run = i;
     switch (c) {
       case '"': out += "\\\""; break;
       case '\\': out += "\\\\"; break;
