@@ -10,6 +10,7 @@
 
 #include "configstore/kinds.h"
 #include "configstore/persist.h"
+#include "data/property_list_internal.h"
 #include "host/status_text.h"
 
 namespace zel::persist {
@@ -73,18 +74,19 @@ NameSet NamesOf(PropertyList *list) {
 // ZELData_Update does; `names`, when given, are the names `outer` holds.
 ReturnStatus Nest(PropertyList *outer, const char *name, PropertyList *inner, uint32_t version,
                   NameSet *names = nullptr) {
+  if (names != nullptr && names->count(name) == 0) {
+    const ReturnStatus status =
+        zel::data::AppendSerialized(outer, name, inner, version, kLibraryType);
+    if (status == STATUS_OK) {
+      names->emplace(name, strnlen(name, ZELDATA_NAME_SIZE - 1));
+    }
+    return status;
+  }
   void *buffer = nullptr;
   uint32_t length = 0;
   ReturnStatus status = ZELData_Serialize(inner, &buffer, &length, version);
   if (status == STATUS_OK) {
-    if (names != nullptr && names->count(name) == 0) {
-      status = ZELData_Append(outer, name, buffer, length, kLibraryType);
-      if (status == STATUS_OK) {
-        names->emplace(name, strnlen(name, ZELDATA_NAME_SIZE - 1));
-      }
-    } else {
-      status = ZELData_Update(outer, name, buffer, length, kLibraryType);
-    }
+    status = ZELData_Update(outer, name, buffer, length, kLibraryType);
     ZELData_FreeAssocData(inner, buffer);
   }
   return status;

@@ -99,6 +99,15 @@ uint32_t WriteEntryHeader(uint8_t *out, const char *name, uint32_t propType, uin
 // entries; out then holds nothing usable.
 bool WriteSerializedList(PropertyList *list, uint8_t *out, uint32_t *wordSum);
 
+// ZELData_Serialize of `inner` (version 4 or above) followed by
+// ZELData_Append of the bytes to `outer`, with the serialized form written
+// straight into the new entry instead of a buffer between the two.  Only
+// without traces (zeldata_debug below 2); a list whose serialSize disagrees
+// with its entries, or a value too large for `outer`, goes the two calls'
+// way for their statuses and messages.
+ReturnStatus AppendSerialized(PropertyList *outer, const char *name, PropertyList *inner,
+                              uint32_t version, uint32_t propType);
+
 // Checks serialized data as ZELData_DeserializeWithPropType does, in the same
 // order and with the same messages and statuses, without building a list.
 // Data that passes can be walked in place: entries from offset kHeaderSize

@@ -355,6 +355,34 @@ bool WriteSerializedList(PropertyList *list, uint8_t *out, uint32_t *wordSum) {
   return true;
 }
 
+ReturnStatus AppendSerialized(PropertyList *outer, const char *name, PropertyList *inner,
+                              uint32_t version, uint32_t propType) {
+  const uint32_t size = inner->serialSize;
+  if (version >= 4 && zeldata_debug < 2 && FitsFormat(outer, size)) {
+    const uint64_t blockSize = uint64_t{kLinkSize} + EntryLengthFor(size);
+    auto *e = static_cast<PropertyEntry *>(outer->allocFn(blockSize));
+    if (e == nullptr) {
+      return STATUS_NO_MEMORY;
+    }
+    SetNext(e, nullptr);
+    WriteEntryHeader(Serial(e), name, propType, size);
+    uint32_t sum = 0;
+    if (WriteSerializedList(inner, DataOf(e), &sum)) {
+      LinkAtTail(outer, e);
+      return STATUS_OK;
+    }
+    outer->freeFn(e);
+  }
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  ReturnStatus status = ZELData_Serialize(inner, &buffer, &length, version);
+  if (status == STATUS_OK) {
+    status = ZELData_Append(outer, name, buffer, length, propType);
+    ZELData_FreeAssocData(inner, buffer);
+  }
+  return status;
+}
+
 ReturnStatus CheckSerialized(const void *data, uint32_t dataLength) {
   const auto *d = static_cast<const uint8_t *>(data);
   if (ReturnStatus status = CheckHeader(d, dataLength); status != STATUS_OK) {
