@@ -82,14 +82,7 @@ ReturnStatus Nest(PropertyList *outer, const char *name, PropertyList *inner, ui
     }
     return status;
   }
-  void *buffer = nullptr;
-  uint32_t length = 0;
-  ReturnStatus status = ZELData_Serialize(inner, &buffer, &length, version);
-  if (status == STATUS_OK) {
-    status = ZELData_Update(outer, name, buffer, length, kLibraryType);
-    ZELData_FreeAssocData(inner, buffer);
-  }
-  return status;
+  return zel::data::SerializeInto(outer, name, inner, version, kLibraryType, ZELData_Update);
 }
 
 uint32_t LoadProps(const char *listName, cs::Object *object, PropertyList *switchList,

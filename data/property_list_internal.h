@@ -99,6 +99,13 @@ uint32_t WriteEntryHeader(uint8_t *out, const char *name, uint32_t propType, uin
 // entries; out then holds nothing usable.
 bool WriteSerializedList(PropertyList *list, uint8_t *out, uint32_t *wordSum);
 
+// ZELData_Serialize of `inner` with `version` into a buffer from its
+// allocator, then `put` (ZELData_Append or ZELData_Update) of the bytes under
+// `name` in `outer`; the buffer is released.  The first failing status.
+using PutFn = ReturnStatus (*)(PropertyList *, const char *, const void *, uint32_t, uint32_t);
+ReturnStatus SerializeInto(PropertyList *outer, const char *name, PropertyList *inner,
+                           uint32_t version, uint32_t propType, PutFn put);
+
 // ZELData_Serialize of `inner` (version 4 or above) followed by
 // ZELData_Append of the bytes to `outer`, with the serialized form written
 // straight into the new entry instead of a buffer between the two.  Only

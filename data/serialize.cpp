@@ -373,11 +373,16 @@ ReturnStatus AppendSerialized(PropertyList *outer, const char *name, PropertyLis
     }
     outer->freeFn(e);
   }
+  return SerializeInto(outer, name, inner, version, propType, ZELData_Append);
+}
+
+ReturnStatus SerializeInto(PropertyList *outer, const char *name, PropertyList *inner,
+                           uint32_t version, uint32_t propType, PutFn put) {
   void *buffer = nullptr;
   uint32_t length = 0;
   ReturnStatus status = ZELData_Serialize(inner, &buffer, &length, version);
   if (status == STATUS_OK) {
-    status = ZELData_Append(outer, name, buffer, length, propType);
+    status = put(outer, name, buffer, length, propType);
     ZELData_FreeAssocData(inner, buffer);
   }
   return status;

@@ -35,15 +35,7 @@ ReturnStatus StoreNestedList(PropertyList *outer, const char *name, PropertyList
   if (inner == nullptr) {
     return STATUS_OK;
   }
-  void *buffer = nullptr;
-  uint32_t length = 0;
-  ReturnStatus status = ZELData_Serialize(inner, &buffer, &length, version);
-  if (status != STATUS_OK) {
-    return status;
-  }
-  status = ZELData_Update(outer, name, buffer, length, kTypeLibrary);
-  ZELData_FreeAssocData(inner, buffer);
-  return status;
+  return zel::data::SerializeInto(outer, name, inner, version, kTypeLibrary, ZELData_Update);
 }
 
 // Takes the entry `name` out of `outer` and deserializes it into *inner
