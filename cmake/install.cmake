@@ -56,7 +56,7 @@ set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION admin)
 # The static library and the CMake target zel::zel_static need SQLite's own
 # development files.
-set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libsqlite3-dev")
+set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS "libsqlite3-dev, libsimdjson-dev")
 set(CPACK_COMPONENT_DEV_DEPENDS runtime)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
 set(CPACK_COMPONENT_RUNTIME_DESCRIPTION "libzel shared library")

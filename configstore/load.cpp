@@ -5,9 +5,12 @@
 // not touched.
 #include <cstdlib>
 #include <cstring>
+#include <string>
+#include <unordered_set>
 
 #include "configstore/kinds.h"
 #include "configstore/persist.h"
+#include "data/property_list_internal.h"
 #include "host/status_text.h"
 
 namespace zel::persist {
@@ -52,17 +55,39 @@ struct Owned {
   }
 };
 
-// Serializes `inner` with `version` into `outer` under `name` (type 16).
-ReturnStatus Nest(PropertyList *outer, const char *name, PropertyList *inner, uint32_t version) {
-  void *buffer = nullptr;
-  uint32_t length = 0;
-  ReturnStatus status = ZELData_Serialize(inner, &buffer, &length, version);
-  if (status == STATUS_OK) {
-    status = ZELData_Update(outer, name, buffer, length, kLibraryType);
-    ZELData_FreeAssocData(inner, buffer);
+// The names a switch list holds, as its entries hold them (cut to 127
+// characters).  A name matches an entry exactly when it equals one of them,
+// so a port's entry is appended without the update's walk over the list,
+// which made the ports of a switch cost the square of their number.
+using NameSet = std::unordered_set<std::string>;
+
+NameSet NamesOf(PropertyList *list) {
+  NameSet names;
+  PropertyEntry *entry = nullptr;
+  while (ZELData_Next(list, entry, &entry) == STATUS_OK) {
+    names.emplace(ZELData_Name(entry));
   }
-  return status;
+  return names;
 }
+
+// Serializes `inner` with `version` into `outer` under `name` (type 16), as
+// ZELData_Update does; `names`, when given, are the names `outer` holds.
+ReturnStatus Nest(PropertyList *outer, const char *name, PropertyList *inner, uint32_t version,
+                  NameSet *names = nullptr) {
+  if (names != nullptr && names->count(name) == 0) {
+    const ReturnStatus status =
+        zel::data::AppendSerialized(outer, name, inner, version, kLibraryType);
+    if (status == STATUS_OK) {
+      names->emplace(name, strnlen(name, ZELDATA_NAME_SIZE - 1));
+    }
+    return status;
+  }
+  return zel::data::SerializeInto(outer, name, inner, version, kLibraryType, ZELData_Update);
+}
+
+uint32_t LoadProps(const char *listName, cs::Object *object, PropertyList *switchList,
+                   uint32_t tableIndex, uint32_t version, cs::Object *resourceManagement,
+                   NameSet *names);
 
 uint32_t LoadRow(const LoadArgs &args, uint32_t kind) {
   const KindCase *c = FindKind(kind);
@@ -117,6 +142,7 @@ uint32_t LoadPorts(cs::Object *object, PropertyList *switchList, uint32_t versio
     return status == cs::kNotFound ? 0 : Status(status);
   }
   cs::GetValueStringArray(object, "uplink_port_keys", &ports.uplinkKeys, &ports.numUplinkKeys);
+  NameSet names = NamesOf(switchList);
 
   for (int i = 0; i < ports.count; ++i) {
     Owned key;
@@ -130,9 +156,8 @@ uint32_t LoadPorts(cs::Object *object, PropertyList *switchList, uint32_t versio
     }
     const bool uplink = ports.numUplinkKeys > 0 &&
                         StringExistInArray(key.text, ports.uplinkKeys, ports.numUplinkKeys);
-    const uint32_t result = LoadPropsFromConfigStore(key.text, ports.elements[i], switchList,
-                                                     kTablePort, version,
-                                                     uplink ? resourceManagement : nullptr);
+    const uint32_t result = LoadProps(key.text, ports.elements[i], switchList, kTablePort, version,
+                                      uplink ? resourceManagement : nullptr, &names);
     if (result == kAbsent) {
       continue;
     }
@@ -313,11 +338,9 @@ uint32_t LoadBuf(void **blob, uint32_t *length, bool desired) {
   return 0;
 }
 
-}  // namespace
-
-uint32_t LoadPropsFromConfigStore(const char *listName, cs::Object *object,
-                                  PropertyList *switchList, uint32_t tableIndex, uint32_t version,
-                                  cs::Object *resourceManagement) {
+uint32_t LoadProps(const char *listName, cs::Object *object, PropertyList *switchList,
+                   uint32_t tableIndex, uint32_t version, cs::Object *resourceManagement,
+                   NameSet *names) {
   const PropToConfigEntry *rows = GetConfigMap(static_cast<int>(tableIndex));
   CS_TRACE("LoadProps: %s\n", listName);
   Owned result;
@@ -355,13 +378,21 @@ uint32_t LoadPropsFromConfigStore(const char *listName, cs::Object *object,
       ReportRow(kPortPoolsName, kPortPoolsKey, kKindPortResourcePools, status);
     }
   }
-  if (status == 0 && Nest(switchList, listName, result.list, version) != STATUS_OK) {
+  if (status == 0 && Nest(switchList, listName, result.list, version, names) != STATUS_OK) {
     status = kFailure;
   }
   if (status != 0) {
     CS_ERROR("Load zel props from configstore failed, props type:%s\n", listName);
   }
   return status;
+}
+
+}  // namespace
+
+uint32_t LoadPropsFromConfigStore(const char *listName, cs::Object *object,
+                                  PropertyList *switchList, uint32_t tableIndex, uint32_t version,
+                                  cs::Object *resourceManagement) {
+  return LoadProps(listName, object, switchList, tableIndex, version, resourceManagement, nullptr);
 }
 
 uint32_t GetForwardingClass(cs::Object *switchObject, char **className) {

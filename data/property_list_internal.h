@@ -78,6 +78,49 @@ inline bool NameMatches(const char *a, const char *b) {
 // to 31 are not covered; the kernel module computes the same sum.
 uint32_t Checksum(const uint8_t *data, uint32_t size);
 
+// Writers of serialized data straight into a buffer laid out by the caller
+// (nested data is written in place instead of being copied level by level).
+// Each returns, or leaves in *wordSum, the wrapping sum of every 32-bit word
+// it wrote, so that the enclosing level's checksum needs no second read.
+//
+// The header of serialized data of `size` bytes, its checksum still 0.
+void WriteSerialHeader(uint8_t *out, uint32_t size);
+// Completes serialized data whose entries (their words summing to entrySum)
+// fill out[12, size - 4): the end marker and the checksum.  Returns the sum of
+// all the words of the data.
+uint32_t SealSerialized(uint8_t *out, uint32_t size, uint32_t entrySum);
+// The header of an entry of type `propType` named `name` (cut to 127
+// characters, the rest of the field zero) for a value of dataLength bytes that
+// the caller writes at out + kDataOffset; the padding after the value is
+// zeroed.  Returns the sum of the header's words (the padding adds nothing).
+uint32_t WriteEntryHeader(uint8_t *out, const char *name, uint32_t propType, uint32_t dataLength);
+// The serialized form of the whole list (list->serialSize bytes) at out, as
+// ZELData_Serialize writes it.  False when serialSize disagrees with the
+// entries; out then holds nothing usable.
+bool WriteSerializedList(PropertyList *list, uint8_t *out, uint32_t *wordSum);
+
+// ZELData_Serialize of `inner` with `version` into a buffer from its
+// allocator, then `put` (ZELData_Append or ZELData_Update) of the bytes under
+// `name` in `outer`; the buffer is released.  The first failing status.
+using PutFn = ReturnStatus (*)(PropertyList *, const char *, const void *, uint32_t, uint32_t);
+ReturnStatus SerializeInto(PropertyList *outer, const char *name, PropertyList *inner,
+                           uint32_t version, uint32_t propType, PutFn put);
+
+// ZELData_Serialize of `inner` (version 4 or above) followed by
+// ZELData_Append of the bytes to `outer`, with the serialized form written
+// straight into the new entry instead of a buffer between the two.  Only
+// without traces (zeldata_debug below 2); a list whose serialSize disagrees
+// with its entries, or a value too large for `outer`, goes the two calls'
+// way for their statuses and messages.
+ReturnStatus AppendSerialized(PropertyList *outer, const char *name, PropertyList *inner,
+                              uint32_t version, uint32_t propType);
+
+// Checks serialized data as ZELData_DeserializeWithPropType does, in the same
+// order and with the same messages and statuses, without building a list.
+// Data that passes can be walked in place: entries from offset kHeaderSize
+// on, each entryLength long, up to an entryLength of 0.
+ReturnStatus CheckSerialized(const void *data, uint32_t dataLength);
+
 // Values whose entry would not fit the 32-bit lengths of the format (the
 // entry itself, or the list's serialized size) are refused.
 inline bool FitsFormat(const PropertyList *list, uint32_t dataLength) {

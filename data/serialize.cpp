@@ -73,15 +73,6 @@ ReturnStatus AcquireBuffer(PropertyList *list, void **buffer, uint32_t *length, 
   return STATUS_OK;
 }
 
-void WriteHeader(uint8_t *out, uint32_t size) {
-  StoreU32(out, size);
-  StoreU32(out + 4, 0);
-  std::memcpy(out + 8, &kVersion, sizeof kVersion);
-  // Bytes 10 and 11 are reserved; zero keeps the output deterministic.
-  out[10] = 0;
-  out[11] = 0;
-}
-
 void Seal(uint8_t *out, uint32_t size) {
   StoreU32(out + size - kEndMarkerSize, 0);
   StoreU32(out + 4, Checksum(out, size));
@@ -201,6 +192,23 @@ bool ChecksumMatches(const uint8_t *d) {
   return true;
 }
 
+// The checks of ZELData_DeserializeWithPropType before the entries: the
+// header, the version, then the checksum.
+ReturnStatus CheckHeader(const uint8_t *d, uint32_t dataLength) {
+  if (!HeaderFits(d, dataLength)) {
+    return STATUS_BAD_PARAM;
+  }
+  if (HeaderVersion(d) != kVersion) {
+    DiagPrint(zeldata_debug, 0, "Bad data: expected header version %d, actual %d\n", kVersion,
+              HeaderVersion(d));
+    return STATUS_BAD_PARAM;
+  }
+  if (!ChecksumMatches(d)) {
+    return STATUS_BAD_CHECKSUM;
+  }
+  return STATUS_OK;
+}
+
 // Moves past an entry; false (with its message) when fewer than 4 bytes remain.
 bool Advance(const uint8_t *d, uint32_t *offset, uint32_t *remaining) {
   const uint32_t entryLength = LoadU32(d + *offset);
@@ -301,6 +309,103 @@ ZEL_ALWAYS_INLINE inline ReturnStatus AppendEntries(PropertyList *list, const ui
 
 namespace zel::data {
 
+void WriteSerialHeader(uint8_t *out, uint32_t size) {
+  StoreU32(out, size);
+  StoreU32(out + 4, 0);
+  std::memcpy(out + 8, &kVersion, sizeof kVersion);
+  // Bytes 10 and 11 are reserved; zero keeps the output deterministic.
+  out[10] = 0;
+  out[11] = 0;
+}
+
+uint32_t SealSerialized(uint8_t *out, uint32_t size, uint32_t entrySum) {
+  StoreU32(out + size - kEndMarkerSize, 0);
+  // Data with an entry is at least 160 bytes, so its first five words lie
+  // outside the checksum; an empty list's only word there is the end marker.
+  const uint32_t checksum = size > kFirstSummedOffset ? entrySum - UnsummedPrefix(out) : 0;
+  StoreU32(out + 4, checksum);
+  return size + checksum + kVersion + entrySum;
+}
+
+uint32_t WriteEntryHeader(uint8_t *out, const char *name, uint32_t propType, uint32_t dataLength) {
+  const uint32_t entryLength = EntryLengthFor(dataLength);
+  StoreU32(out, entryLength);
+  std::memset(out + kNameOffset, 0, ZELDATA_NAME_SIZE);
+  std::memcpy(out + kNameOffset, name, strnlen(name, kMaxNameLength));
+  StoreU32(out + kPropTypeOffset, propType);
+  StoreU32(out + kDataLengthOffset, dataLength);
+  std::memset(out + kDataOffset + dataLength, 0, entryLength - kDataOffset - dataLength);
+  uint32_t sum = entryLength + propType + dataLength;
+  for (uint32_t off = kNameOffset; off < kPropTypeOffset; off += 4) {
+    sum += LoadU32(out + off);
+  }
+  return sum;
+}
+
+bool WriteSerializedList(PropertyList *list, uint8_t *out, uint32_t *wordSum) {
+  const uint32_t size = list->serialSize;
+  WriteSerialHeader(out, size);
+  const CopyWalk walk = WithBestIsa(
+      [&]() ZEL_ALWAYS_INLINE { return CopyEntries<true>(list, out, size, nullptr); });
+  if (walk.stoppedAt != nullptr || walk.remaining != kEndMarkerSize ||
+      walk.pos + kEndMarkerSize != size) {
+    return false;
+  }
+  *wordSum = SealSerialized(out, size, walk.sum);
+  return true;
+}
+
+ReturnStatus AppendSerialized(PropertyList *outer, const char *name, PropertyList *inner,
+                              uint32_t version, uint32_t propType) {
+  const uint32_t size = inner->serialSize;
+  if (version >= 4 && zeldata_debug < 2 && FitsFormat(outer, size)) {
+    const uint64_t blockSize = uint64_t{kLinkSize} + EntryLengthFor(size);
+    auto *e = static_cast<PropertyEntry *>(outer->allocFn(blockSize));
+    if (e == nullptr) {
+      return STATUS_NO_MEMORY;
+    }
+    SetNext(e, nullptr);
+    WriteEntryHeader(Serial(e), name, propType, size);
+    uint32_t sum = 0;
+    if (WriteSerializedList(inner, DataOf(e), &sum)) {
+      LinkAtTail(outer, e);
+      return STATUS_OK;
+    }
+    outer->freeFn(e);
+  }
+  return SerializeInto(outer, name, inner, version, propType, ZELData_Append);
+}
+
+ReturnStatus SerializeInto(PropertyList *outer, const char *name, PropertyList *inner,
+                           uint32_t version, uint32_t propType, PutFn put) {
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  ReturnStatus status = ZELData_Serialize(inner, &buffer, &length, version);
+  if (status == STATUS_OK) {
+    status = put(outer, name, buffer, length, propType);
+    ZELData_FreeAssocData(inner, buffer);
+  }
+  return status;
+}
+
+ReturnStatus CheckSerialized(const void *data, uint32_t dataLength) {
+  const auto *d = static_cast<const uint8_t *>(data);
+  if (ReturnStatus status = CheckHeader(d, dataLength); status != STATUS_OK) {
+    return status;
+  }
+  uint32_t remaining = HeaderSize(d) - kHeaderSize;
+  uint32_t offset = kHeaderSize;
+  for (;;) {
+    const Walk w = CheckEntry(d, offset, remaining);
+    if (w == Walk::kEnd) {
+      return STATUS_OK;
+    }
+    if (w == Walk::kBad || !Advance(d, &offset, &remaining)) {
+      return STATUS_BAD_PARAM;
+    }
+  }
+}
+
 uint32_t Checksum(const uint8_t *data, uint32_t size) {
   const uint32_t words = size / 4;
   uint32_t sum = 0;
@@ -345,7 +450,7 @@ ZEL_API ReturnStatus ZELData_SerializeExNamedProp(PropertyList *list, void **buf
     return status;
   }
   auto *out = static_cast<uint8_t *>(*buffer);
-  WriteHeader(out, needed);
+  WriteSerialHeader(out, needed);
 
   const bool plain = excludePattern == nullptr && zeldata_debug < 2;
   const CopyWalk walk = WithBestIsa([&]() ZEL_ALWAYS_INLINE {
@@ -399,7 +504,7 @@ ZEL_API ReturnStatus ZELData_SerializeEntry(PropertyList *list, const char *name
     return status;
   }
   auto *out = static_cast<uint8_t *>(*buffer);
-  WriteHeader(out, needed);
+  WriteSerialHeader(out, needed);
   std::memcpy(out + kHeaderSize, Serial(e), entryLength);
   Seal(out, needed);
   *length = needed;
@@ -410,16 +515,8 @@ ZEL_API ReturnStatus ZELData_DeserializeWithPropType(PropertyList **out, const v
                                                      uint32_t dataLength, ZELDataAllocFn allocFn,
                                                      ZELDataFreeFn freeFn, uint32_t typeMask) {
   const auto *d = static_cast<const uint8_t *>(data);
-  if (!HeaderFits(d, dataLength)) {
-    return STATUS_BAD_PARAM;
-  }
-  if (HeaderVersion(d) != kVersion) {
-    DiagPrint(zeldata_debug, 0, "Bad data: expected header version %d, actual %d\n", kVersion,
-              HeaderVersion(d));
-    return STATUS_BAD_PARAM;
-  }
-  if (!ChecksumMatches(d)) {
-    return STATUS_BAD_CHECKSUM;
+  if (ReturnStatus status = CheckHeader(d, dataLength); status != STATUS_OK) {
+    return status;
   }
   PropertyList *list = nullptr;
   if (ZELData_Alloc(&list, allocFn, freeFn) != STATUS_OK) {

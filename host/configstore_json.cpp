@@ -1,14 +1,16 @@
 // The JSON form of configuration-store objects, and base64 for binary values.
 //
-// Reading goes through the event (SAX) parser of nlohmann-json straight into
-// the object tree; writing emits the text directly.  Both keep "@types" as
+// Reading parses the text with simdjson and feeds its elements, in document
+// order, as events to a builder that makes the object tree; writing emits the
+// text directly.  Both keep "@types" as
 // the record of the types that JSON cannot show (see configstore_client.h).
 // Text that is not valid UTF-8 cannot be a JSON string: such a string value
 // (or list of strings) is written as base64 and tagged "string_base64"
 // ("string_list_base64"), so any bytes come back exactly.
 #include <charconv>
+#include <cstring>
 #include <limits>
-#include <nlohmann/json.hpp>
+#include <simdjson.h>
 #include <utility>
 
 #include "host/configstore_internal.h"
@@ -21,11 +23,35 @@ constexpr std::string_view kTypesKey = "@types";
 
 // ---------------------------------------------------------------- writing
 
+// Whether a byte must be written as an escape inside a JSON string.
+bool NeedsEscape(unsigned char c) { return c < 0x20 || c == '"' || c == '\\'; }
+
+// Whether one of the eight bytes of `w` needs an escape (bit tricks that
+// find a byte below 0x20 and a byte equal to '"' or '\\' without a branch).
+bool AnyNeedsEscape(uint64_t w) {
+  constexpr uint64_t kOnes = 0x0101010101010101ull;
+  constexpr uint64_t kHigh = 0x8080808080808080ull;
+  const auto below = [&](uint64_t x, uint64_t n) { return (x - kOnes * n) & ~x & kHigh; };
+  return (below(w, 0x20) | below(w ^ (kOnes * '"'), 1) | below(w ^ (kOnes * '\\'), 1)) != 0;
+}
+
 void WriteString(std::string &out, std::string_view s) {
   static constexpr char kHex[] = "0123456789abcdef";
   out += '"';
-  for (char ch : s) {
-    auto c = static_cast<unsigned char>(ch);
+  size_t run = 0;  // start of the bytes not yet written
+  for (size_t i = 0; i < s.size();) {
+    if (i + 8 <= s.size()) {
+      uint64_t word;
+      std::memcpy(&word, s.data() + i, sizeof word);
+      if (!AnyNeedsEscape(word)) {
+        i += 8;  // eight plain bytes
+        continue;
+      }
+    }
+    const auto c = static_cast<unsigned char>(s[i++]);
+    if (!NeedsEscape(c)) continue;
+    out.append(s.data() + run, i - 1 - run);
+    run = i;
     switch (c) {
       case '"': out += "\\\""; break;
       case '\\': out += "\\\\"; break;
@@ -35,15 +61,12 @@ void WriteString(std::string &out, std::string_view s) {
       case '\r': out += "\\r"; break;
       case '\t': out += "\\t"; break;
       default:
-        if (c < 0x20) {
-          out += "\\u00";
-          out += kHex[c >> 4];
-          out += kHex[c & 15];
-        } else {
-          out += ch;
-        }
+        out += "\\u00";
+        out += kHex[c >> 4];
+        out += kHex[c & 15];
     }
   }
+  out.append(s.data() + run, s.size() - run);
   out += '"';
 }
 
@@ -101,7 +124,12 @@ void WriteObject(std::string &out, const Object &node) {
     out += ':';
     switch (m.kind) {
       case Kind::kString:
-        WriteString(out, ValidUtf8(m.text) ? m.text : Base64Encode(m.text));
+        // A branch each, so that plain text is not copied on its way out.
+        if (ValidUtf8(m.text)) {
+          WriteString(out, m.text);
+        } else {
+          WriteString(out, Base64Encode(m.text));
+        }
         break;
       case Kind::kInt32:
       case Kind::kUint32:
@@ -115,7 +143,11 @@ void WriteObject(std::string &out, const Object &node) {
         out += '[';
         for (size_t i = 0; i < m.L().strings.size(); ++i) {
           if (i > 0) out += ',';
-          WriteString(out, plain ? m.L().strings[i] : Base64Encode(m.L().strings[i]));
+          if (plain) {
+            WriteString(out, m.L().strings[i]);
+          } else {
+            WriteString(out, Base64Encode(m.L().strings[i]));
+          }
         }
         out += ']';
         break;
@@ -144,32 +176,27 @@ void WriteObject(std::string &out, const Object &node) {
 
 // ---------------------------------------------------------------- reading
 
-using json = nlohmann::json;
-
 // Builds the tree from parser events.  Values arrive with their JSON kind
 // (integers as int64); an object's "@types" is applied when the object ends.
 // Any event that cannot belong to a valid object stops the parse.
-class Builder : public nlohmann::json_sax<json> {
+class Builder {
  public:
   explicit Builder(Object &root) : root_(root) {}
 
-  bool null() override { return false; }
-  bool boolean(bool v) override {
+  bool boolean(bool v) {
     Member *m = NewValue();
     if (m == nullptr) return false;
     m->kind = Kind::kBool;
     m->number = v ? 1 : 0;
     return true;
   }
-  bool number_integer(number_integer_t v) override { return Integer(v); }
-  bool number_unsigned(number_unsigned_t v) override {
+  bool number_integer(int64_t v) { return Integer(v); }
+  bool number_unsigned(uint64_t v) {
     if (v > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return false;
     return Integer(static_cast<int64_t>(v));
   }
-  bool number_float(number_float_t, const string_t &) override { return false; }
-  bool binary(binary_t &) override { return false; }
 
-  bool string(string_t &v) override {
+  bool string(std::string v) {
     if (frames_.empty()) return false;
     Frame &f = frames_.back();
     if (f.inTypes) {
@@ -189,13 +216,13 @@ class Builder : public nlohmann::json_sax<json> {
     return true;
   }
 
-  bool key(string_t &k) override {
+  bool key(std::string k) {
     if (k.empty()) return false;
     pendingKey_ = std::move(k);
     return true;
   }
 
-  bool start_object(std::size_t) override {
+  bool start_object() {
     if (frames_.empty()) {
       frames_.push_back(Frame{&root_});
       return true;
@@ -231,7 +258,7 @@ class Builder : public nlohmann::json_sax<json> {
     return true;
   }
 
-  bool end_object() override {
+  bool end_object() {
     Frame &f = frames_.back();
     if (f.inTypes) {
       f.inTypes = false;
@@ -248,7 +275,7 @@ class Builder : public nlohmann::json_sax<json> {
     return node->list->L().index.emplace(key->second.text, node).second;
   }
 
-  bool start_array(std::size_t) override {
+  bool start_array() {
     if (frames_.empty() || frames_.back().inTypes || frames_.back().array != nullptr) return false;
     Member *m = NewValue();
     if (m == nullptr) return false;
@@ -260,13 +287,9 @@ class Builder : public nlohmann::json_sax<json> {
     return true;
   }
 
-  bool end_array() override {
+  bool end_array() {
     frames_.pop_back();
     return true;
-  }
-
-  bool parse_error(std::size_t, const std::string &, const nlohmann::detail::exception &) override {
-    return false;
   }
 
  private:
@@ -360,11 +383,54 @@ class Builder : public nlohmann::json_sax<json> {
   std::string pendingKey_;
 };
 
+// Feeds an element and everything in it to the builder, in document order.
+// Null and fractional numbers belong to no valid object.
+bool Feed(Builder &b, simdjson::dom::element e) {
+  using Type = simdjson::dom::element_type;
+  switch (e.type()) {
+    case Type::OBJECT: {
+      if (!b.start_object()) return false;
+      const simdjson::dom::object object = e.get_object().value_unsafe();
+      for (simdjson::dom::key_value_pair field : object) {
+        if (!b.key(std::string(field.key)) || !Feed(b, field.value)) return false;
+      }
+      return b.end_object();
+    }
+    case Type::ARRAY: {
+      if (!b.start_array()) return false;
+      const simdjson::dom::array array = e.get_array().value_unsafe();
+      for (simdjson::dom::element item : array) {
+        if (!Feed(b, item)) return false;
+      }
+      return b.end_array();
+    }
+    case Type::STRING: return b.string(std::string(e.get_string().value_unsafe()));
+    case Type::INT64: return b.number_integer(e.get_int64().value_unsafe());
+    case Type::UINT64: return b.number_unsigned(e.get_uint64().value_unsafe());
+    case Type::BOOL: return b.boolean(e.get_bool().value_unsafe());
+    case Type::DOUBLE:
+    case Type::NULL_VALUE: return false;
+  }
+  return false;
+}
+
+// One parser per thread: it keeps its buffers from one document to the next.
+simdjson::dom::parser &Parser() {
+  thread_local simdjson::dom::parser parser;
+  return parser;
+}
+
 }  // namespace
 
 bool ValidUtf8(std::string_view s) {
   size_t i = 0;
   const size_t n = s.size();
+  // Plain ASCII, eight bytes at a time: most keys and values are.
+  constexpr uint64_t kHighBits = 0x8080808080808080ull;
+  for (uint64_t word; i + 8 <= n; i += 8) {
+    std::memcpy(&word, s.data() + i, 8);
+    if ((word & kHighBits) != 0) break;
+  }
   while (i < n) {
     auto c = static_cast<unsigned char>(s[i]);
     if (c < 0x80) {
@@ -420,8 +486,16 @@ int ParseContent(std::string_view text, Object &node) {
   Object scratch;
   scratch.root = node.root;
   scratch.depth = node.depth;
+  // A leading byte order mark is passed over and a NUL byte ends the text:
+  // the rules stored content has always been read by.
+  constexpr std::string_view kBom = "\xEF\xBB\xBF";
+  if (text.substr(0, kBom.size()) == kBom) text.remove_prefix(kBom.size());
+  text = text.substr(0, text.find('\0'));
+  simdjson::dom::element document;
+  if (Parser().parse(text.data(), text.size(), true).get(document) != simdjson::SUCCESS)
+    return kCorrupt;
   Builder builder(scratch);
-  if (!json::sax_parse(text.begin(), text.end(), &builder)) return kCorrupt;
+  if (!Feed(builder, document)) return kCorrupt;
   node.members = std::move(scratch.members);  // map nodes move, addresses stay
   for (auto &[key, m] : node.members) {
     if (m.child) m.child->parent = &node;

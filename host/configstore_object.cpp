@@ -5,6 +5,9 @@
 
 #include "host/configstore_internal.h"
 
+// Keys are looked up as string views: the map's comparisons then measure the
+// key once instead of at every node they pass.
+
 namespace zel::cfgstore {
 
 using testing::Op;
@@ -64,7 +67,7 @@ void RemoveInstance(Object *root, Member &list,
 int Put(Object *object, const char *key, Member &&value) {
   if (int s = CheckTarget(object, key); s != kOk) return s;
   if (IsInstance(object) && strcmp(key, kIdKey) == 0) return kBadArgument;
-  auto it = object->members.find(key);
+  auto it = object->members.find(std::string_view(key));
   if (it == object->members.end()) {
     object->members.emplace(key, std::move(value));
     return kOk;
@@ -97,7 +100,7 @@ template <typename Append>
 int AppendTo(Object *object, const char *key, Kind listKind, Append &&append) {
   if (int s = CheckTarget(object, key); s != kOk) return s;
   if (IsInstance(object) && strcmp(key, kIdKey) == 0) return kBadArgument;
-  auto it = object->members.find(key);
+  auto it = object->members.find(std::string_view(key));
   if (it == object->members.end()) {
     Member m;
     m.kind = listKind;
@@ -114,7 +117,7 @@ int AppendTo(Object *object, const char *key, Kind listKind, Append &&append) {
 
 int Find(Object *object, const char *key, const Member *&out) {
   if (int s = CheckTarget(object, key); s != kOk) return s;
-  auto it = object->members.find(key);
+  auto it = object->members.find(std::string_view(key));
   if (it == object->members.end()) return kNotFound;
   out = &it->second;
   return kOk;
@@ -187,7 +190,7 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
     node->parent = object;
     node->root = object->root;
     node->depth = object->depth + 1;
-    auto it = object->members.find(name);
+    auto it = object->members.find(std::string_view(name));
     if (!Text(instanceId)) {
       if (it != object->members.end()) {
         if (it->second.kind != Kind::kSubObject) return kTypeMismatch;
@@ -232,7 +235,7 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
 int DeleteSubObject(Object *object, const char *name, const char *instanceId) {
   return Run(Op::kDeleteSubObject, [&] {
     if (int s = CheckTarget(object, name); s != kOk) return s;
-    auto it = object->members.find(name);
+    auto it = object->members.find(std::string_view(name));
     if (it == object->members.end()) return kNotFound;
     Member &m = it->second;
     if (!Text(instanceId)) {
@@ -359,7 +362,7 @@ int RemoveValue(Object *object, const char *key) {
   return Run(Op::kRemoveValue, [&] {
     if (int s = CheckTarget(object, key); s != kOk) return s;
     if (IsInstance(object) && strcmp(key, kIdKey) == 0) return kBadArgument;
-    auto it = object->members.find(key);
+    auto it = object->members.find(std::string_view(key));
     if (it == object->members.end()) return kNotFound;
     DetachAll(object->root, it->second);
     object->members.erase(it);

@@ -58,6 +58,8 @@ extern std::atomic<uint32_t> uwNumActivePortsSystemWide;
 // function it was made with.
 ZELDataAllocFn AllocFn();
 ZELDataFreeFn FreeFn();
+// True while no test allocator is installed.
+bool SystemAllocator();
 
 // The table lock, held for the life of the object.
 class TableLock {

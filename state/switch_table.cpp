@@ -149,6 +149,7 @@ int FindSlot(const char *id) {
 
 ZELDataAllocFn AllocFn() { return g_allocFn.load(std::memory_order_relaxed); }
 ZELDataFreeFn FreeFn() { return g_freeFn.load(std::memory_order_relaxed); }
+bool SystemAllocator() { return AllocFn() == SystemAlloc; }
 
 uint32_t MaxPortsSystemWide() {
   return __atomic_load_n(&uwMaxNumActivePortsSystemWide, __ATOMIC_RELAXED);

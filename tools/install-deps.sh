@@ -3,7 +3,7 @@
 set -euo pipefail
 pkgs=(cmake ninja-build g++ clang libclang-rt-dev pkg-config libgtest-dev libgmock-dev
       libbenchmark-dev libsqlite3-dev sqlite3 nlohmann-json3-dev libcli11-dev
-      doxygen help2man dpkg-dev file binutils)
+      doxygen help2man dpkg-dev file binutils libsimdjson-dev)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
