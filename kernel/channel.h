@@ -11,11 +11,22 @@
 
 namespace zel::kernel {
 
+// Bounds of the reply and output buffers.  A reply or command output
+// larger than 256 MiB is refused with STATUS_LIMIT_EXCEEDED (no buffer is
+// allocated past it): the whole state of 32 switches with their ports and
+// properties stays far below it.  The kernel may name a larger size at most
+// ZELPYX_MAX_REPLY_ROUNDS - 1 times (the state may grow between two calls);
+// after the last call the exchange ends with STATUS_LIMIT_EXCEEDED.
+constexpr uint32_t ZELPYX_MAX_REPLY_SIZE = 256u << 20;
+constexpr uint32_t ZELPYX_MAX_REPLY_ROUNDS = 4;
+
 // The reply exchange: runs request with cmd, allocating the reply buffer
 // (32768 bytes first, grown when the kernel names a larger size with
-// STATUS_LIMIT_EXCEEDED).  On success *reply holds the reply and the caller
-// owns it; on failure *reply is null.  *replyLen is the length the kernel
-// left in dataLen (never more than the buffer on success).
+// STATUS_LIMIT_EXCEEDED, within the bounds above).  On success *reply holds
+// the reply and the caller owns it; on failure *reply is null and the status
+// is never 0 (a failed ioctl whose record says 0 gives STATUS_FAILURE).
+// *replyLen is the length the kernel left in dataLen (never more than the
+// buffer on success).
 ReturnStatus ZELPYXIoctlGet(int request, ZELPYXCommand *cmd, void **reply, uint32_t *replyLen);
 
 // The switch-wide (global or host) property get and set behind the public
