@@ -86,6 +86,8 @@ void RemovePortAt(SwitchState *sw, uint32_t slot) {
   --sw->numPorts;
 }
 
+size_t MaxPortIdLength(uint32_t version) { return version > 6 ? ZEL_PORT_ID_SIZE - 1 : 15; }
+
 }  // namespace zel::state
 
 using namespace zel::state;
@@ -100,8 +102,7 @@ ReturnStatus ZELStatePortAdd(const char *switchId, const char *portId, PropertyL
   if (sw == nullptr) {
     return STATUS_NOT_FOUND;
   }
-  size_t maxIdLength = sw->version > 6 ? ZEL_PORT_ID_SIZE - 1 : 15;
-  if (std::strlen(portId) > maxIdLength) {
+  if (std::strlen(portId) > MaxPortIdLength(sw->version)) {
     ZEL_LOG(0, "ZELStatePortAdd %s, id length too long\n", portId);
     return STATUS_BAD_PARAM;
   }

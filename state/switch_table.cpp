@@ -33,19 +33,6 @@ host::RecLock *TableRecLock() {
   return lock;
 }
 
-// classFlags of the classes that take the system-wide limit as theirs.
-uint32_t ClassFlags(const char *className) {
-  if (std::strcmp(className, "qorvswitch") == 0) {
-    return 3;
-  }
-  static const char *const kUnlimited[] = {"etherswitch", "stub-vswitch", "cswitch", "vswitch"};
-  for (const char *name : kUnlimited) {
-    if (std::strcmp(className, name) == 0) {
-      return 1;
-    }
-  }
-  return 0;
-}
 
 // Fetches the system-wide limit when it is still unknown.
 ReturnStatus FetchPortLimit(const char *id) {
@@ -149,6 +136,19 @@ int FindSlot(const char *id) {
 
 ZELDataAllocFn AllocFn() { return g_allocFn.load(std::memory_order_relaxed); }
 ZELDataFreeFn FreeFn() { return g_freeFn.load(std::memory_order_relaxed); }
+
+uint32_t ClassFlags(const char *className) {
+  if (std::strcmp(className, "qorvswitch") == 0) {
+    return 3;
+  }
+  static const char *const kUnlimited[] = {"etherswitch", "stub-vswitch", "cswitch", "vswitch"};
+  for (const char *name : kUnlimited) {
+    if (std::strcmp(className, name) == 0) {
+      return 1;
+    }
+  }
+  return 0;
+}
 
 uint32_t MaxPortsSystemWide() {
   return __atomic_load_n(&uwMaxNumActivePortsSystemWide, __ATOMIC_RELAXED);
