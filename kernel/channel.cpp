@@ -179,7 +179,7 @@ ZEL_API ReturnStatus ZELPYX_Ioctl(int request, ZELPYXCommand *cmd) {
 ZEL_API ReturnStatus ZELPYX_CmdExec(const char *switchName, const char *command,
                                     const void *input, uint32_t inputLen, void **output,
                                     uint32_t *outputLen) {
-  if (output == nullptr || outputLen == nullptr) {
+  if (output == nullptr || outputLen == nullptr || !zel::kernel::ValueUsable(input, inputLen)) {
     return STATUS_BAD_PARAM;
   }
   ZELPYXCommand cmd{};
@@ -204,6 +204,9 @@ ZEL_API ReturnStatus ZELPYX_CmdExec(const char *switchName, const char *command,
 }
 
 ZEL_API ReturnStatus ZELPYX_StateInit(const void *blob, uint32_t blobLen) {
+  if (!zel::kernel::ValueUsable(blob, blobLen)) {
+    return STATUS_BAD_PARAM;
+  }
   ZELPYXCommand cmd{};
   cmd.dataLen = blobLen;
   cmd.data = zel::kernel::AddressOf(blob);

@@ -40,6 +40,9 @@ ReturnStatus ZELPYXSwitchPropSet(const char *switchName, const char *propName, c
 // size less one, always NUL-terminated); a null text counts as empty.
 void CopyText(char *field, size_t size, const char *text);
 inline uint64_t AddressOf(const void *p) { return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p)); }
+// A value sent to the kernel: null is refused unless its length is 0, so the
+// module is never handed address 0 with a length to read from it.
+inline bool ValueUsable(const void *data, uint32_t length) { return data != nullptr || length == 0; }
 
 // Installs transport for the channel (null: the system one) and forgets the
 // plain-exchange descriptor opened on the previous transport, without

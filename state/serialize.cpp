@@ -151,6 +151,9 @@ ReturnStatus FillSwitch(const char *switchId, PropertyList *list, PropertyList *
 using namespace zel::state;
 
 ReturnStatus ZELState_ConfigSerialize(void **buffer, uint32_t *length) {
+  if (buffer == nullptr || length == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_ConfigSerialize\n");
   PropertyList *outer = nullptr;
   ReturnStatus status = ZELData_Alloc(&outer, AllocFn(), FreeFn());
@@ -185,6 +188,9 @@ ReturnStatus ZELState_ConfigSerialize(void **buffer, uint32_t *length) {
 }
 
 ReturnStatus ZELState_SwitchSerialize(SwitchState *sw, void **buffer, uint32_t *length) {
+  if (sw == nullptr || buffer == nullptr || length == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_SwitchSerialize %s\n", sw->id);
   PropertyList *list = nullptr;
   ReturnStatus status = ZELData_Alloc(&list, AllocFn(), FreeFn());
@@ -228,11 +234,17 @@ ReturnStatus ZELState_SwitchSerialize(SwitchState *sw, void **buffer, uint32_t *
 }
 
 ReturnStatus ZELState_PortSerialize(PortState *port, void **buffer, uint32_t *length) {
+  if (port == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(2, "ZELState_PortSerialize %s\n", port->id);
   return ZELData_Serialize(port->data, buffer, length, port->sw->version);
 }
 
 ReturnStatus ZELState_ConfigDeserialize(const void *blob, uint32_t length) {
+  if (blob == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_ConfigDeserialize\n");
   PropertyList *outer = nullptr;
   ReturnStatus status = ZELData_Deserialize(&outer, blob, length, AllocFn(), FreeFn());
@@ -256,6 +268,9 @@ ReturnStatus ZELState_ConfigDeserialize(const void *blob, uint32_t length) {
 }
 
 ReturnStatus ZELState_SwitchDeserialize(const char *switchId, const void *blob, uint32_t length) {
+  if (switchId == nullptr || blob == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_SwitchDeserialize %s\n", switchId);
   PropertyList *list = nullptr;
   ReturnStatus status = ZELData_Deserialize(&list, blob, length, AllocFn(), FreeFn());
@@ -294,6 +309,9 @@ ReturnStatus ZELState_SwitchDeserialize(const char *switchId, const void *blob, 
 
 ReturnStatus ZELState_PortDeserialize(const char *switchId, const char *portId, const void *data,
                                       uint32_t length) {
+  if (switchId == nullptr || portId == nullptr || data == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(2, "ZELState_PortDeserialize %s, %s\n", switchId, portId);
   PropertyList *list = nullptr;
   ReturnStatus status = ZELData_Deserialize(&list, data, length, AllocFn(), FreeFn());
