@@ -46,14 +46,10 @@ std::vector<uint8_t> OneSwitchState() {
   return out;
 }
 
-ReturnStatus FetchState(void **out) {
-  uint32_t length = 0;
-  return ZELPYX_StateGet(out, &length);
-}
-
+uint32_t g_length = 0;
+ReturnStatus FetchState(void **out) { return ZELPYX_StateGet(out, &g_length); }
 ReturnStatus RunCommand(void **out) {
-  uint32_t length = 0;
-  return ZELPYX_CmdExec("sw-blue", "show", "x", 1, out, &length);
+  return ZELPYX_CmdExec("sw-blue", "show", "x", 1, out, &g_length);
 }
 
 TEST(HardeningKernel, FailedCallThatClaimsSuccessFailsEveryCaller) {
@@ -82,24 +78,14 @@ TEST(HardeningKernel, FailedCallThatClaimsSuccessFailsEveryCaller) {
       {"state fetch", false, STATUS_FAILURE, FetchState},
       {"command", false, STATUS_FAILURE, RunCommand},
       {"persistent state", false, STATUS_FAILURE,
-       [](void **out) {
-         uint32_t length = 0;
-         return ZELPYX_PersistentStateGet(out, &length);
-       }},
+       [](void **out) { return ZELPYX_PersistentStateGet(out, &g_length); }},
       {"global property", false, STATUS_FAILURE,
-       [](void **out) {
-         uint32_t length = 0;
-         return ZELPYX_GlobalPropGet("sw-blue", "com.zorlan.common.alias", out, &length);
-       }},
+       [](void **out) { return ZELPYX_GlobalPropGet("sw-blue", "p", out, &g_length); }},
       {"persistent port state", false, STATUS_FAILURE,
-       [](void **out) {
-         uint32_t length = 0;
-         return ZELPYX_PersistentPortStateGet("sw-blue", "1", 7, out, &length);
-       }},
+       [](void **out) { return ZELPYX_PersistentPortStateGet("sw-blue", "1", 7, out, &g_length); }},
       // The vendor list asks for the switch's version; a failed query leaves
       // the list as it is.
-      {"vendor list's version query", true, STATUS_OK,
-       [](void **out) {
+      {"vendor list's version query", true, STATUS_OK, [](void **out) {
          return ZELPYX_VendorGlobalPropList("sw-blue", reinterpret_cast<PropertyList **>(out), 16);
        }},
   };
