@@ -215,6 +215,9 @@ ReturnStatus WriteOpenTarget(int fd, const WriterLock &lock, const char *path,
 extern "C" {
 
 ZEL_API void ZELFileLog(const char *fmt, ...) {
+  if (fmt == nullptr) {
+    return;
+  }
   va_list ap;
   va_start(ap, fmt);
   zel::host::LogV(kFileLogId, fmt, ap);

@@ -15,10 +15,12 @@ namespace zel::kernel {
 // larger than 256 MiB is refused with STATUS_LIMIT_EXCEEDED (no buffer is
 // allocated past it): the whole state of 32 switches with their ports and
 // properties stays far below it.  The kernel may name a larger size at most
-// ZELPYX_MAX_REPLY_ROUNDS - 1 times (the state may grow between two calls);
-// after the last call the exchange ends with STATUS_LIMIT_EXCEEDED.
+// ZELPYX_MAX_REPLY_ROUNDS - 1 times: the state may grow between two calls
+// while other clients add ports, so a few rounds are normal, but a module
+// that never settles must not keep the caller looping.  After the last call
+// the exchange ends with STATUS_LIMIT_EXCEEDED.
 constexpr uint32_t ZELPYX_MAX_REPLY_SIZE = 256u << 20;
-constexpr uint32_t ZELPYX_MAX_REPLY_ROUNDS = 4;
+constexpr uint32_t ZELPYX_MAX_REPLY_ROUNDS = 16;
 
 // The reply exchange: runs request with cmd, allocating the reply buffer
 // (32768 bytes first, grown when the kernel names a larger size with
