@@ -14,8 +14,9 @@
 // The directory may be shared with other users and other writers, so the
 // write also protects itself (each step says why below): writers of one path
 // are serialised by a lock file "<path>.lock"; the temporary file is never
-// reached through a symbolic link, must be a regular file and gets mode 0600
-// whatever it had; and the data is flushed before the rename and the
+// reached through a symbolic link, must be a regular file of the writer's
+// and gets mode 0600 whatever it had; and the data is flushed before the
+// rename and the
 // directory after it.  Reading refuses what is not a regular file
 // (STATUS_IO_ERROR) without blocking on it.
 
@@ -117,14 +118,19 @@ int OpenTarget(const char *target, bool temporary) {
 }
 
 // The state file holds the whole switch configuration: whatever a file left
-// at the target had (another owner, a FIFO, mode 0666), the result is a
-// regular file of mode 0600 owned by the writer.  fchmod fails for a file of
-// another owner, which refuses it.
+// at the target had (a FIFO, mode 0666, another owner), the result is a
+// regular file of mode 0600 owned by the writer, or nothing is written.  A
+// file of another owner is refused: renamed into place it would leave that
+// owner a handle on the state.
 ReturnStatus SecureTarget(int fd, const char *target) {
   zel::host::FileIo &io = zel::host::CurrentFileIo();
   struct stat st {};
   if (io.Fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     ZELFileLog("failed to open zelfile %s for write, error: not a regular file\n", target);
+    return STATUS_IO_ERROR;
+  }
+  if (st.st_uid != ::geteuid()) {
+    ZELFileLog("failed to open zelfile %s for write, error: owned by another user\n", target);
     return STATUS_IO_ERROR;
   }
   if (io.Fchmod(fd, 0600) != 0) {
