@@ -16,9 +16,8 @@
 // are serialised by a lock file "<path>.lock"; the temporary file is never
 // reached through a symbolic link, must be a regular file of the writer's
 // and gets mode 0600 whatever it had; and the data is flushed before the
-// rename and the
-// directory after it.  Reading refuses what is not a regular file
-// (STATUS_IO_ERROR) without blocking on it.
+// rename and the directory after it.  Reading refuses what is not a regular
+// file (STATUS_IO_ERROR) without blocking on it.
 
 #include <fcntl.h>
 #include <sys/file.h>
