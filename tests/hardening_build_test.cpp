@@ -9,6 +9,8 @@
 #include <iterator>
 #include <string>
 
+#include "hardening_support.h"
+
 namespace {
 
 namespace fs = std::filesystem;
@@ -38,16 +40,15 @@ TEST(HardeningBuild, OnlyDebugAndTestBuildsCheckTheLockOrder) {
   const Row rows[] = {{"Release", "OFF", false}, {"Debug", "OFF", true}, {"Release", "ON", true}};
   for (const Row &r : rows) {
     SCOPED_TRACE(std::string(r.buildType) + " ZEL_TESTS=" + r.tests);
-    char tmpl[] = "/tmp/zel-harden-build-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    const std::string command = "cmake -S '" + source + "' -B " + tmpl + " -G Ninja -DCMAKE_BUILD_TYPE=" +
-                                r.buildType + " -DZEL_TESTS=" + r.tests + " >/dev/null 2>&1";
+    hardening::TempDir tree;
+    const std::string command = "cmake -S '" + source + "' -B " + tree.path() +
+                                " -G Ninja -DCMAKE_BUILD_TYPE=" + r.buildType +
+                                " -DZEL_TESTS=" + r.tests + " >/dev/null 2>&1";
     EXPECT_EQ(std::system(command.c_str()), 0);
-    std::ifstream in(std::string(tmpl) + "/compile_commands.json");
+    std::ifstream in(tree.path() + "/compile_commands.json");
     const std::string commands(std::istreambuf_iterator<char>(in), {});
     EXPECT_NE(commands.find("host/lock.cpp"), std::string::npos);
     EXPECT_EQ(commands.find("ZEL_LOCK_RANK_CHECK") != std::string::npos, r.checks);
-    fs::remove_all(tmpl);
   }
 }
 

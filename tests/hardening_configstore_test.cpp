@@ -5,10 +5,10 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
+#include "hardening_support.h"
 #include "host/configstore_client.h"
 #include "state/state_testing.h"
 #include "zel/configstore.h"
@@ -23,10 +23,7 @@ using ::testing::Not;
 class HardeningStore : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/zel-harden-store-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    cs::testing::UsePath((dir_ + "/configstore.db").c_str());
+    cs::testing::UsePath((tmp_.path() + "/configstore.db").c_str());
     zel::state::testing::SetPortLimit(64);
     zelconfigstore_debug = 0;
   }
@@ -34,7 +31,6 @@ class HardeningStore : public ::testing::Test {
     zelconfigstore_debug = 10;
     zel::state::testing::SetPortLimit(0);
     cs::testing::UsePath(nullptr);
-    std::filesystem::remove_all(dir_);
   }
   static void Put(const std::string &instance, const std::string &content) {
     cs::Store *store = nullptr;
@@ -47,7 +43,7 @@ class HardeningStore : public ::testing::Test {
     cs::DestroyConfigStoreObject(object);
     cs::DestroyStore(store);
   }
-  std::string dir_;
+  hardening::TempDir tmp_;
 };
 
 // A switch object with the given uuid, class, max_ports and port keys.

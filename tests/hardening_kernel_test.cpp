@@ -79,8 +79,6 @@ TEST(HardeningKernel, FailedCallThatClaimsSuccessFailsEveryCaller) {
       {"command", false, STATUS_FAILURE, RunCommand},
       {"persistent state", false, STATUS_FAILURE,
        [](void **out) { return ZELPYX_PersistentStateGet(out, &g_length); }},
-      {"global property", false, STATUS_FAILURE,
-       [](void **out) { return ZELPYX_GlobalPropGet("sw-blue", "p", out, &g_length); }},
       {"persistent port state", false, STATUS_FAILURE,
        [](void **out) { return ZELPYX_PersistentPortStateGet("sw-blue", "1", 7, out, &g_length); }},
       // The vendor list asks for the switch's version; a failed query leaves

@@ -1,7 +1,6 @@
 // The state file in a hostile directory: files planted beside it, several
 // processes writing at once, the flush order, and paths that are not files.
 #include <gtest/gtest.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "hardening_support.h"
 #include "host/file_io.h"
 #include "zel/file.h"
 
@@ -27,38 +27,13 @@ Bytes Slurp(const std::string &path) {
   return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
-// Runs fn in a child process and returns its exit code; -1 when it has not
-// ended within five seconds (it is killed then), -2 when it died.
-int InChild(const std::function<int()> &fn) {
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(fn());
-  }
-  for (int i = 0; i < 500; ++i) {
-    int wstatus = 0;
-    if (waitpid(child, &wstatus, WNOHANG) == child) {
-      return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -2;
-    }
-    usleep(10000);
-  }
-  kill(child, SIGKILL);
-  waitpid(child, nullptr, 0);
-  return -1;
-}
-
 class HardeningStateFile : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char tmpl[] = "/tmp/zel-harden-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    path_ = dir_ + "/zel.state";
-  }
-  void TearDown() override { fs::remove_all(dir_); }
   ReturnStatus Write(const Bytes &b) {
     return ZELFile_Write(path_.c_str(), b.data(), static_cast<uint32_t>(b.size()));
   }
-  std::string dir_, path_;
+  hardening::TempDir tmp_;
+  const std::string dir_ = tmp_.path(), path_ = dir_ + "/zel.state";
 };
 
 TEST_F(HardeningStateFile, FilesPlantedAtTheTemporaryNameAreNotTrusted) {
@@ -79,7 +54,7 @@ TEST_F(HardeningStateFile, FilesPlantedAtTheTemporaryNameAreNotTrusted) {
     ASSERT_EQ(Write(old), STATUS_OK);
     std::ofstream(victim) << "victim";
     r.plant();
-    EXPECT_EQ(InChild([&] { return Write(fresh) == r.expect ? 0 : 1; }), 0);
+    EXPECT_EQ(hardening::InChild([&] { return Write(fresh) == r.expect ? 0 : 1; }), 0);
     EXPECT_EQ(Slurp(victim), Bytes({'v', 'i', 'c', 't', 'i', 'm'}));
     EXPECT_FALSE(fs::is_symlink(path_));
     EXPECT_EQ(Slurp(path_), r.expect == STATUS_OK ? fresh : old);
@@ -186,7 +161,7 @@ TEST_F(HardeningStateFile, ReadRefusesWhatIsNotARegularFileWithoutBlocking) {
   for (const Row &r : rows) {
     SCOPED_TRACE(r.what);
     r.make();
-    EXPECT_EQ(InChild([&] {
+    EXPECT_EQ(hardening::InChild([&] {
                 void *blob = nullptr;
                 int32_t length = 0;
                 uint32_t offset = 0;
