@@ -3,6 +3,8 @@
 // port elements) into property lists, nested the way the state serialization
 // nests them.  Nothing is written to the store and the state database is
 // not touched.
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
@@ -11,7 +13,9 @@
 #include "configstore/kinds.h"
 #include "configstore/persist.h"
 #include "data/property_list_internal.h"
+#include "host/host_limits.h"
 #include "host/status_text.h"
+#include "state/state_db.h"
 
 namespace zel::persist {
 
@@ -38,6 +42,74 @@ bool IsSwitchListName(const char *name) {
     }
   }
   return false;
+}
+
+// What decoding the returned blob into an empty state database accepts.
+// Every blob a load returns with status 0 must decode whole and hold every
+// switch the load read: the decoder refuses a switch it cannot rebuild and
+// then empties the whole table, so one switch object edited by hand would
+// cost every switch.  The load therefore fails, with a message naming the
+// switch, where the decoder would refuse it (more switch objects than the
+// table holds, a uuid too long for a switch id or met twice, which the outer
+// list would otherwise silently merge, ports beyond the switch's or the
+// host's limit), and passes over a port whose key is too long for a port id,
+// as it passes over a port whose key it cannot read.
+struct DecodeRoom {
+  uint32_t hostPorts = 0;      // the host's port limit, as the decoder reads it
+  uint64_t portsLoaded = 0;    // ports of the switches loaded so far
+};
+
+// The limit the state database has read, else the one it would read; when
+// it cannot be read no blob decodes on this host, and no check is made.
+uint32_t HostPortLimit() {
+  uint32_t limit = zel::state::MaxPortsSystemWide();
+  if (limit == 0 && zel::host::KernelInfoGetMaxPortsSystemWide(&limit) != STATUS_OK) {
+    limit = UINT32_MAX;
+  }
+  return limit;
+}
+
+// Whether a switch id of the uuid's length fits, and the outer list does not
+// hold it yet.
+uint32_t CheckSwitchId(const char *uuid, PropertyList *outer) {
+  if (std::strlen(uuid) >= ZEL_SWITCH_ID_SIZE) {
+    CS_ERROR("Switch uuid %s is longer than %u characters\n", uuid, ZEL_SWITCH_ID_SIZE - 1);
+    return kFailure;
+  }
+  PropertyEntry *existing = nullptr;
+  if (ZELData_Lookup(outer, uuid, &existing) == STATUS_OK) {
+    CS_ERROR("Duplicate switch uuid %s in configstore\n", uuid);
+    return kFailure;
+  }
+  return 0;
+}
+
+// Whether the ports of a switch fit its maxPorts and the host's limit, as
+// the decoder adds them after the ports of the switches before it; a class
+// with flags takes the host's limit as its maxPorts.
+uint32_t CheckPortRoom(const char *uuid, const char *className, int32_t maxPorts,
+                       PropertyList *switchList, DecodeRoom *room) {
+  uint64_t ports = 0;
+  for (PropertyEntry *e = nullptr; ZELData_Next(switchList, e, &e) == STATUS_OK;) {
+    ++ports;
+  }
+  ports -= sizeof kSwitchListNames / sizeof kSwitchListNames[0];
+  const uint64_t freePorts =
+      room->hostPorts - std::min<uint64_t>(room->portsLoaded, room->hostPorts);
+  const auto wanted = static_cast<uint32_t>(maxPorts);
+  if (zel::state::ClassFlags(className) == 0 && (wanted > freePorts || ports > wanted)) {
+    CS_ERROR("Switch %s: max_ports %u for %llu ports does not fit the %llu free ports of the host\n",
+             uuid, wanted, static_cast<unsigned long long>(ports),
+             static_cast<unsigned long long>(freePorts));
+    return kFailure;
+  }
+  if (ports > freePorts) {
+    CS_ERROR("Switch %s: %llu ports do not fit the %llu free ports of the host\n", uuid,
+             static_cast<unsigned long long>(ports), static_cast<unsigned long long>(freePorts));
+    return kFailure;
+  }
+  room->portsLoaded += ports;
+  return 0;
 }
 
 // Frees what it holds on every exit.
@@ -154,6 +226,10 @@ uint32_t LoadPorts(cs::Object *object, PropertyList *switchList, uint32_t versio
       CS_ERROR("Port key %s is reserved, port skipped\n", key.text);
       continue;
     }
+    if (std::strlen(key.text) > zel::state::MaxPortIdLength(version)) {
+      CS_ERROR("Port key %s is too long, port skipped\n", key.text);
+      continue;
+    }
     const bool uplink = ports.numUplinkKeys > 0 &&
                         StringExistInArray(key.text, ports.uplinkKeys, ports.numUplinkKeys);
     const uint32_t result = LoadProps(key.text, ports.elements[i], switchList, kTablePort, version,
@@ -176,13 +252,16 @@ uint32_t SwitchListFailure(const char *uuid, ReturnStatus status) {
 }
 
 // One switch object into its entry of the outer list.
-uint32_t LoadSwitch(cs::Object *object, PropertyList *outer) {
+uint32_t LoadSwitch(cs::Object *object, PropertyList *outer, DecodeRoom *room) {
   Owned uuid;
   if (int status = cs::GetValueStr(object, "uuid", &uuid.text); status != cs::kOk) {
     CS_ERROR("Failed to get uuid, rc: %d\n", status);
     return Status(status);
   }
   CS_TRACE("Loading switch:%s\n", uuid.text);
+  if (uint32_t status = CheckSwitchId(uuid.text, outer); status != 0) {
+    return status;
+  }
   cs::Object *product = nullptr;
   if (int status = cs::GetSubObject(object, "product", "", &product); status != cs::kOk) {
     return Status(status);
@@ -225,6 +304,9 @@ uint32_t LoadSwitch(cs::Object *object, PropertyList *outer) {
   }
   if (status == 0) {
     status = LoadPorts(object, sw.list, version);
+  }
+  if (status == 0) {
+    status = CheckPortRoom(uuid.text, sw.className, maxPorts, sw.list, room);
   }
   if (status != 0) {
     return status;
@@ -313,8 +395,13 @@ uint32_t LoadBuf(void **blob, uint32_t *length, bool desired) {
     s.outer = nullptr;
     return kFailure;
   }
+  if (count > ZEL_MAX_SWITCHES) {
+    CS_ERROR("Too many switch objects in configstore: %d, at most %d\n", count, ZEL_MAX_SWITCHES);
+    return kFailure;
+  }
+  DecodeRoom room{HostPortLimit()};
   for (int i = 0; i < count; ++i) {
-    const uint32_t status = LoadSwitch(objects[i], s.outer);
+    const uint32_t status = LoadSwitch(objects[i], s.outer, &room);
     if (status == 0) {
       continue;
     }

@@ -151,6 +151,22 @@ uint32_t FillSwitchObject(SwitchState *sw, cs::Object *object, int64_t start) {
   return status;
 }
 
+// A switch object without a version text is written like any other (the
+// save's result stays as it is), but no load succeeds while the store holds
+// it: the load needs the version of every switch.  The warning makes that
+// visible when it is made, not at the next start.
+void WarnIfUnloadable(cs::Object *object, const char *id) {
+  cs::Object *product = nullptr;
+  char *version = nullptr;
+  if (cs::GetSubObject(object, "product", "", &product) == cs::kOk &&
+      cs::GetValueStr(product, "version", &version) == cs::kOk) {
+    std::free(version);
+    return;
+  }
+  CS_ERROR("Warning: switch %s is saved without \"com.zorlan.common.version\"; "
+           "no load succeeds until it has one\n", id);
+}
+
 // Rewrites one switch's object; returns true to stop the walk over switches.
 bool SaveSwitchToConfigStore(SwitchState *sw, void *context) {
   auto *ctx = static_cast<SaveContext *>(context);
@@ -176,6 +192,7 @@ bool SaveSwitchToConfigStore(SwitchState *sw, void *context) {
     CS_ERROR("Failed to save zel: %s to configstore\n", id);
     return true;
   }
+  WarnIfUnloadable(object, id);
   const int64_t setStart = NowMs();
   const int setStatus = cs::Set(ctx->store, object, "EXTERNAL");
   configStoreTimeMs += NowMs() - setStart;

@@ -100,6 +100,9 @@ ReturnStatus AppendNamed(PropertyList *list, const char *name, size_t nameLength
 extern "C" {
 
 ZEL_API ReturnStatus ZELData_Alloc(PropertyList **out, ZELDataAllocFn allocFn, ZELDataFreeFn freeFn) {
+  if (out == nullptr || allocFn == nullptr || freeFn == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   // Levels are tested here as well: deserializing a short list is a hot path,
   // and a call per disabled message shows in its cost.
   if (zeldata_debug >= 1) {
@@ -134,14 +137,27 @@ ZEL_API void ZELData_Free(PropertyList *list) {
   list->freeFn(list);
 }
 
-ZEL_API void ZELData_FreeAssocData(PropertyList *list, void *ptr) { list->freeFn(ptr); }
+// Without a list the free function is unknown: the buffer is left alone.
+ZEL_API void ZELData_FreeAssocData(PropertyList *list, void *ptr) {
+  if (list != nullptr && ptr != nullptr) {
+    list->freeFn(ptr);
+  }
+}
 
 ZEL_API ZELDataFreeFn ZELData_GetMemFreeFn(PropertyList *list, ZELDataFreeFn *out) {
-  *out = list->freeFn;
+  if (list == nullptr) {
+    return nullptr;
+  }
+  if (out != nullptr) {
+    *out = list->freeFn;
+  }
   return list->freeFn;
 }
 
 ZEL_API ReturnStatus ZELData_Lookup(PropertyList *list, const char *name, PropertyEntry **out) {
+  if (list == nullptr || name == nullptr || out == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   PropertyEntry *e = FindEntry(list, name, nullptr);
   if (e == nullptr) {
     return STATUS_NOT_FOUND;
@@ -150,21 +166,34 @@ ZEL_API ReturnStatus ZELData_Lookup(PropertyList *list, const char *name, Proper
   return STATUS_OK;
 }
 
-ZEL_API char *ZELData_Name(PropertyEntry *entry) { return NameOf(entry); }
+ZEL_API char *ZELData_Name(PropertyEntry *entry) {
+  return entry != nullptr ? NameOf(entry) : nullptr;
+}
 
-ZEL_API uint32_t ZELData_PropType(PropertyEntry *entry) { return PropTypeOf(entry); }
+ZEL_API uint32_t ZELData_PropType(PropertyEntry *entry) {
+  return entry != nullptr ? PropTypeOf(entry) : 0;
+}
 
+// A null entry has no value: *out becomes null and the length is 0.
 ZEL_API uint32_t ZELData_Data(PropertyEntry *entry, void **out) {
-  *out = DataOf(entry);
-  return DataLengthOf(entry);
+  if (out != nullptr) {
+    *out = entry != nullptr ? DataOf(entry) : nullptr;
+  }
+  return entry != nullptr ? DataLengthOf(entry) : 0;
 }
 
 ZEL_API ReturnStatus ZELData_Next(PropertyList *list, PropertyEntry *current, PropertyEntry **out) {
+  if (list == nullptr || out == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   *out = current == nullptr ? list->head : NextOf(current);
   return *out == nullptr ? STATUS_NOT_FOUND : STATUS_OK;
 }
 
 ZEL_API void ZELData_ForEach(PropertyList *list, ZELDataForEachFn callback, void *context) {
+  if (list == nullptr || callback == nullptr) {
+    return;
+  }
   for (PropertyEntry *e = list->head; e != nullptr; e = NextOf(e)) {
     if (callback(NameOf(e), DataOf(e), DataLengthOf(e), PropTypeOf(e), context)) {
       return;
@@ -174,11 +203,17 @@ ZEL_API void ZELData_ForEach(PropertyList *list, ZELDataForEachFn callback, void
 
 ZEL_API ReturnStatus ZELData_Append(PropertyList *list, const char *name, const void *value,
                                     uint32_t dataLength, uint32_t propType) {
+  if (list == nullptr || name == nullptr || (value == nullptr && dataLength != 0)) {
+    return STATUS_BAD_PARAM;
+  }
   return AppendNamed(list, name, strnlen(name, kMaxNameLength), value, dataLength, propType);
 }
 
 ZEL_API ReturnStatus ZELData_Update(PropertyList *list, const char *name, const void *value,
                                     uint32_t dataLength, uint32_t propType) {
+  if (list == nullptr || name == nullptr || (value == nullptr && dataLength != 0)) {
+    return STATUS_BAD_PARAM;
+  }
   const uint32_t effectiveType = propType != 0 ? propType : ZELDATA_PROPTYPE_UPDATE;
   PropertyEntry *prev = nullptr;
   PropertyEntry *old = FindEntry(list, name, &prev);
@@ -225,6 +260,9 @@ ZEL_API ReturnStatus ZELData_UpdateProp(PropertyList *list, const char *name, co
 }
 
 ZEL_API ReturnStatus ZELDataRemove(PropertyList *list, const char *name, uint32_t *outType) {
+  if (list == nullptr || name == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   if (outType != nullptr) {
     *outType = ZELDATA_PROPTYPE_UPDATE;
   }

@@ -426,17 +426,20 @@ uint32_t Checksum(const uint8_t *data, uint32_t size) {
 extern "C" {
 
 ZEL_API uint32_t ZELData_SerializedSize(PropertyList *list, uint32_t /*ignored*/) {
-  return list->serialSize;
+  return list != nullptr ? list->serialSize : 0;
 }
 
 ZEL_API uint32_t ZELData_SerializedSizeExNamedProp(PropertyList *list, uint32_t /*ignored*/,
                                                    const char *excludePattern) {
-  return SizeExcluding(list, excludePattern);
+  return list != nullptr ? SizeExcluding(list, excludePattern) : 0;
 }
 
 ZEL_API ReturnStatus ZELData_SerializeExNamedProp(PropertyList *list, void **buffer,
                                                   uint32_t *length, uint32_t version,
                                                   const char *excludePattern) {
+  if (list == nullptr || buffer == nullptr || length == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   if (version < 4) {
     DiagPrint(zeldata_debug, 0, "ZEL version %d is smaller than 6.0.\n", static_cast<int>(version));
   }
@@ -487,6 +490,9 @@ ZEL_API ReturnStatus ZELData_Serialize(PropertyList *list, void **buffer, uint32
 
 ZEL_API ReturnStatus ZELData_SerializeEntry(PropertyList *list, const char *name, void **buffer,
                                             uint32_t *length) {
+  if (list == nullptr || name == nullptr || buffer == nullptr || length == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   const uint32_t capacity = *length;
   *length = 0;
   PropertyEntry *e = nullptr;
@@ -514,6 +520,9 @@ ZEL_API ReturnStatus ZELData_SerializeEntry(PropertyList *list, const char *name
 ZEL_API ReturnStatus ZELData_DeserializeWithPropType(PropertyList **out, const void *data,
                                                      uint32_t dataLength, ZELDataAllocFn allocFn,
                                                      ZELDataFreeFn freeFn, uint32_t typeMask) {
+  if (out == nullptr || data == nullptr || allocFn == nullptr || freeFn == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   const auto *d = static_cast<const uint8_t *>(data);
   if (ReturnStatus status = CheckHeader(d, dataLength); status != STATUS_OK) {
     return status;

@@ -4,19 +4,31 @@
 // the old or the new state, never a mix.  When both configuration-store
 // features of the host are on, the configuration store takes the file's place.
 //
-// Beyond the format's own checks, two inputs are refused before anything is
-// touched: an empty (or null) blob, which would leave a 1-byte file, and a
-// blob longer than 0xFFFFFE00 bytes, whose padded length does not fit in 32
-// bits (both STATUS_BAD_PARAM).  A file longer than fits the i32 length
-// out-parameter fails verification like a file of a bad length.
+// Beyond the format's own checks, these inputs are refused before anything is
+// touched (STATUS_BAD_PARAM): a null or empty path, null outputs, an empty (or
+// null) blob, which would leave a 1-byte file, and a blob longer than
+// 0xFFFFFE00 bytes, whose padded length does not fit in 32 bits.  A file
+// longer than fits the i32 length out-parameter fails verification like a
+// file of a bad length.
+//
+// The directory may be shared with other users and other writers, so the
+// write also protects itself (each step says why below): writers of one path
+// are serialised by a lock file "<path>.lock"; the temporary file is never
+// reached through a symbolic link, must be a regular file of the writer's
+// and gets mode 0600 whatever it had; and the data is flushed before the
+// rename and the directory after it.  Reading refuses what is not a regular
+// file (STATUS_IO_ERROR) without blocking on it.
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 #include "host/feature_flags.h"
 #include "host/file_io.h"
@@ -55,11 +67,162 @@ char *TemporaryName(const char *path) {
   return name;
 }
 
+bool UsablePath(const char *path) { return path != nullptr && path[0] != '\0'; }
+
+// Serialises the writers of one state path, across processes and threads:
+// an exclusive flock on "<path>.lock", held from before the temporary file
+// is opened until after it has been renamed and closed.  Without it two
+// writers share "<path>.tmp", and one truncates the inode that the other has
+// already renamed into place (readers see a 1-byte or torn state file, the
+// second rename fails for data that went live).  flock locks belong to the
+// open file, so two threads of one process exclude each other as well.  The
+// lock file is never removed: a writer could otherwise lock a new file while
+// another still holds the old one.
+class WriterLock {
+ public:
+  explicit WriterLock(const char *path) : name_(std::string(path) + ".lock") {
+    fd_ = ::open(name_.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+    int rc = -1;
+    if (fd_ >= 0) {
+      do {
+        rc = ::flock(fd_, LOCK_EX);
+      } while (rc != 0 && errno == EINTR);
+    }
+    error_ = rc == 0 ? 0 : errno;
+  }
+  ~WriterLock() {
+    if (fd_ >= 0) {
+      ::close(fd_);  // releases the lock
+    }
+  }
+  WriterLock(const WriterLock &) = delete;
+  WriterLock &operator=(const WriterLock &) = delete;
+  bool Held() const { return error_ == 0; }
+  int Error() const { return error_; }
+  const char *Name() const { return name_.c_str(); }
+
+ private:
+  std::string name_;
+  int fd_ = -1;
+  int error_ = 0;
+};
+
+// Opens the write target.  A temporary name is never followed through a
+// symbolic link (one planted there would redirect the write and then become
+// the state path).  O_NONBLOCK keeps a planted FIFO from blocking the open;
+// it changes nothing for a regular file.
+int OpenTarget(const char *target, bool temporary) {
+  const int flags = O_WRONLY | O_CREAT | O_NONBLOCK | O_CLOEXEC | (temporary ? O_NOFOLLOW : 0);
+  return OpenMaybeDirect(target, flags, 0600);
+}
+
+// The state file holds the whole switch configuration: whatever a file left
+// at the target had (a FIFO, mode 0666, another owner), the result is a
+// regular file of mode 0600 owned by the writer, or nothing is written.  A
+// file of another owner is refused: renamed into place it would leave that
+// owner a handle on the state.
+ReturnStatus SecureTarget(int fd, const char *target) {
+  zel::host::FileIo &io = zel::host::CurrentFileIo();
+  struct stat st {};
+  if (io.Fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    ZELFileLog("failed to open zelfile %s for write, error: not a regular file\n", target);
+    return STATUS_IO_ERROR;
+  }
+  if (st.st_uid != ::geteuid()) {
+    ZELFileLog("failed to open zelfile %s for write, error: owned by another user\n", target);
+    return STATUS_IO_ERROR;
+  }
+  if (io.Fchmod(fd, 0600) != 0) {
+    ZELFileLog("failed to set mode of zelfile %s, error: %s\n", target, std::strerror(errno));
+    return STATUS_IO_ERROR;
+  }
+  return STATUS_OK;
+}
+
+// Flushes the directory holding path, so that a rename into it survives a
+// power loss.  A file system that cannot flush a directory (EINVAL) is taken
+// as it is.
+ReturnStatus SyncDirectoryOf(const char *path) {
+  std::string dir(path);
+  const size_t slash = dir.rfind('/');
+  dir = slash == std::string::npos ? "." : slash == 0 ? "/" : dir.substr(0, slash);
+  const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  int rc = fd < 0 ? -1 : zel::host::CurrentFileIo().Fsync(fd);
+  const int error = errno;
+  if (fd >= 0) {
+    ::close(fd);
+  }
+  if (rc != 0 && error != EINVAL) {
+    ZELFileLog("failed to sync directory of zelfile %s, error: %s\n", path, std::strerror(error));
+    return STATUS_WRITE_ERROR;
+  }
+  return STATUS_OK;
+}
+
+// Writes the padded blob at offset 0 and flushes it to the device: the
+// rename that follows must never put in place a file whose data is still
+// only in memory (after a power loss it could come back empty).
+ReturnStatus WritePadded(int fd, const char *target, const void *blob, uint32_t length) {
+  zel::host::FileIo &io = zel::host::CurrentFileIo();
+  const uint32_t padded = (length + kBlockSize - 1) & ~(kBlockSize - 1);
+  void *staging = std::malloc(size_t{padded} + kBlockSize - 1);
+  if (staging == nullptr) {
+    return STATUS_NO_MEMORY;
+  }
+  uint8_t *aligned = Aligned(staging);
+  std::memcpy(aligned, blob, length);
+  std::memset(aligned + length, 0, padded - length);  // the filler
+  ReturnStatus outcome = STATUS_OK;
+  if (io.Pwrite(fd, aligned, padded, 0) != static_cast<ssize_t>(padded)) {
+    ZELFileLog("failed to write zelfile %s, error: %s\n", target, std::strerror(errno));
+    outcome = STATUS_WRITE_ERROR;
+  } else if (io.Fsync(fd) != 0) {
+    ZELFileLog("failed to sync zelfile %s, error: %s\n", target, std::strerror(errno));
+    outcome = STATUS_WRITE_ERROR;
+  }
+  std::free(staging);
+  return outcome;
+}
+
+// The steps of a write once the target is open (temporary is null for a
+// write in place); the first failure ends it.  The lock is checked only
+// here, after the open, so that a path in a missing or closed directory
+// still fails with the open's message.
+ReturnStatus WriteOpenTarget(int fd, const WriterLock &lock, const char *path,
+                             const char *temporary, const void *blob, uint32_t length) {
+  zel::host::FileIo &io = zel::host::CurrentFileIo();
+  const char *target = temporary != nullptr ? temporary : path;
+  if (!lock.Held()) {
+    ZELFileLog("failed to lock zelfile %s, error: %s\n", lock.Name(), std::strerror(lock.Error()));
+    return STATUS_IO_ERROR;
+  }
+  ReturnStatus outcome = SecureTarget(fd, target);
+  if (outcome != STATUS_OK) {
+    return outcome;
+  }
+  if (io.Ftruncate(fd, 1) != 0) {
+    ZELFileLog("failed to truncate zelfile %s, error: %s\n", target, std::strerror(errno));
+    return STATUS_IO_ERROR;
+  }
+  outcome = WritePadded(fd, target, blob, length);
+  if (outcome != STATUS_OK || temporary == nullptr) {
+    return outcome;
+  }
+  if (io.Rename(temporary, path) != 0) {
+    ZELFileLog("failed to rename zelfile %s, error: %s\n", temporary, std::strerror(errno));
+    return STATUS_WRITE_ERROR;
+  }
+  return SyncDirectoryOf(path);
+}
+
 }  // namespace
 
 extern "C" {
 
 ZEL_API void ZELFileLog(const char *fmt, ...) {
+  if (fmt == nullptr) {
+    return;
+  }
   va_list ap;
   va_start(ap, fmt);
   zel::host::LogV(kFileLogId, fmt, ap);
@@ -68,16 +231,24 @@ ZEL_API void ZELFileLog(const char *fmt, ...) {
 
 ZEL_API ReturnStatus ZELFile_ReadClassical(const char *path, void **blob, int32_t *length,
                                            uint32_t *offset) {
+  if (!UsablePath(path) || blob == nullptr || length == nullptr || offset == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   zel::host::FileIo &io = zel::host::CurrentFileIo();
-  const int fd = OpenMaybeDirect(path, O_RDONLY, 0);
+  // O_NONBLOCK: opening a FIFO planted at the path would otherwise wait for
+  // a writer for ever; a regular file reads the same with it.
+  const int fd = OpenMaybeDirect(path, O_RDONLY | O_NONBLOCK | O_CLOEXEC, 0);
   if (fd < 0) {
     ZELFileLog("failed to open zelfile %s for read, error: %s\n", path, std::strerror(errno));
     return STATUS_NOT_FOUND;
   }
   ReturnStatus outcome = STATUS_OK;
   struct stat st {};
-  if (io.Fstat(fd, &st) != 0 || st.st_size == 0) {
+  if (io.Fstat(fd, &st) != 0 || (S_ISREG(st.st_mode) && st.st_size == 0)) {
     outcome = STATUS_FILE_EMPTY;
+  } else if (!S_ISREG(st.st_mode)) {
+    ZELFileLog("failed to verify zelfile %s: not a regular file\n", path);
+    outcome = STATUS_IO_ERROR;
   } else if (st.st_size % kBlockSize != 0 || st.st_size > kMaxFileLength) {
     ZELFileLog("failed to verify zelfile %s with length %ld\n", path, static_cast<long>(st.st_size));
     outcome = STATUS_IO_ERROR;
@@ -104,6 +275,9 @@ ZEL_API ReturnStatus ZELFile_ReadClassical(const char *path, void **blob, int32_
 }
 
 ZEL_API ReturnStatus ZELFile_Read(const char *path, void **blob, int32_t *length, uint32_t *offset) {
+  if (blob == nullptr || length == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   if (zel::host::ConfigStoreEnabled()) {
     uint32_t storedLength = 0;
     const uint32_t status = ZELState_LoadFromConfigStoreAsBuf(blob, &storedLength, false);
@@ -119,6 +293,9 @@ ZEL_API ReturnStatus ZELFile_Read(const char *path, void **blob, int32_t *length
 
 ZEL_API ReturnStatus ZELFile_WriteClassical(const char *path, const void *blob, uint32_t length,
                                             int useTemporary) {
+  if (!UsablePath(path)) {
+    return STATUS_BAD_PARAM;
+  }
   if (blob == nullptr || length == 0 || length > kMaxBlobLength) {
     ZELFileLog("refusing to write zelfile %s with length %u\n", path, length);
     return STATUS_BAD_PARAM;
@@ -129,36 +306,14 @@ ZEL_API ReturnStatus ZELFile_WriteClassical(const char *path, const void *blob, 
   if (target == nullptr) {
     return STATUS_NO_MEMORY;
   }
-  ReturnStatus outcome = STATUS_OK;
-  void *staging = nullptr;
-  const int fd = OpenMaybeDirect(target, O_WRONLY | O_CREAT, 0600);
+  const WriterLock lock(path);
+  const int fd = OpenTarget(target, useTemporary != 0);
   if (fd < 0) {
     ZELFileLog("failed to open zelfile %s for write, error: %s\n", target, std::strerror(errno));
     std::free(temporary);
     return STATUS_IO_ERROR;
   }
-  if (io.Ftruncate(fd, 1) != 0) {
-    ZELFileLog("failed to truncate zelfile %s, error: %s\n", target, std::strerror(errno));
-    outcome = STATUS_IO_ERROR;
-  } else {
-    const uint32_t padded = (length + kBlockSize - 1) & ~(kBlockSize - 1);
-    staging = std::malloc(size_t{padded} + kBlockSize - 1);
-    if (staging == nullptr) {
-      outcome = STATUS_NO_MEMORY;
-    } else {
-      uint8_t *aligned = Aligned(staging);
-      std::memcpy(aligned, blob, length);
-      std::memset(aligned + length, 0, padded - length);  // the filler
-      if (io.Pwrite(fd, aligned, padded, 0) != static_cast<ssize_t>(padded)) {
-        ZELFileLog("failed to write zelfile %s, error: %s\n", target, std::strerror(errno));
-        outcome = STATUS_WRITE_ERROR;
-      } else if (useTemporary && io.Rename(temporary, path) != 0) {
-        ZELFileLog("failed to rename zelfile %s, error: %s\n", temporary, std::strerror(errno));
-        outcome = STATUS_WRITE_ERROR;
-      }
-    }
-  }
-  std::free(staging);
+  const ReturnStatus outcome = WriteOpenTarget(fd, lock, path, temporary, blob, length);
   std::free(temporary);
   io.Close(fd);
   return outcome;

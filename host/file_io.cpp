@@ -17,6 +17,8 @@ ssize_t SystemFileIo::Pwrite(int fd, const void *buf, size_t count, off_t offset
 int SystemFileIo::Ftruncate(int fd, off_t length) { return ::ftruncate(fd, length); }
 int SystemFileIo::Rename(const char *from, const char *to) { return std::rename(from, to); }
 int SystemFileIo::Close(int fd) { return ::close(fd); }
+int SystemFileIo::Fsync(int fd) { return ::fsync(fd); }
+int SystemFileIo::Fchmod(int fd, mode_t mode) { return ::fchmod(fd, mode); }
 
 namespace {
 SystemFileIo g_system;

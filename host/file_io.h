@@ -18,6 +18,8 @@ class FileIo {
   virtual int Ftruncate(int fd, off_t length) = 0;
   virtual int Rename(const char *from, const char *to) = 0;
   virtual int Close(int fd) = 0;
+  virtual int Fsync(int fd) = 0;
+  virtual int Fchmod(int fd, mode_t mode) = 0;
 };
 
 // The real calls; also a base for tests that override one call.
@@ -30,6 +32,8 @@ class SystemFileIo : public FileIo {
   int Ftruncate(int fd, off_t length) override;
   int Rename(const char *from, const char *to) override;
   int Close(int fd) override;
+  int Fsync(int fd) override;
+  int Fchmod(int fd, mode_t mode) override;
 };
 
 FileIo &CurrentFileIo();

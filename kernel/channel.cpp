@@ -56,12 +56,19 @@ int PlainDescriptor(host::DeviceTransport &transport) {
 // One growing-buffer exchange, shared by the reply and the command shapes:
 // *capacityField is dataLen or cmdOutLen, *addressField data or cmdOut.
 // Returns the outcome; *out is null unless the outcome is 0.
+//
+// The kernel's answers are not trusted: a failed ioctl always fails the
+// exchange (STATUS_FAILURE when the record's status says 0, which would
+// otherwise hand the caller success with no buffer), and the growth stops
+// with STATUS_LIMIT_EXCEEDED after ZELPYX_MAX_REPLY_ROUNDS calls or when the
+// kernel names a size above ZELPYX_MAX_REPLY_SIZE, so that a confused module
+// can neither keep the caller looping nor make it allocate gigabytes.
 template <typename OnAllocFailure>
 ReturnStatus GrowingExchange(host::DeviceTransport &transport, int fd, int request,
                              ZELPYXCommand *cmd, uint32_t ZELPYXCommand::*capacityField,
                              uint64_t ZELPYXCommand::*addressField, void **out,
                              OnAllocFailure onAllocFailure) {
-  for (;;) {
+  for (uint32_t round = 1;; ++round) {
     const uint32_t capacity = cmd->*capacityField;
     void *buffer = AllocReply(capacity);
     *out = buffer;
@@ -81,8 +88,14 @@ ReturnStatus GrowingExchange(host::DeviceTransport &transport, int fd, int reque
     std::free(buffer);
     *out = nullptr;
     const ReturnStatus outcome = cmd->status;
+    if (outcome == STATUS_OK) {
+      return STATUS_FAILURE;
+    }
     if (outcome != STATUS_LIMIT_EXCEEDED || cmd->*capacityField <= capacity) {
       return outcome;
+    }
+    if (cmd->*capacityField > ZELPYX_MAX_REPLY_SIZE || round >= ZELPYX_MAX_REPLY_ROUNDS) {
+      return STATUS_LIMIT_EXCEEDED;
     }
   }
 }
@@ -166,7 +179,7 @@ ZEL_API ReturnStatus ZELPYX_Ioctl(int request, ZELPYXCommand *cmd) {
 ZEL_API ReturnStatus ZELPYX_CmdExec(const char *switchName, const char *command,
                                     const void *input, uint32_t inputLen, void **output,
                                     uint32_t *outputLen) {
-  if (output == nullptr || outputLen == nullptr) {
+  if (output == nullptr || outputLen == nullptr || !zel::kernel::ValueUsable(input, inputLen)) {
     return STATUS_BAD_PARAM;
   }
   ZELPYXCommand cmd{};
@@ -191,6 +204,9 @@ ZEL_API ReturnStatus ZELPYX_CmdExec(const char *switchName, const char *command,
 }
 
 ZEL_API ReturnStatus ZELPYX_StateInit(const void *blob, uint32_t blobLen) {
+  if (!zel::kernel::ValueUsable(blob, blobLen)) {
+    return STATUS_BAD_PARAM;
+  }
   ZELPYXCommand cmd{};
   cmd.dataLen = blobLen;
   cmd.data = zel::kernel::AddressOf(blob);

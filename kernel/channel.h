@@ -11,11 +11,24 @@
 
 namespace zel::kernel {
 
+// Bounds of the reply and output buffers.  A reply or command output
+// larger than 256 MiB is refused with STATUS_LIMIT_EXCEEDED (no buffer is
+// allocated past it): the whole state of 32 switches with their ports and
+// properties stays far below it.  The kernel may name a larger size at most
+// ZELPYX_MAX_REPLY_ROUNDS - 1 times: the state may grow between two calls
+// while other clients add ports, so a few rounds are normal, but a module
+// that never settles must not keep the caller looping.  After the last call
+// the exchange ends with STATUS_LIMIT_EXCEEDED.
+constexpr uint32_t ZELPYX_MAX_REPLY_SIZE = 256u << 20;
+constexpr uint32_t ZELPYX_MAX_REPLY_ROUNDS = 16;
+
 // The reply exchange: runs request with cmd, allocating the reply buffer
 // (32768 bytes first, grown when the kernel names a larger size with
-// STATUS_LIMIT_EXCEEDED).  On success *reply holds the reply and the caller
-// owns it; on failure *reply is null.  *replyLen is the length the kernel
-// left in dataLen (never more than the buffer on success).
+// STATUS_LIMIT_EXCEEDED, within the bounds above).  On success *reply holds
+// the reply and the caller owns it; on failure *reply is null and the status
+// is never 0 (a failed ioctl whose record says 0 gives STATUS_FAILURE).
+// *replyLen is the length the kernel left in dataLen (never more than the
+// buffer on success).
 ReturnStatus ZELPYXIoctlGet(int request, ZELPYXCommand *cmd, void **reply, uint32_t *replyLen);
 
 // The switch-wide (global or host) property get and set behind the public
@@ -29,6 +42,9 @@ ReturnStatus ZELPYXSwitchPropSet(const char *switchName, const char *propName, c
 // size less one, always NUL-terminated); a null text counts as empty.
 void CopyText(char *field, size_t size, const char *text);
 inline uint64_t AddressOf(const void *p) { return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(p)); }
+// A value sent to the kernel: null is refused unless its length is 0, so the
+// module is never handed address 0 with a length to read from it.
+inline bool ValueUsable(const void *data, uint32_t length) { return data != nullptr || length == 0; }
 
 // Installs transport for the channel (null: the system one) and forgets the
 // plain-exchange descriptor opened on the previous transport, without

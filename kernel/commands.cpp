@@ -40,6 +40,9 @@ ReturnStatus ZELPYXSwitchPropGet(const char *switchName, const char *propName, v
 
 ReturnStatus ZELPYXSwitchPropSet(const char *switchName, const char *propName, const void *data,
                                  uint32_t dataLen, int request, uint32_t propType) {
+  if (!ValueUsable(data, dataLen)) {
+    return STATUS_BAD_PARAM;
+  }
   ZELPYXCommand cmd = Record(switchName, nullptr, propName);
   SetValue(&cmd, data, dataLen, propType);
   return ZELPYX_Ioctl(request, &cmd);
@@ -114,6 +117,9 @@ ZEL_API ReturnStatus ZELPYX_HostPropClear(const char *switchName, const char *pr
 
 ZEL_API ReturnStatus ZELPYX_PortAdd(const char *switchName, const char *portId, const void *data,
                                     uint32_t dataLen) {
+  if (!zel::kernel::ValueUsable(data, dataLen)) {
+    return STATUS_BAD_PARAM;
+  }
   ZELPYXCommand cmd = Record(switchName, portId);
   cmd.data = zel::kernel::AddressOf(data);
   cmd.dataLen = dataLen;
@@ -134,6 +140,9 @@ ZEL_API ReturnStatus ZELPYX_PortDataGet(const char *switchName, const char *port
 ZEL_API ReturnStatus ZELPYX_PortDataSet(const char *switchName, const char *portId,
                                         const char *propName, const void *data, uint32_t dataLen,
                                         uint32_t propType) {
+  if (!zel::kernel::ValueUsable(data, dataLen)) {
+    return STATUS_BAD_PARAM;
+  }
   ZELPYXCommand cmd = Record(switchName, portId, propName);
   zel::kernel::SetValue(&cmd, data, dataLen, propType);
   return ZELPYX_Ioctl(ZELPYX_REQ_PORT_DATA_SET, &cmd);
@@ -171,6 +180,9 @@ ZEL_API ReturnStatus ZELPYX_SwitchSetVersion(const char *switchName, uint32_t ve
 ZEL_API ReturnStatus ZELPYX_UplinkDataSet(const char *switchName, const char *portId,
                                           uint32_t uplinkIndex, const void *data,
                                           uint32_t dataLen, uint32_t propType) {
+  if (!zel::kernel::ValueUsable(data, dataLen)) {
+    return STATUS_BAD_PARAM;
+  }
   ZELPYXCommand cmd = Record(switchName, portId);
   zel::kernel::SetUplinkIndex(&cmd, static_cast<int32_t>(uplinkIndex));
   zel::kernel::SetValue(&cmd, data, dataLen, propType);

@@ -20,6 +20,9 @@ ReturnStatus ZELState_ConfigReset(void) {
 
 bool ZELState_StripZelWithNoPersistFlag(SwitchState **array, char (*ids)[ZEL_SWITCH_ID_SIZE],
                                         bool fileInUse) {
+  if (array == nullptr || ids == nullptr) {
+    return false;
+  }
   TableLock lock;
   bool result = false;
   int numIds = 0;
@@ -54,6 +57,9 @@ bool ZELState_StripZelWithNoPersistFlag(SwitchState **array, char (*ids)[ZEL_SWI
 }
 
 void ZELState_UpdateGlobalSwsArray(SwitchState **array, char (*ids)[ZEL_SWITCH_ID_SIZE]) {
+  if (array == nullptr || ids == nullptr) {
+    return;
+  }
   TableLock lock;
   int cursor = 0;
   for (int row = 0; row < kNumSlots; ++row) {
@@ -85,6 +91,9 @@ void ZELState_UpdateGlobalSwsArray(SwitchState **array, char (*ids)[ZEL_SWITCH_I
 }
 
 void ZELState_FreeZELArray(SwitchState **array) {
+  if (array == nullptr) {
+    return;
+  }
   TableLock lock;
   ZELState_ConfigReset();
   for (int slot = 0; slot < kNumSlots; ++slot) {

@@ -86,6 +86,8 @@ void RemovePortAt(SwitchState *sw, uint32_t slot) {
   --sw->numPorts;
 }
 
+size_t MaxPortIdLength(uint32_t version) { return version > 6 ? ZEL_PORT_ID_SIZE - 1 : 15; }
+
 }  // namespace zel::state
 
 using namespace zel::state;
@@ -100,8 +102,7 @@ ReturnStatus ZELStatePortAdd(const char *switchId, const char *portId, PropertyL
   if (sw == nullptr) {
     return STATUS_NOT_FOUND;
   }
-  size_t maxIdLength = sw->version > 6 ? ZEL_PORT_ID_SIZE - 1 : 15;
-  if (std::strlen(portId) > maxIdLength) {
+  if (std::strlen(portId) > MaxPortIdLength(sw->version)) {
     ZEL_LOG(0, "ZELStatePortAdd %s, id length too long\n", portId);
     return STATUS_BAD_PARAM;
   }
@@ -162,6 +163,9 @@ ReturnStatus ZELState_LocalCachePortAdd(const char *switchId, const char *portId
 
 ReturnStatus ZELState_PortAddShadow(const char *switchId, const char *portId, const void *data,
                                     uint32_t dataLength) {
+  if (switchId == nullptr || portId == nullptr || data == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_PortAddShadow %s, %s\n", switchId, portId);
   PropertyList *list = nullptr;
   ReturnStatus status = ZELData_Deserialize(&list, data, dataLength, AllocFn(), FreeFn());
@@ -273,32 +277,44 @@ PortState *ZELState_PortFindShadowByAlias(const char *switchAlias, const char *p
 
 ReturnStatus ZELState_PortDataGet(PortState *port, const char *name, void **value,
                                   uint32_t *length) {
+  if (port == nullptr || name == nullptr || value == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(2, "ZELState_PortDataGet %s, %s, %s\n", port->sw->id, port->id, name);
   return PortDataCommon(port, name, value, length, DataOp::kGet, 0);
 }
 
 ReturnStatus ZELState_PortDataSet(PortState *port, const char *name, const void *value,
                                   uint32_t length, uint32_t propType) {
+  if (port == nullptr || name == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(2, "ZELState_PortDataSet %s, %s, %s\n", port->sw->id, port->id, name);
   void *data = const_cast<void *>(value);
   return PortDataCommon(port, name, &data, &length, DataOp::kSet, propType);
 }
 
 ReturnStatus ZELState_PortDataClear(PortState *port, const char *name) {
+  if (port == nullptr || name == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(2, "ZELState_PortDataClear %s, %s, %s\n", port->sw->id, port->id, name);
   return PortDataCommon(port, name, nullptr, nullptr, DataOp::kClear, 0);
 }
 
 ReturnStatus ZELState_PortDataRead(PortState *port, const char *name, void **value,
                                    uint32_t *length) {
-  return ReadValue(port->data, name, value, length);
+  return port != nullptr ? ReadValue(port->data, name, value, length) : STATUS_BAD_PARAM;
 }
 
 ReturnStatus ZELState_PortDataForEach(PortState *port, ZELStatePropFn callback, void *context) {
-  return WalkEntries(port->data, callback, context);
+  return port != nullptr ? WalkEntries(port->data, callback, context) : STATUS_BAD_PARAM;
 }
 
 void ZELState_PortForEach(SwitchState *sw, ZELStatePortFn callback, void *context) {
+  if (sw == nullptr || callback == nullptr) {
+    return;
+  }
   for (int64_t i = sw->inUse->NextBit(0, true); i != zel::host::BitVector::kNone;
        i = sw->inUse->NextBit(static_cast<uint32_t>(i) + 1, true)) {
     if (callback(sw->ports[i], context)) {
@@ -307,9 +323,13 @@ void ZELState_PortForEach(SwitchState *sw, ZELStatePortFn callback, void *contex
   }
 }
 
-const char *ZEL_PortId(PortState *port) { return port->id; }
+// The accessors answer a null port with null or 0 and change nothing.
+const char *ZEL_PortId(PortState *port) { return port != nullptr ? port->id : nullptr; }
 
 const char *ZEL_PortAlias(PortState *port) {
+  if (port == nullptr) {
+    return nullptr;
+  }
   PropertyEntry *entry = nullptr;
   if (ZELData_Lookup(port->data, ZEL_PROP_PORT_ALIAS, &entry) == STATUS_OK) {
     if (const char *text = EntryText(entry)) {
@@ -319,7 +339,11 @@ const char *ZEL_PortAlias(PortState *port) {
   return "unknown";
 }
 
-PortKind ZEL_PortKind(PortState *port) { return port->kind; }
-void ZEL_PortSetKind(PortState *port, PortKind kind) { port->kind = kind; }
-PropertyList *ZEL_PortData(PortState *port) { return port->data; }
-SwitchState *ZEL_PortSwitch(PortState *port) { return port->sw; }
+PortKind ZEL_PortKind(PortState *port) { return port != nullptr ? port->kind : PORT_KIND_NONE; }
+void ZEL_PortSetKind(PortState *port, PortKind kind) {
+  if (port != nullptr) {
+    port->kind = kind;
+  }
+}
+PropertyList *ZEL_PortData(PortState *port) { return port != nullptr ? port->data : nullptr; }
+SwitchState *ZEL_PortSwitch(PortState *port) { return port != nullptr ? port->sw : nullptr; }

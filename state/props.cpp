@@ -27,6 +27,9 @@ ReturnStatus Set(const Family &f, const char *switchId, const char *name, const 
   if (value == nullptr || length == 0) {
     return STATUS_FAILURE;
   }
+  if (switchId == nullptr || name == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_%sPropSet %s, %s\n", f.word, switchId, name);
   SwitchState *sw = ZELState_SwitchFind(switchId);
   if (sw == nullptr) {
@@ -36,6 +39,9 @@ ReturnStatus Set(const Family &f, const char *switchId, const char *name, const 
 }
 
 ReturnStatus Clear(const Family &f, const char *switchId, const char *name) {
+  if (switchId == nullptr || name == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_%sPropClear %s, %s\n", f.word, switchId, name);
   SwitchState *sw = ZELState_SwitchFind(switchId);
   if (sw == nullptr) {
@@ -46,6 +52,9 @@ ReturnStatus Clear(const Family &f, const char *switchId, const char *name) {
 
 ReturnStatus Lookup(const Family &f, const char *switchId, const char *name,
                     PropertyEntry **entry) {
+  if (switchId == nullptr || name == nullptr || entry == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(2, "ZELState_%sPropLookup %s, %s\n", f.word, switchId, name);
   SwitchState *sw = ZELState_SwitchFind(switchId);
   if (sw == nullptr) {
@@ -56,11 +65,17 @@ ReturnStatus Lookup(const Family &f, const char *switchId, const char *name,
 
 ReturnStatus Read(const Family &f, SwitchState *sw, const char *name, void **value,
                   uint32_t *length) {
+  if (sw == nullptr || name == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(2, "ZELState_%sPropRead %s, %s\n", f.word, sw->id, name);
   return ReadValue(sw->*f.list, name, value, length);
 }
 
 bool IsSet(const Family &f, SwitchState *sw, const char *name) {
+  if (sw == nullptr || name == nullptr) {
+    return false;
+  }
   ZEL_LOG(2, "ZELState_%sPropIsSet %s: %s\n", f.word, sw->id, name);
   PropertyEntry *entry = nullptr;
   return ZELData_Lookup(sw->*f.list, name, &entry) == STATUS_OK;
@@ -99,7 +114,7 @@ bool ZELState_GlobalPropIsSet(SwitchState *sw, const char *name) {
 }
 
 ReturnStatus ZELState_GlobalPropForEach(SwitchState *sw, ZELStatePropFn callback, void *context) {
-  return WalkEntries(sw->globalProps, callback, context);
+  return sw != nullptr ? WalkEntries(sw->globalProps, callback, context) : STATUS_BAD_PARAM;
 }
 
 ReturnStatus ZELState_HostPropSet(const char *switchId, const char *name, const void *value,
@@ -124,5 +139,5 @@ ReturnStatus ZELState_HostPropRead(SwitchState *sw, const char *name, void **val
 bool ZELState_HostPropIsSet(SwitchState *sw, const char *name) { return IsSet(kHost, sw, name); }
 
 ReturnStatus ZELState_HostPropForEach(SwitchState *sw, ZELStatePropFn callback, void *context) {
-  return WalkEntries(sw->hostProps, callback, context);
+  return sw != nullptr ? WalkEntries(sw->hostProps, callback, context) : STATUS_BAD_PARAM;
 }

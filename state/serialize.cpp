@@ -547,6 +547,9 @@ ReturnStatus SwitchDeserializeFrom(const char *switchId, Source &source) {
 using namespace zel::state;
 
 ReturnStatus ZELState_ConfigSerialize(void **buffer, uint32_t *length) {
+  if (buffer == nullptr || length == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_ConfigSerialize\n");
   ReturnStatus status = STATUS_OK;
   if (*buffer == nullptr && zeldata_debug < 2 && SystemAllocator() &&
@@ -586,6 +589,9 @@ ReturnStatus ZELState_ConfigSerialize(void **buffer, uint32_t *length) {
 }
 
 ReturnStatus ZELState_SwitchSerialize(SwitchState *sw, void **buffer, uint32_t *length) {
+  if (sw == nullptr || buffer == nullptr || length == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_SwitchSerialize %s\n", sw->id);
   PropertyList *list = nullptr;
   ReturnStatus status = ZELData_Alloc(&list, AllocFn(), FreeFn());
@@ -629,11 +635,17 @@ ReturnStatus ZELState_SwitchSerialize(SwitchState *sw, void **buffer, uint32_t *
 }
 
 ReturnStatus ZELState_PortSerialize(PortState *port, void **buffer, uint32_t *length) {
+  if (port == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(2, "ZELState_PortSerialize %s\n", port->id);
   return ZELData_Serialize(port->data, buffer, length, port->sw->version);
 }
 
 ReturnStatus ZELState_ConfigDeserialize(const void *blob, uint32_t length) {
+  if (blob == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_ConfigDeserialize\n");
   PropertyList *outer = nullptr;
   ReturnStatus status = ReadInPlace()
@@ -659,6 +671,9 @@ ReturnStatus ZELState_ConfigDeserialize(const void *blob, uint32_t length) {
 }
 
 ReturnStatus ZELState_SwitchDeserialize(const char *switchId, const void *blob, uint32_t length) {
+  if (switchId == nullptr || blob == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(1, "ZELState_SwitchDeserialize %s\n", switchId);
   if (ReadInPlace()) {
     const ReturnStatus status = zd::CheckSerialized(blob, length);
@@ -679,6 +694,9 @@ ReturnStatus ZELState_SwitchDeserialize(const char *switchId, const void *blob, 
 
 ReturnStatus ZELState_PortDeserialize(const char *switchId, const char *portId, const void *data,
                                       uint32_t length) {
+  if (switchId == nullptr || portId == nullptr || data == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   ZEL_LOG(2, "ZELState_PortDeserialize %s, %s\n", switchId, portId);
   PropertyList *list = nullptr;
   ReturnStatus status = ZELData_Deserialize(&list, data, length, AllocFn(), FreeFn());

@@ -76,6 +76,9 @@ class TableLock {
 // The system-wide port limit, read with a relaxed atomic access: it is
 // fetched before the table lock is taken.
 uint32_t MaxPortsSystemWide();
+// classFlags of a class name: nonzero for the classes that take the
+// system-wide limit as their maxPorts (bit 0: no per-switch port limit).
+uint32_t ClassFlags(const char *className);
 
 // Removes the switch in a table slot with all its ports (no lock taken).
 void RemoveSwitchAt(int slot);
@@ -83,6 +86,9 @@ void RemoveSwitchAt(int slot);
 ReturnStatus SwitchRemoveNoLock(const char *id);
 // Removes the port in a slot of the switch and releases it.
 void RemovePortAt(SwitchState *sw, uint32_t slot);
+// The longest port id a switch of the version code takes: 47 characters
+// above version 6, 15 otherwise.
+size_t MaxPortIdLength(uint32_t version);
 
 // The value of an entry as text when it holds a NUL within its length,
 // else null: a value without one is not a string and matches nothing.

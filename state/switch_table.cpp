@@ -33,19 +33,6 @@ host::RecLock *TableRecLock() {
   return lock;
 }
 
-// classFlags of the classes that take the system-wide limit as theirs.
-uint32_t ClassFlags(const char *className) {
-  if (std::strcmp(className, "qorvswitch") == 0) {
-    return 3;
-  }
-  static const char *const kUnlimited[] = {"etherswitch", "stub-vswitch", "cswitch", "vswitch"};
-  for (const char *name : kUnlimited) {
-    if (std::strcmp(className, name) == 0) {
-      return 1;
-    }
-  }
-  return 0;
-}
 
 // Fetches the system-wide limit when it is still unknown.
 ReturnStatus FetchPortLimit(const char *id) {
@@ -151,6 +138,19 @@ ZELDataAllocFn AllocFn() { return g_allocFn.load(std::memory_order_relaxed); }
 ZELDataFreeFn FreeFn() { return g_freeFn.load(std::memory_order_relaxed); }
 bool SystemAllocator() { return AllocFn() == SystemAlloc; }
 
+uint32_t ClassFlags(const char *className) {
+  if (std::strcmp(className, "qorvswitch") == 0) {
+    return 3;
+  }
+  static const char *const kUnlimited[] = {"etherswitch", "stub-vswitch", "cswitch", "vswitch"};
+  for (const char *name : kUnlimited) {
+    if (std::strcmp(className, name) == 0) {
+      return 1;
+    }
+  }
+  return 0;
+}
+
 uint32_t MaxPortsSystemWide() {
   return __atomic_load_n(&uwMaxNumActivePortsSystemWide, __ATOMIC_RELAXED);
 }
@@ -191,6 +191,9 @@ const char *EntryText(PropertyEntry *entry) {
 }
 
 ReturnStatus ReadValue(PropertyList *list, const char *name, void **value, uint32_t *length) {
+  if (list == nullptr || name == nullptr || value == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   PropertyEntry *entry = nullptr;
   ReturnStatus status = ZELData_Lookup(list, name, &entry);
   if (status == STATUS_OK) {
@@ -203,6 +206,9 @@ ReturnStatus ReadValue(PropertyList *list, const char *name, void **value, uint3
 }
 
 ReturnStatus WalkEntries(PropertyList *list, ZELStatePropFn callback, void *context) {
+  if (list == nullptr || callback == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   PropertyEntry *entry = nullptr;
   while (ZELData_Next(list, entry, &entry) == STATUS_OK) {
     uint32_t result = callback(entry, context);
@@ -315,6 +321,9 @@ SwitchState *ZELState_SwitchFind(const char *id) {
 }
 
 SwitchState *ZELState_SwitchFindByUUID(const uint8_t uuid[16]) {
+  if (uuid == nullptr) {
+    return nullptr;
+  }
   char id[ZEL_SWITCH_ID_SIZE];
   std::snprintf(id, sizeof id,
                 "%02x %02x %02x %02x %02x %02x %02x %02x-%02x %02x %02x %02x %02x %02x %02x %02x",
@@ -341,6 +350,9 @@ SwitchState *ZELState_SwitchFindByAlias(const char *alias) {
 }
 
 void ZELState_SwitchForEach(ZELStateSwitchFn callback, void *context) {
+  if (callback == nullptr) {
+    return;
+  }
   TableLock lock;
   for (int slot = 0; slot < kNumSlots; ++slot) {
     SwitchState *sw = globalSwsArray[slot];
@@ -366,6 +378,9 @@ ReturnStatus ZELState_SwitchSetVersion(const char *id, uint32_t version) {
       ZEL_LOG(0, "ZEL version not support %u\n", version);
       return STATUS_NOT_SUPPORTED;
   }
+  if (id == nullptr) {
+    return STATUS_BAD_PARAM;
+  }
   SwitchState *sw = ZELState_SwitchFind(id);
   if (sw == nullptr) {
     return STATUS_NOT_FOUND;
@@ -375,9 +390,13 @@ ReturnStatus ZELState_SwitchSetVersion(const char *id, uint32_t version) {
   return STATUS_OK;
 }
 
-const char *ZEL_SwitchId(SwitchState *sw) { return sw->id; }
+// The accessors answer a null switch with null or 0 and change nothing.
+const char *ZEL_SwitchId(SwitchState *sw) { return sw != nullptr ? sw->id : nullptr; }
 
 const char *ZEL_SwitchName(SwitchState *sw) {
+  if (sw == nullptr) {
+    return nullptr;
+  }
   PropertyEntry *entry = nullptr;
   if (ZELState_GlobalPropLookup(sw->id, ZEL_PROP_SWITCH_ALIAS, &entry) == STATUS_OK) {
     if (const char *text = EntryText(entry)) {
@@ -387,23 +406,30 @@ const char *ZEL_SwitchName(SwitchState *sw) {
   return "unknown";
 }
 
-const char *ZEL_ClassName(SwitchState *sw) { return sw->className; }
+const char *ZEL_ClassName(SwitchState *sw) { return sw != nullptr ? sw->className : nullptr; }
 
+// A null class name leaves the class as it is.
 char *ZEL_SetClassName(SwitchState *sw, const char *className) {
+  if (sw == nullptr || className == nullptr) {
+    return sw != nullptr ? sw->className : nullptr;
+  }
   std::strncpy(sw->className, className, sizeof sw->className - 1);
   sw->className[sizeof sw->className - 1] = '\0';
   return sw->className;
 }
 
-uint32_t ZEL_Version(SwitchState *sw) { return sw->version; }
-uint32_t ZEL_GetMaxPorts(SwitchState *sw) { return sw->maxPorts; }
-uint32_t ZEL_GetNewMaxPorts(SwitchState *sw) { return sw->newMaxPorts; }
+uint32_t ZEL_Version(SwitchState *sw) { return sw != nullptr ? sw->version : 0; }
+uint32_t ZEL_GetMaxPorts(SwitchState *sw) { return sw != nullptr ? sw->maxPorts : 0; }
+uint32_t ZEL_GetNewMaxPorts(SwitchState *sw) { return sw != nullptr ? sw->newMaxPorts : 0; }
 
 uint32_t ZEL_UpdateMaxPorts(SwitchState *sw) {
+  if (sw == nullptr) {
+    return 0;
+  }
   sw->maxPorts = sw->newMaxPorts;
   return sw->maxPorts;
 }
 
-uint32_t ZEL_NumPorts(SwitchState *sw) { return sw->numPorts; }
-PropertyList *ZEL_GlobalPropList(SwitchState *sw) { return sw->globalProps; }
-PropertyList *ZEL_HostPropList(SwitchState *sw) { return sw->hostProps; }
+uint32_t ZEL_NumPorts(SwitchState *sw) { return sw != nullptr ? sw->numPorts : 0; }
+PropertyList *ZEL_GlobalPropList(SwitchState *sw) { return sw != nullptr ? sw->globalProps : nullptr; }
+PropertyList *ZEL_HostPropList(SwitchState *sw) { return sw != nullptr ? sw->hostProps : nullptr; }
