@@ -18,5 +18,8 @@ for fuzzer in "$dir"/tests/fuzz/fuzz_*; do
   # Each target writes its own well-formed seeds when asked through this variable.
   ZEL_FUZZ_WRITE_SEEDS="$corpus" "$fuzzer" >/dev/null
   echo "-- $name for ${secs}s"
-  "$fuzzer" -max_total_time="$secs" -print_final_stats=1 "$corpus" 2>&1 | tail -n 3
+  # A dictionary of the input's key words sits beside a target that has one.
+  dict="tests/fuzz/$name.dict"; extra=()
+  [ -f "$dict" ] && extra=(-dict="$dict")
+  "$fuzzer" -max_total_time="$secs" ${extra[@]+"${extra[@]}"} -print_final_stats=1 "$corpus" 2>&1 | tail -n 3
 done

@@ -3,7 +3,7 @@
 # UndefinedBehaviorSanitizer, the multi-threaded tests under ThreadSanitizer,
 # a short run of every fuzz target, and on a plain library build the exported
 # symbol list, an install with two consumers and the Debian packages.
-# FUZZ_SECONDS sets the fuzz time of each target (default 30).
+# FUZZ_SECONDS sets the fuzz time of each target (default 20).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash tools/install-deps.sh
@@ -30,8 +30,8 @@ echo "== multi-threaded tests under ThreadSanitizer"
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
   ./build-tsan/tests/zel_tests --gtest_filter='*Concurrency*' --gtest_brief=1
 
-echo "== fuzz: ${FUZZ_SECONDS:-30} s per target"
-bash tools/run-fuzz.sh "${FUZZ_SECONDS:-30}" build-fuzz
+echo "== fuzz: ${FUZZ_SECONDS:-20} s per target"
+bash tools/run-fuzz.sh "${FUZZ_SECONDS:-20}" build-fuzz
 
 echo "== installed library: symbols, install and consumers, packages"
 for check in symbols install package; do
