@@ -224,7 +224,7 @@ TEST_F(PersistLoad, DesiredLayerPairsObjectsByPosition) {
 }
 
 TEST_F(PersistLoad, StoreAndAllocationFailures) {
-  Put("sw", Object("sw", "6.6.0", R"(,"name":"dvs")").c_str());
+  Put("sw", Object("sw", "6.6.0", R"(,"name":"sky")").c_str());
   cs::testing::FailNext(Op::kGetStore, cs::kStorage);
   EXPECT_EQ(Loading(7), "Get store failed");
   cs::testing::FailNext(Op::kGetInstances, cs::kCorrupt);

@@ -125,7 +125,7 @@ TEST_F(PersistTeaming, SwitchClassChoosesTheKindThatSavesAndLoads) {
   Teaming t;
   t.speed = 1000;
   t.numActive = 1;
-  t.names = {"vmnic0"};
+  t.names = {"uplink1"};
   Teaming back = t;
   back.failureFlags = 0x200;
 

@@ -175,7 +175,7 @@ TEST(SerializedDataTest, CallerBufferCapacity) {
 
 TEST(SerializedDataTest, ExclusionPatternKeepsPersistMarker) {
   PropertyList *list = NewList();
-  ASSERT_EQ(ZELData_Append(list, "com.zorlan.common.port.alias", "eth0", 5, 16), STATUS_OK);
+  ASSERT_EQ(ZELData_Append(list, "com.zorlan.common.port.alias", "lan0", 5, 16), STATUS_OK);
   ASSERT_EQ(ZELData_Append(list, "com.zorlan.common.port.volatile.persist", "1", 1, 16), STATUS_OK);
   ASSERT_EQ(ZELData_Append(list, "other", "x", 1, 16), STATUS_OK);
   const uint32_t full = ZELData_SerializedSize(list, 0);

@@ -119,16 +119,16 @@ class SimKernelTest : public ::testing::Test {
 };
 
 TEST_F(SimKernelTest, SwitchLifecycleAndLimits) {
-  EXPECT_EQ(ZELPYX_SwitchAdd("dvs1", "vswitch", 10, 7), STATUS_OK);
+  EXPECT_EQ(ZELPYX_SwitchAdd("sw1", "vswitch", 10, 7), STATUS_OK);
   EXPECT_EQ(ZELPYX_SwitchAdd("lim", "customswitch", 1000, 5), STATUS_OK);
   // An unlimited class takes the host limit; a limited class keeps its own.
-  EXPECT_EQ(Command("dvs1", "stats"),
-            "switch dvs1\nclass vswitch\nversion 7\nmaxPorts 4096\nports 0\nassociated 1\n");
+  EXPECT_EQ(Command("sw1", "stats"),
+            "switch sw1\nclass vswitch\nversion 7\nmaxPorts 4096\nports 0\nassociated 1\n");
   EXPECT_NE(Command("lim", "stats").find("maxPorts 1000\n"), std::string::npos);
 
   std::string err;
   ReturnStatus status = 0;
-  err = zeltest::CaptureStderr([&] { status = ZELPYX_SwitchAdd("dvs1", "other", 1, 7); });
+  err = zeltest::CaptureStderr([&] { status = ZELPYX_SwitchAdd("sw1", "other", 1, 7); });
   EXPECT_EQ(status, STATUS_EXISTS);
   EXPECT_EQ(err, std::string("ioctl failed: ") + std::strerror(EEXIST) + "\n");
   EXPECT_EQ(Quiet([] { return ZELPYX_SwitchAdd("v8", "vswitch", 1, 8); }), STATUS_NOT_SUPPORTED);
@@ -142,9 +142,9 @@ TEST_F(SimKernelTest, SwitchLifecycleAndLimits) {
   EXPECT_EQ(Quiet([] { return ZELPYX_SwitchSetVersion("lim", 101); }), STATUS_NOT_SUPPORTED);
   EXPECT_EQ(ZELPYX_SwitchSetMaxPorts("lim", 20), STATUS_OK);
   EXPECT_EQ(Quiet([] { return ZELPYX_SwitchSetMaxPorts("lim", 4097); }), STATUS_LIMIT_EXCEEDED);
-  EXPECT_EQ(ZELPYX_SwitchSetMaxPorts("dvs1", 3), STATUS_OK);  // unlimited: stays at the host limit
+  EXPECT_EQ(ZELPYX_SwitchSetMaxPorts("sw1", 3), STATUS_OK);  // unlimited: stays at the host limit
   EXPECT_NE(Command("lim", "stats").find("version 107\nmaxPorts 20\n"), std::string::npos);
-  EXPECT_NE(Command("dvs1", "stats").find("maxPorts 4096\n"), std::string::npos);
+  EXPECT_NE(Command("sw1", "stats").find("maxPorts 4096\n"), std::string::npos);
 
   EXPECT_EQ(ZELPYX_SwitchRemove("lim"), STATUS_OK);
   EXPECT_EQ(Quiet([] { return ZELPYX_SwitchRemove("lim"); }), STATUS_NOT_FOUND);
