@@ -50,10 +50,7 @@ TEST_F(PersistLoad, SwitchBlobMatchesTheStateDatabaseLayout) {
   Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":true)").c_str());
   void *blob = nullptr;
   uint32_t length = 0;
-  {
-    NoPolicy stubs;
-    ASSERT_EQ(ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false), 0u);
-  }
+  ASSERT_EQ(ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false), 0u);
   // The state database takes the loaded blob as it is.
   ASSERT_EQ(ZELState_ConfigDeserialize(blob, length), STATUS_OK);
   std::free(blob);
@@ -234,7 +231,6 @@ TEST_F(PersistLoad, StoreAndAllocationFailures) {
   // cleanly (nothing handed back, nothing left allocated) until none fails.
   namespace fa = zeltest::failalloc;
   zp::testing::SetLoadAllocator(fa::Alloc, fa::Free);
-  NoPolicy stubs;
   zeltest::ScopedLevel level(zelconfigstore_debug, 1);
   bool sawListMessage = false;
   for (uint64_t k = 1;; ++k) {

@@ -44,27 +44,9 @@ class ScopedKinds {
   std::vector<std::pair<uint32_t, zp::KindCase>> saved_;
 };
 
-inline const std::vector<uint32_t> &PolicyKinds() {
-  static const std::vector<uint32_t> kinds = {6,  7,  11, 12, 13, 17, 18, 22,
-                                              24, 25, 26, 27, 28, 29, 33, 36};
-  return kinds;
-}
-
-// Policy cases that store and load nothing, so that a load gets past the
-// rows of kinds whose conversions are not in place.  Kind 36 is left alone:
-// its load runs only for uplink ports, and tests that have some stub it.
+// Cases that store and load nothing.
 inline uint32_t NoSave(const zp::SaveArgs &) { return 0; }
 inline uint32_t NoLoad(const zp::LoadArgs &) { return 0; }
-inline std::vector<uint32_t> MissingPolicyKinds() {
-  std::vector<uint32_t> missing;
-  for (uint32_t k : PolicyKinds())
-    if (k != 36 && zp::FindKind(k) == nullptr) missing.push_back(k);
-  return missing;
-}
-class NoPolicy : public ScopedKinds {
- public:
-  NoPolicy() : ScopedKinds(MissingPolicyKinds(), zp::KindCase{NoSave, NoLoad}) {}
-};
 // Takes kinds out of the table, as if their conversions were not in place.
 class WithoutKinds : public ScopedKinds {
  public:
@@ -200,10 +182,9 @@ class PersistTest : public zelstatetest::StateTest {
     return Save(Blob(switches), switchId);
   }
 
-  // Loads every stored switch (policy rows stubbed out); status in *status.
+  // Loads every stored switch; status in *status.
   static std::vector<std::pair<std::string, Loaded>> LoadAll(uint32_t *status = nullptr,
                                                              bool desired = false) {
-    NoPolicy stubs;
     void *blob = nullptr;
     uint32_t length = 0;
     const uint32_t rc = ZELState_LoadFromConfigStoreAsBuf(&blob, &length, desired);

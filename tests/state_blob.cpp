@@ -78,13 +78,6 @@ TEST_F(StateBlobTest, EmptyTableIsTheEmptyList) {
   EXPECT_EQ(Slots(), std::vector<std::string>(32, ""));
 }
 
-TEST_F(StateBlobTest, SwitchWithoutPortsIsFiveEntries) {
-  ASSERT_EQ(ZELState_SwitchAdd("sw1", "etherswitch", 0, 7), STATUS_OK);
-  Bytes expected = Encode({{"sw1", SwitchBlob(7, "etherswitch", 4096, {}, {}, {})}});
-  EXPECT_EQ(expected.size(), 1064u);  // 12 + (904 + 146 & ~3) + 4
-  EXPECT_EQ(StateBlob(), expected);
-}
-
 TEST_F(StateBlobTest, ExactBytesWithPropertiesAndPortsOfEveryKind) {
   ASSERT_EQ(ZELState_SwitchAdd("a", "mine", 10, 107), STATUS_OK);
   ASSERT_EQ(ZELState_SwitchAdd("b", "vswitch", 0, 5), STATUS_OK);
