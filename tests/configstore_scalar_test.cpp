@@ -59,14 +59,6 @@ SwitchDef EtherSwitch() {
   return s;
 }
 
-// The value a load gives back for a property ("" absent), and whether the
-// property is there at all.
-const Bytes *Find(const Props &props, const std::string &name) {
-  for (const auto &[n, v] : props)
-    if (n == name) return &v;
-  return nullptr;
-}
-
 class PersistScalar : public PersistTest {
  protected:
   // Port p1 is an uplink in some tests; its resource pools are not looked at.
