@@ -22,6 +22,7 @@ using zelstatetest::Bytes;
 using zelstatetest::Props;
 using zelstatetest::Text;
 using zelstatetest::U32;
+using zelstatetest::DatabaseEmpty;
 namespace cs = zel::cfgstore;
 namespace zp = zel::persist;
 
@@ -43,6 +44,13 @@ class ScopedKinds {
  private:
   std::vector<std::pair<uint32_t, zp::KindCase>> saved_;
 };
+
+// The parts one after the other.
+inline Bytes Cat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
+}
 
 // Cases that store and load nothing.
 inline uint32_t NoSave(const zp::SaveArgs &) { return 0; }
@@ -212,12 +220,6 @@ class PersistTest : public zelstatetest::StateTest {
     ASSERT_EQ(cs::CreateObject("switches", "network_zel", "orn", id, content, &o), 0);
     EXPECT_EQ(cs::Set(s.get(), o, "EXTERNAL"), 0);
     cs::DestroyConfigStoreObject(o);
-  }
-
-  static bool DatabaseEmpty() {
-    for (int i = 0; i < ZEL_MAX_SWITCHES; ++i)
-      if (zel::state::testing::SwitchAtSlot(i) != nullptr) return false;
-    return true;
   }
 
   cfgtest::TempStore store_;

@@ -23,11 +23,6 @@ Bytes U64(uint64_t v) {
   std::memcpy(b.data(), &v, 8);
   return b;
 }
-Bytes Cat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 Bytes Slot(const std::string &text, size_t size) {
   Bytes b(size, 0);
   std::memcpy(b.data(), text.data(), std::min(text.size(), size));

@@ -31,12 +31,6 @@ Bytes Entry(uint16_t primary, uint16_t secondary, uint8_t type, uint8_t reserved
   b.insert(b.end(), {type, reserved, reserved, reserved});
   return b;
 }
-Bytes Cat(std::initializer_list<Bytes> parts) {
-  Bytes b;
-  for (const Bytes &p : parts) b.insert(b.end(), p.begin(), p.end());
-  return b;
-}
-
 // Instance ids are random: shown as "*".
 std::string Masked(const std::string &json) {
   static const std::regex id(R"("key":"[0-9a-f]{8}-[0-9a-f-]{27}")");
