@@ -1,5 +1,4 @@
-// The mapping tables as exported, the sub-object helper's messages and the
-// kind table.
+// The mapping tables as exported and the sub-object helper's messages.
 #include <string>
 
 #include "configstore_persist_support.h"
@@ -98,18 +97,6 @@ TEST_F(PersistPaths, GetOrCreateReportsOnlyRealFailures) {
   cs::Object *again = nullptr;
   EXPECT_EQ(zp::GetOrCreateSubObject(false, sw_.get(), "ports", "p1", &again), 0u);
   EXPECT_EQ(again, child);
-}
-
-// Every kind but 30 has a case; a table refuses kinds outside its range.
-TEST(PersistKinds, EveryKindHasACase) {
-  for (uint32_t k = 0; k <= 36; ++k) EXPECT_EQ(zp::FindKind(k) == nullptr, k == 30) << k;
-  for (uint32_t k : {37u, 1000u}) EXPECT_EQ(zp::FindKind(k), nullptr) << k;
-  zp::KindTable table;
-  EXPECT_FALSE(table.Add(30, NoSave, NoLoad));
-  EXPECT_FALSE(table.Add(37, NoSave, NoLoad));
-  EXPECT_TRUE(table.Add(36, NoSave, NoLoad));
-  EXPECT_EQ(table.Find(30), nullptr);
-  EXPECT_NE(table.Find(36), nullptr);
 }
 
 }  // namespace

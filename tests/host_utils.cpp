@@ -1,37 +1,14 @@
-// The host-utility layer: named rank-checked recursive locks and the source
-// of the system-wide port limit.
+// The host-utility layer: the source of the system-wide port limit.
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <chrono>
 #include <cstdlib>
 #include <string>
-#include <thread>
 
 #include "host/host_limits.h"
-#include "host/lock.h"
 
 using namespace zel::host;
 
 namespace {
-
-TEST(HostLockTest, RecursiveAndExcludesOtherThreads) {
-  RecLock *lock = CreateSingletonRecLock("test.recursive", 20);
-  Acquire(lock);
-  Acquire(lock);  // re-taking a held lock is fine
-  std::atomic<bool> entered{false};
-  std::thread other([&] {
-    Acquire(lock);
-    entered = true;
-    Release(lock);
-  });
-  Release(lock);
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  EXPECT_FALSE(entered.load()) << "still held once";
-  Release(lock);
-  other.join();
-  EXPECT_TRUE(entered.load());
-}
 
 // Restores the environment variable and the default source after each test.
 class HostLimitsTest : public ::testing::Test {

@@ -1,5 +1,5 @@
-// Emptying the table and the persistence filtering of switches marked not to
-// be persisted, up to the whole sequence the persistent-state path runs.
+// The persistence filtering of switches marked not to be persisted: the strip,
+// the move back of named switches and the release of what was parked.
 #include <string>
 
 #include "state_fixture.h"
@@ -123,49 +123,6 @@ TEST_F(StatePersistTest, FreeZelArrayReleasesTableAndArray) {
   EXPECT_EQ(Slots(), Expect({}));
   EXPECT_EQ(HostPorts(), 0u);
   EXPECT_EQ(zeltest::failalloc::Live(), 0);
-}
-
-// The sequence of the persistent-state path: strip the marked switches, load
-// the stored state, keep the stored records of the marked switches, write the
-// result, free the leftovers.
-TEST_F(StatePersistTest, EndToEndSequenceKeepsStoredStateOfMarkedSwitches) {
-  // What the state file holds: old versions of keep and marked, and gone.
-  Add("keep");
-  Add("marked");
-  Add("gone");
-  ASSERT_EQ(ZELState_GlobalPropSet("keep", "v", "old", 4, 0), STATUS_OK);
-  ASSERT_EQ(ZELState_GlobalPropSet("marked", "v", "old", 4, 0), STATUS_OK);
-  Bytes stored = StateBlob();
-  ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
-  // The current state: new versions, marked flagged not to be persisted.
-  Add("other");
-  Add("keep");
-  Add("marked", true);
-  ASSERT_EQ(ZELState_GlobalPropSet("keep", "v", "new", 4, 0), STATUS_OK);
-  ASSERT_EQ(ZELState_GlobalPropSet("marked", "v", "new", 4, 0), STATUS_OK);
-  ASSERT_EQ(AddPort("marked", "extra"), STATUS_OK);
-
-  ASSERT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
-  ASSERT_EQ(ZELState_ConfigDeserialize(stored.data(), static_cast<uint32_t>(stored.size())),
-            STATUS_OK);
-  ZELState_UpdateGlobalSwsArray(array_, ids_);
-  Bytes result = StateBlob();
-  ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
-  ZELState_FreeZELArray(array_);
-  array_[0] = reinterpret_cast<SwitchState *>(0x1);
-  EXPECT_EQ(HostPorts(), 0u);
-
-  ASSERT_EQ(ZELState_ConfigDeserialize(result.data(), static_cast<uint32_t>(result.size())),
-            STATUS_OK);
-  EXPECT_EQ(Slots(), Expect({{0, "other"}, {1, "keep"}, {2, "marked"}}));
-  void *value = nullptr;
-  ASSERT_EQ(ZELState_GlobalPropRead(ZELState_SwitchFind("keep"), "v", &value, nullptr), STATUS_OK);
-  EXPECT_STREQ(static_cast<char *>(value), "new");
-  SwitchState *marked = ZELState_SwitchFind("marked");
-  ASSERT_EQ(ZELState_GlobalPropRead(marked, "v", &value, nullptr), STATUS_OK);
-  EXPECT_STREQ(static_cast<char *>(value), "old");
-  EXPECT_FALSE(ZELState_GlobalPropIsSet(marked, ZEL_PROP_NOPERSIST));
-  EXPECT_EQ(ZEL_NumPorts(marked), 1u) << "the stored record has no port \"extra\"";
 }
 
 }  // namespace

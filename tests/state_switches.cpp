@@ -219,18 +219,6 @@ TEST(StateLockDeathTest, LowerRankLockInsideTheTableLockAborts) {
       "taking \"zelpyx\" \\(rank 0xFEFFFFFE\\) while holding \"zelstate\" \\(rank 0xFEFFFFFF\\)");
 }
 
-TEST(StateLockTest, ChannelLockThenTableLockIsTheAllowedOrder) {
-  zel::host::RecLock *pyx = zel::host::CreateSingletonRecLock("zelpyx", 0xFEFFFFFE);
-  zel::host::Acquire(pyx);
-  ZelRecLock *lock = ZelSwitchHandleLock();
-  ZelRecLock *again = ZelSwitchHandleLock();
-  EXPECT_EQ(lock, again);
-  ZelSwitchHandleUnlock(again);
-  ZelSwitchHandleUnlock(lock);
-  ZelSwitchHandleUnlock(nullptr);
-  zel::host::Release(pyx);
-}
-
 // --- global and host properties ---
 
 using StatePropsTest = StateTest;
