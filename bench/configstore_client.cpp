@@ -57,7 +57,7 @@ cs::Object *BuildSwitch(const std::string &id, const char *sel3 = "orn") {
     cs::CreateSubObject(o, "ports", key.c_str(), &p);
     cs::SetValueStr(p, "name", ("vm nic " + std::to_string(i)).c_str());
     cs::SetValueUint32(p, "connection_cookie", 1000000u + i);
-    cs::SetValueStr(p, "port_group_key", "dvportgroup-42");
+    cs::SetValueStr(p, "port_group_key", "group-42");
     cs::SetValueBool(p, "blocked", false);
     cs::SetValueBool(p, "ferrox_gen2_allowed", true);
     cs::SetValueBool(p, "tx_uplink", false);

@@ -69,7 +69,7 @@ PropertyList *PortList(int switchIndex, int port) {
 void Populate(int portsPerSwitch) {
   zel::state::testing::SetPortLimit(kSwitches * 4000);
   for (int s = 0; s < kSwitches; ++s) {
-    std::string id = "dvs-" + std::to_string(s);
+    std::string id = "sw-" + std::to_string(s);
     ZELState_SwitchAdd(id.c_str(), "benchswitch", uint32_t(portsPerSwitch), 7);
     ZELState_GlobalPropSet(id.c_str(), ZEL_PROP_SWITCH_ALIAS, id.c_str(), uint32_t(id.size() + 1),
                            0);

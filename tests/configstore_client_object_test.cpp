@@ -114,45 +114,24 @@ TEST(ConfigStoreObjects, GetterTypeMatrix) {
   ASSERT_EQ(cs::CreateSubObject(o, "single", nullptr, &sub), cs::kOk);
   ASSERT_EQ(cs::CreateSubObject(o, "items", "i1", &sub), cs::kOk);
 
+  // One getter of each kind; whatever they hand out is released.
   using Getter = int (*)(Object *, const char *);
   const Getter getters[] = {
-      [](Object *x, const char *k) {
-        char *v = nullptr;
-        int s = cs::GetValueStr(x, k, &v);
-        free(v);
-        return s;
-      },
-      [](Object *x, const char *k) {
-        int32_t v;
-        return cs::GetValueInt(x, k, &v);
-      },
-      [](Object *x, const char *k) {
-        uint32_t v;
-        return cs::GetValueUint32(x, k, &v);
-      },
-      [](Object *x, const char *k) {
-        uint16_t v;
-        return cs::GetValueUint16(x, k, &v);
-      },
-      [](Object *x, const char *k) {
-        int64_t v;
-        return cs::GetValueLong(x, k, &v);
-      },
-      [](Object *x, const char *k) {
-        uint8_t v;
-        return cs::GetValueBool(x, k, &v);
-      },
+      [](Object *x, const char *k) { char *v = nullptr; int s = cs::GetValueStr(x, k, &v); free(v); return s; },
+      [](Object *x, const char *k) { int32_t v; return cs::GetValueInt(x, k, &v); },
+      [](Object *x, const char *k) { uint32_t v; return cs::GetValueUint32(x, k, &v); },
+      [](Object *x, const char *k) { uint16_t v; return cs::GetValueUint16(x, k, &v); },
+      [](Object *x, const char *k) { int64_t v; return cs::GetValueLong(x, k, &v); },
+      [](Object *x, const char *k) { uint8_t v; return cs::GetValueBool(x, k, &v); },
       [](Object *x, const char *k) {
         uint8_t *v = nullptr;
-        int n;
-        int s = cs::GetValueBinary(x, k, &v, &n);
+        int n, s = cs::GetValueBinary(x, k, &v, &n);
         free(v);
         return s;
       },
       [](Object *x, const char *k) {
         char **v = nullptr;
-        int n = 0;
-        int s = cs::GetValueStringArray(x, k, &v, &n);
+        int n = 0, s = cs::GetValueStringArray(x, k, &v, &n);
         cs::DestroyStringArrayValue(&v, n);
         return s;
       },

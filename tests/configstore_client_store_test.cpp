@@ -1,5 +1,5 @@
 // The configuration store on disk: objects, layers, transactions, stored
-// content that cannot be trusted, instance ids and the fault seam.
+// content that cannot be trusted and instance ids.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
@@ -240,41 +240,6 @@ TEST(ConfigStoreStore, GeneratedInstanceIdsAreRandomUuids) {
     seen.insert(s);
   }
   EXPECT_EQ(seen.size(), 200u);
-}
-
-TEST(ConfigStoreStore, FaultSeam) {
-  TempStore tmp;
-  namespace ct = cs::testing;
-  StorePtr store = OpenStore();
-  ObjectPtr sw = SwitchWith("sw", "n");
-  ct::ClearFailures();
-
-  // The second Set fails once with the given status and writes nothing.
-  ct::FailNext(ct::Op::kSet, cs::kStorage, 1);
-  EXPECT_EQ(cs::Set(store.get(), sw.get(), "EXTERNAL"), cs::kOk);
-  ASSERT_EQ(cs::Delete(store.get(), "switches", "network_zel", "orn", "sw"), cs::kOk);
-  EXPECT_EQ(cs::Set(store.get(), sw.get(), "EXTERNAL"), cs::kStorage);
-  EXPECT_EQ(RawContent(tmp.path(), "current", "sw"), "");
-  EXPECT_EQ(cs::Set(store.get(), sw.get(), "EXTERNAL"), cs::kOk);
-  EXPECT_EQ(ct::Calls(ct::Op::kSet), 3u);
-
-  // An injected failure clears the caller's out-parameters.
-  ct::FailNext(ct::Op::kGet, cs::kNotFound);
-  Object *o = reinterpret_cast<Object *>(1);
-  EXPECT_EQ(cs::Get(store.get(), "switches", "network_zel", "orn", "sw", &o), cs::kNotFound);
-  EXPECT_EQ(o, nullptr);
-
-  // Every later call, of any operation.
-  ct::FailNext(ct::Op::kAny, 42, 0, -1);
-  char *v = nullptr;
-  EXPECT_EQ(cs::GetValueStr(sw.get(), "name", &v), 42);
-  EXPECT_EQ(cs::BeginTransaction(store.get()), 42);
-  EXPECT_EQ(cs::GenerateInstanceId(&v), 42);
-  ct::ClearFailures();
-  EXPECT_EQ(ct::Calls(ct::Op::kAny), 0u);
-  ASSERT_EQ(cs::GetValueStr(sw.get(), "name", &v), cs::kOk);
-  free(v);
-  EXPECT_EQ(ct::Calls(ct::Op::kAny), 1u);
 }
 
 }  // namespace

@@ -46,30 +46,6 @@ TEST_F(PersistLoad, EmptyStoreGivesAnEmptyBlob) {
   EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(nullptr, &length, false), kFail);
 }
 
-TEST_F(PersistLoad, SwitchBlobMatchesTheStateDatabaseLayout) {
-  Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":true)").c_str());
-  void *blob = nullptr;
-  uint32_t length = 0;
-  {
-    NoPolicy stubs;
-    ASSERT_EQ(ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false), 0u);
-  }
-  // The state database takes the loaded blob as it is.
-  ASSERT_EQ(ZELState_ConfigDeserialize(blob, length), STATUS_OK);
-  std::free(blob);
-  SwitchState *sw = ZELState_SwitchFind("sw");
-  ASSERT_NE(sw, nullptr);
-  EXPECT_EQ(ZEL_Version(sw), 107u);
-  EXPECT_STREQ(ZEL_ClassName(sw), "vswitch");
-  const auto global = zelstatetest::ListProps(ZEL_GlobalPropList(sw));
-  EXPECT_EQ(global, (Props{{"com.zorlan.common.version", U32(107)}}));
-  // "className" carries the text and its NUL only.
-  Loaded loaded = LoadOne();
-  EXPECT_EQ(loaded.className, Text("vswitch"));
-  EXPECT_EQ(loaded.maxPorts, 16u);
-  EXPECT_EQ(loaded.host, (Props{{"com.zorlan.common.portset.qor", Text("true")}}));
-}
-
 TEST_F(PersistLoad, VersionTextAndSwitchHeaderFailures) {
   Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":false)").c_str());
   EXPECT_EQ(LoadOne().version, 7u);
@@ -224,7 +200,7 @@ TEST_F(PersistLoad, DesiredLayerPairsObjectsByPosition) {
 }
 
 TEST_F(PersistLoad, StoreAndAllocationFailures) {
-  Put("sw", Object("sw", "6.6.0", R"(,"name":"dvs")").c_str());
+  Put("sw", Object("sw", "6.6.0", R"(,"name":"sky")").c_str());
   cs::testing::FailNext(Op::kGetStore, cs::kStorage);
   EXPECT_EQ(Loading(7), "Get store failed");
   cs::testing::FailNext(Op::kGetInstances, cs::kCorrupt);
@@ -234,7 +210,6 @@ TEST_F(PersistLoad, StoreAndAllocationFailures) {
   // cleanly (nothing handed back, nothing left allocated) until none fails.
   namespace fa = zeltest::failalloc;
   zp::testing::SetLoadAllocator(fa::Alloc, fa::Free);
-  NoPolicy stubs;
   zeltest::ScopedLevel level(zelconfigstore_debug, 1);
   bool sawListMessage = false;
   for (uint64_t k = 1;; ++k) {

@@ -1,6 +1,4 @@
-// The mapping tables as exported, the row lookup of saving, the path helpers,
-// the kind table and the save dispatcher's own refusals.
-#include <algorithm>
+// The mapping tables as exported and the sub-object helper's messages.
 #include <string>
 
 #include "configstore_persist_support.h"
@@ -70,81 +68,11 @@ TEST(PersistMapping, TablesAreWellFormed) {
   EXPECT_EQ(GetConfigMap(-1), nullptr);
 }
 
-TEST(PersistMapping, ResetListsNameWhatASaveClears) {
-  auto list = [](const char *const *p) {
-    std::vector<std::string> out;
-    for (; *p != nullptr; ++p) out.emplace_back(*p);
-    return out;
-  };
-  EXPECT_EQ(list(UNUSED_PRIMITIVE_PROPS),
-            (std::vector<std::string>{"name", "portset_name", "max_ports", "is_opaque",
-                                      "switch_address", "uplink_port_keys", "uplink_port_names",
-                                      "uplink_port_groupKeys", "qor_enabled"}));
-  EXPECT_EQ(list(UNUSED_SINGLETON_PROPS),
-            (std::vector<std::string>{"settings", "resource_management", "product", "data"}));
-  EXPECT_EQ(list(UNUSED_NON_SINGLETON_PROPS),
-            (std::vector<std::string>{"ports", "uplink_ports", "pyxnic_ports", "vtep_ports",
-                                      "health_checks"}));
-}
-
-TEST(PersistMapping, SavingFindsTheFirstRowOfANameElseTheCatchAll) {
-  EXPECT_EQ(zp::FindRow(0, "com.zorlan.etherswitch.multicastFilter"), &zelGlobalProp2Config[16]);
-  EXPECT_EQ(zp::FindRow(0, "com.zorlan.vswitch.mtu"), &zelGlobalProp2Config[3]);
-  EXPECT_EQ(zp::FindRow(0, "com.other.vendor.thing"), &zelGlobalProp2Config[27]);
-  EXPECT_EQ(zp::FindRow(0, "DEFAULT"), &zelGlobalProp2Config[27]);
-  EXPECT_EQ(zp::FindRow(0, "com.zorlan.common.host.portset"), &zelGlobalProp2Config[27]);
-  EXPECT_EQ(zp::FindRow(1, "com.zorlan.common.portset.qor"), &zelHostProp2Config[2]);
-  EXPECT_EQ(zp::FindRow(1, "com.zorlan.common.alias"), &zelHostProp2Config[3]);
-  EXPECT_EQ(zp::FindRow(2, "com.zorlan.vswitch.port.priority"), &zelPortProp2Config[19]);
-  EXPECT_EQ(zp::FindRow(2, "anything"), &zelPortProp2Config[23]);
-  EXPECT_EQ(zp::FindRow(3, "com.zorlan.common.alias"), nullptr);
-}
-
-TEST(PersistMapping, StringIndexCountsLeadingNullEntries) {
-  const char *const pvlan[] = {nullptr, "PROMISCUOUS", "ISOLATED", "COMMUNITY", nullptr};
-  const char *const discovery[] = {"CDP", "LLDP", nullptr};
-  const char *const none[] = {nullptr, nullptr};
-  EXPECT_EQ(zp::StringIndexInArray("ISOLATED", pvlan), 2);
-  EXPECT_EQ(zp::StringIndexInArray("LLDP", discovery), 1);
-  EXPECT_EQ(zp::StringIndexInArray("lldp", discovery), -1);
-  EXPECT_EQ(zp::StringIndexInArray("CDP", none), -1);
-  EXPECT_EQ(zp::StringIndexInArray(nullptr, discovery), -1);
-
-  char a[] = "p1", b[] = "p2";
-  char *keys[] = {a, b};
-  EXPECT_TRUE(StringExistInArray("p2", keys, 2));
-  EXPECT_FALSE(StringExistInArray("p2", keys, 1));
-  EXPECT_FALSE(StringExistInArray("p", keys, 2));
-  EXPECT_FALSE(StringExistInArray("p1", keys, 0));
-  EXPECT_FALSE(StringExistInArray(nullptr, keys, 2));
-  EXPECT_FALSE(StringExistInArray("p1", nullptr, 2));
-}
-
 class PersistPaths : public ::testing::Test {
  protected:
   void TearDown() override { cs::testing::ClearFailures(); }
   cfgtest::ObjectPtr sw_ = cfgtest::NewSwitch("sw");
 };
-
-TEST_F(PersistPaths, ResolveWalksOrCreatesSingletons) {
-  const PropToConfigEntry &priority = zelPortProp2Config[19];
-  cs::Object *parent = nullptr;
-  const uint64_t calls = cs::testing::Calls(cs::testing::Op::kAny);
-  EXPECT_EQ(zp::ResolvePropPath(zelPortProp2Config[0].path, 1, sw_.get(), &parent, false), 0u);
-  EXPECT_EQ(parent, sw_.get());
-  EXPECT_EQ(cs::testing::Calls(cs::testing::Op::kAny), calls);
-
-  cs::Object *sentinel = reinterpret_cast<cs::Object *>(0x1);
-  parent = sentinel;
-  EXPECT_EQ(zp::ResolvePropPath(priority.path, priority.depth, sw_.get(), &parent, false), 6u);
-  EXPECT_EQ(parent, sentinel);
-
-  ASSERT_EQ(zp::ResolvePropPath(priority.path, priority.depth, sw_.get(), &parent, true), 0u);
-  cs::Object *settings = nullptr, *vlan = nullptr;
-  ASSERT_EQ(cs::GetSubObject(sw_.get(), "settings", nullptr, &settings), 0);
-  ASSERT_EQ(cs::GetSubObject(settings, "vlan", nullptr, &vlan), 0);
-  EXPECT_EQ(parent, vlan);
-}
 
 TEST_F(PersistPaths, GetOrCreateReportsOnlyRealFailures) {
   zeltest::ScopedLevel level(zelconfigstore_debug, 0);
@@ -169,43 +97,6 @@ TEST_F(PersistPaths, GetOrCreateReportsOnlyRealFailures) {
   cs::Object *again = nullptr;
   EXPECT_EQ(zp::GetOrCreateSubObject(false, sw_.get(), "ports", "p1", &again), 0u);
   EXPECT_EQ(again, child);
-}
-
-TEST_F(PersistPaths, DispatcherRefusesBeforeTouchingTheStore) {
-  const uint32_t v = 5;
-  const uint64_t calls = cs::testing::Calls(cs::testing::Op::kAny);
-  zeltest::ScopedLevel level(zelconfigstore_debug, 10);
-  std::string out = zeltest::CaptureStdout([&] {
-    // Neither bit 0x08 nor 0x10: not persisted, nothing printed.
-    for (uint32_t type : {0u, 4u, 0x20u, 0xFFFFFFE7u})
-      EXPECT_EQ(zp::SavePropToConfigStore(sw_.get(), "com.zorlan.common.resv.threshold", &v, 4, 0,
-                                          type),
-                0u);
-    EXPECT_EQ(zp::SavePropToConfigStore(sw_.get(), "com.zorlan.common.alias", &v, 4, 3, 16), kFail);
-  });
-  EXPECT_EQ(out, "");
-  EXPECT_EQ(cs::testing::Calls(cs::testing::Op::kAny), calls);
-}
-
-TEST(PersistKinds, OnlyThePlainKindsAreInPlace) {
-  for (uint32_t k : {0, 1, 2, 3, 4, 5, 14, 15, 19, 20, 21, 23, 31, 32, 34})
-    EXPECT_NE(zp::FindKind(k), nullptr) << k;
-  // The policy kinds whose conversions are in place.
-  const std::vector<uint32_t> done = {6,  7,  8,  9,  10, 11, 12, 13, 16, 17, 18, 22,
-                                       24, 25, 26, 27, 28, 29, 33, 35, 36};
-  for (uint32_t k : done) EXPECT_NE(zp::FindKind(k), nullptr) << k;
-  for (uint32_t k : PolicyKinds()) {
-    if (std::find(done.begin(), done.end(), k) == done.end()) {
-      EXPECT_EQ(zp::FindKind(k), nullptr) << k;
-    }
-  }
-  for (uint32_t k : {30u, 37u, 38u, 1000u}) EXPECT_EQ(zp::FindKind(k), nullptr) << k;
-  zp::KindTable table;
-  EXPECT_FALSE(table.Add(30, NoSave, NoLoad));
-  EXPECT_FALSE(table.Add(37, NoSave, NoLoad));
-  EXPECT_TRUE(table.Add(36, NoSave, NoLoad));
-  EXPECT_EQ(table.Find(30), nullptr);
-  EXPECT_NE(table.Find(36), nullptr);
 }
 
 }  // namespace

@@ -22,6 +22,7 @@ using zelstatetest::Bytes;
 using zelstatetest::Props;
 using zelstatetest::Text;
 using zelstatetest::U32;
+using zelstatetest::DatabaseEmpty;
 namespace cs = zel::cfgstore;
 namespace zp = zel::persist;
 
@@ -44,27 +45,16 @@ class ScopedKinds {
   std::vector<std::pair<uint32_t, zp::KindCase>> saved_;
 };
 
-inline const std::vector<uint32_t> &PolicyKinds() {
-  static const std::vector<uint32_t> kinds = {6,  7,  11, 12, 13, 17, 18, 22,
-                                              24, 25, 26, 27, 28, 29, 33, 36};
-  return kinds;
+// The parts one after the other.
+inline Bytes Cat(std::initializer_list<Bytes> parts) {
+  Bytes out;
+  for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
+  return out;
 }
 
-// Policy cases that store and load nothing, so that a load gets past the
-// rows of kinds whose conversions are not in place.  Kind 36 is left alone:
-// its load runs only for uplink ports, and tests that have some stub it.
+// Cases that store and load nothing.
 inline uint32_t NoSave(const zp::SaveArgs &) { return 0; }
 inline uint32_t NoLoad(const zp::LoadArgs &) { return 0; }
-inline std::vector<uint32_t> MissingPolicyKinds() {
-  std::vector<uint32_t> missing;
-  for (uint32_t k : PolicyKinds())
-    if (k != 36 && zp::FindKind(k) == nullptr) missing.push_back(k);
-  return missing;
-}
-class NoPolicy : public ScopedKinds {
- public:
-  NoPolicy() : ScopedKinds(MissingPolicyKinds(), zp::KindCase{NoSave, NoLoad}) {}
-};
 // Takes kinds out of the table, as if their conversions were not in place.
 class WithoutKinds : public ScopedKinds {
  public:
@@ -200,10 +190,9 @@ class PersistTest : public zelstatetest::StateTest {
     return Save(Blob(switches), switchId);
   }
 
-  // Loads every stored switch (policy rows stubbed out); status in *status.
+  // Loads every stored switch; status in *status.
   static std::vector<std::pair<std::string, Loaded>> LoadAll(uint32_t *status = nullptr,
                                                              bool desired = false) {
-    NoPolicy stubs;
     void *blob = nullptr;
     uint32_t length = 0;
     const uint32_t rc = ZELState_LoadFromConfigStoreAsBuf(&blob, &length, desired);
@@ -233,13 +222,55 @@ class PersistTest : public zelstatetest::StateTest {
     cs::DestroyConfigStoreObject(o);
   }
 
-  static bool DatabaseEmpty() {
-    for (int i = 0; i < ZEL_MAX_SWITCHES; ++i)
-      if (zel::state::testing::SwitchAtSlot(i) != nullptr) return false;
-    return true;
-  }
-
   cfgtest::TempStore store_;
+};
+
+// The save-and-load round trip of one switch used by the teaming and VLAN
+// tests, property lookup and stored sub-objects by key.
+inline const Bytes *Find(const Props &props, const std::string &name) {
+  for (const auto &[n, v] : props)
+    if (n == name) return &v;
+  return nullptr;
+}
+
+// The JSON object stored under `key` at or after `from` ("" when absent).
+inline std::string ObjectAt(const std::string &json, const std::string &key, size_t from = 0) {
+  size_t at = json.find("\"" + key + "\":{", from);
+  if (at == std::string::npos) return "";
+  at += key.size() + 3;
+  int depth = 0;
+  for (size_t i = at; i < json.size(); ++i) {
+    if (json[i] == '{') ++depth;
+    if (json[i] == '}' && --depth == 0) return json.substr(at, i - at + 1);
+  }
+  return "";
+}
+
+class RoundTripTest : public PersistTest {
+ protected:
+  void TearDown() override {
+    cs::testing::ClearFailures();
+    PersistTest::TearDown();
+  }
+  // Saves switch `id` of class cls with ports p0, p1, ... and loads it back
+  // (nothing is loaded when the save is expected to fail).
+  Loaded RoundTrip(const char *id, const std::string &cls, Props global,
+                   const std::vector<Props> &ports, uint32_t expect = 0, Props host = {}) {
+    SwitchDef s;
+    s.id = id;
+    s.cls = cls;
+    s.global = std::move(global);
+    // Ports load only under a "resource_management" object.
+    s.global.push_back({"com.zorlan.common.respools.sched", Bytes{0}});
+    // The version is read back from the stored "product" object.
+    if (Find(s.global, "com.zorlan.common.version") == nullptr)
+      s.global.push_back({"com.zorlan.common.version", U32(7)});
+    s.host = std::move(host);
+    for (size_t i = 0; i < ports.size(); ++i)
+      s.ports.push_back({"p" + std::to_string(i), ports[i]});
+    EXPECT_EQ(Save({s}), expect);
+    return expect == 0 ? LoadOne() : Loaded{};
+  }
 };
 
 }  // namespace persisttest

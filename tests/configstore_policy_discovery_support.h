@@ -109,12 +109,6 @@ struct Record {
   }
 };
 
-inline Bytes Concat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
-
 // Holds the class and QOR flag the conversions read, restored afterwards.
 class ScopedSwitch {
  public:

@@ -74,7 +74,7 @@ TEST_F(PolicyDiscovery, LinkDiscoveryRoundTripAndUnknownNames) {
 }
 
 TEST_F(PolicyDiscovery, LacpGroupsRoundTrip) {
-  const Bytes table = Concat({U32(2), Group("lag-one", "g1", 1, 16, 2), Group("lag-two", "g2", 2, 0, 4)});
+  const Bytes table = Cat({U32(2), Group("lag-one", "g1", 1, 16, 2), Group("lag-two", "g2", 2, 0, 4)});
   ASSERT_EQ(Save(16, "lacp_groups", kLacp, table), 0u);
   EXPECT_EQ(sw_.Content(),
             R"({"settings":{"lacp_groups":[)"
@@ -95,7 +95,7 @@ TEST_F(PolicyDiscovery, LacpGroupsRoundTrip) {
 
 TEST_F(PolicyDiscovery, LacpGroupsUnknownNamesLongTextsAndMissingUplinks) {
   // Unnamed values are written as numbers; they load as -1 with a message.
-  ASSERT_EQ(Save(16, "lacp_groups", kLacp, Concat({U32(1), Group("n", "g1", 0xFFFFFFFF, 21, 1)})),
+  ASSERT_EQ(Save(16, "lacp_groups", kLacp, Cat({U32(1), Group("n", "g1", 0xFFFFFFFF, 21, 1)})),
             0u);
   EXPECT_NE(sw_.Content().find(R"("load_balance_algorithm":"21","mode":"4294967295")"),
             std::string::npos);
@@ -108,7 +108,7 @@ TEST_F(PolicyDiscovery, LacpGroupsUnknownNamesLongTextsAndMissingUplinks) {
     const std::string out = CaptureStdout([&] { r = Load(16, "lacp_groups", kLacp); });
     EXPECT_EQ(out, "Unknown lacp mode FAST\nUnknown lacp lb policy 21\n");
   }
-  EXPECT_EQ(Only(r, kLacp), Concat({U32(1), Group("n", "g1", 0xFFFFFFFF, 0xFFFFFFFF, 1)}));
+  EXPECT_EQ(Only(r, kLacp), Cat({U32(1), Group("n", "g1", 0xFFFFFFFF, 0xFFFFFFFF, 1)}));
 
   // Stored names longer than their slots are cut to 64 and 15 characters.
   const std::string longName(70, 'n');
@@ -116,7 +116,7 @@ TEST_F(PolicyDiscovery, LacpGroupsUnknownNamesLongTextsAndMissingUplinks) {
   ASSERT_EQ(cs::SetValueStr(g1, "key", "k0123456789abcdefgh"), 0);
   r = Load(16, "lacp_groups", kLacp);
   EXPECT_EQ(Only(r, kLacp),
-            Concat({U32(1), Group(longName.substr(0, 64), "k0123456789abcd", 0xFFFFFFFF, 0xFFFFFFFF, 1)}));
+            Cat({U32(1), Group(longName.substr(0, 64), "k0123456789abcd", 0xFFFFFFFF, 0xFFFFFFFF, 1)}));
 
   // A group without "uplink_num" fails the load with the store's status.
   ASSERT_EQ(cs::RemoveValue(g1, "uplink_num"), 0);
@@ -191,8 +191,8 @@ TEST_F(PolicyDiscovery, ShortOrUnaddressableValuesAreRefusedUntouched) {
       {8, "link_discovery_protocol", kCdp, Bytes{1}},
       {8, "link_discovery_protocol", kCdp, Bytes{}},
       {16, "lacp_groups", kLacp, Bytes{1, 0}},
-      {16, "lacp_groups", kLacp, Concat({U32(2), Group("a", "g1", 0, 0, 1)})},
-      {16, "lacp_groups", kLacp, Concat({U32(1), Group("no key", "", 0, 0, 1)})},
+      {16, "lacp_groups", kLacp, Cat({U32(2), Group("a", "g1", 0, 0, 1)})},
+      {16, "lacp_groups", kLacp, Cat({U32(1), Group("no key", "", 0, 0, 1)})},
       {35, "lacp_policy", kPortLacp, Bytes(7, 0)},
       {10, "ipfix", kIpfix, Bytes(35, 0)},
   };
@@ -208,7 +208,7 @@ TEST_F(PolicyDiscovery, ShortOrUnaddressableValuesAreRefusedUntouched) {
 TEST_F(PolicyDiscovery, SwitchAndPortThroughTheStore) {
   SwitchDef s;
   s.id = "sw-d";
-  const Bytes lacp = Concat({U32(1), Group("lag", "g7", 1, 3, 2)});
+  const Bytes lacp = Cat({U32(1), Group("lag", "g7", 1, 3, 2)});
   const Bytes ipfix = Ipfix({192, 168, 0, 9}, false);
   s.global = {{"com.zorlan.common.version", U32(7)},
               {"com.zorlan.common.respools.sched", Bytes{0}},

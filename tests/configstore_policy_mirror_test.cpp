@@ -62,8 +62,8 @@ Bytes Table(const std::vector<Session> &sessions, const std::vector<Bytes> &entr
   header.u32(8, static_cast<uint32_t>(sessions.size()));
   if (loaded) header.u32(0, 0xFACEBEEF).u32(4, 1).u32(12, static_cast<uint32_t>(entries.size()));
   Bytes out = header.b;
-  for (const Session &s : sessions) out = Concat({out, SessionBytes(s)});
-  for (const Bytes &e : entries) out = Concat({out, e});
+  for (const Session &s : sessions) out = Cat({out, SessionBytes(s)});
+  for (const Bytes &e : entries) out = Cat({out, e});
   return out;
 }
 

@@ -149,7 +149,6 @@ struct TypedLoaded {
 
 // Loads every stored switch and hands back the first; status in *status.
 inline TypedLoaded LoadTyped(uint32_t *status) {
-  NoPolicy stubs;
   void *blob = nullptr;
   uint32_t length = 0;
   *status = ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false);

@@ -23,11 +23,6 @@ Bytes U64(uint64_t v) {
   std::memcpy(b.data(), &v, 8);
   return b;
 }
-Bytes Cat(std::initializer_list<Bytes> parts) {
-  Bytes out;
-  for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
-  return out;
-}
 Bytes Slot(const std::string &text, size_t size) {
   Bytes b(size, 0);
   std::memcpy(b.data(), text.data(), std::min(text.size(), size));
@@ -54,18 +49,6 @@ Bytes Filters(uint32_t count, std::initializer_list<Bytes> filters) {
   return b;
 }
 
-// The "settings" object of port p1 as stored.
-std::string Settings(const std::string &json) {
-  const size_t at = json.find(R"("settings":)");
-  if (at == std::string::npos) return "";
-  int depth = 0;
-  for (size_t i = at + 11; i < json.size(); ++i) {
-    depth += json[i] == '{' ? 1 : json[i] == '}' ? -1 : 0;
-    if (depth == 0) return json.substr(at + 11, i - at - 10);
-  }
-  return "";
-}
-
 class PersistPortPolicy : public PersistTest {
  protected:
   ScopedKinds pools_{{36}, zp::KindCase{NoSave, NoLoad}};
@@ -87,7 +70,7 @@ class PersistPortPolicy : public PersistTest {
     s.ports = {{"p1", port}};
     return Save({s});
   }
-  std::string StoredSettings() { return Settings(Json("sw")); }
+  std::string StoredSettings() { return ObjectAt(Json("sw"), "settings"); }
   // The properties of port p1 after loading every stored switch.
   Props LoadPort() {
     Loaded sw = LoadOne();

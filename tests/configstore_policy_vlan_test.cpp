@@ -4,9 +4,9 @@
 #include <regex>
 #include <string>
 
-#include "configstore_policy_teaming_support.h"
+#include "configstore_persist_support.h"
 
-using namespace uplinktest;
+using namespace persisttest;
 
 namespace {
 
@@ -31,12 +31,6 @@ Bytes Entry(uint16_t primary, uint16_t secondary, uint8_t type, uint8_t reserved
   b.insert(b.end(), {type, reserved, reserved, reserved});
   return b;
 }
-Bytes Cat(std::initializer_list<Bytes> parts) {
-  Bytes b;
-  for (const Bytes &p : parts) b.insert(b.end(), p.begin(), p.end());
-  return b;
-}
-
 // Instance ids are random: shown as "*".
 std::string Masked(const std::string &json) {
   static const std::regex id(R"("key":"[0-9a-f]{8}-[0-9a-f-]{27}")");
@@ -155,10 +149,6 @@ TEST_F(PersistVlan, PrivateVlanMapSavesEntriesAndLoadsUnderTheClassProperty) {
     EXPECT_EQ(*Find(sw.global, c.owner), loaded);
     EXPECT_EQ(Find(sw.global, c.owner == kEsMap ? kVsMap : kEsMap), nullptr);
   }
-  EXPECT_STREQ(PVLAN_2_CHARS[2], "ISOLATED");
-  EXPECT_EQ(PVLAN_2_CHARS[4], nullptr);
-  EXPECT_EQ(CHARS_2_PVLAN[3], 3);
-  EXPECT_EQ(CHARS_2_PVLAN[0], -1);
 }
 
 TEST_F(PersistVlan, PrivateVlanMapFailures) {

@@ -27,7 +27,7 @@ SwitchDef EtherSwitch() {
   SwitchDef s;
   s.id = "sw-1";
   s.global = {
-      {"com.zorlan.common.alias", Text("dvs-a")},
+      {"com.zorlan.common.alias", Text("sky-a")},
       {"com.zorlan.common.version", U32(7)},
       {"com.zorlan.etherswitch.mtu", U32(9000)},
       {"com.zorlan.common.opaqueZel", Text("true")},
@@ -59,14 +59,6 @@ SwitchDef EtherSwitch() {
   return s;
 }
 
-// The value a load gives back for a property ("" absent), and whether the
-// property is there at all.
-const Bytes *Find(const Props &props, const std::string &name) {
-  for (const auto &[n, v] : props)
-    if (n == name) return &v;
-  return nullptr;
-}
-
 class PersistScalar : public PersistTest {
  protected:
   // Port p1 is an uplink in some tests; its resource pools are not looked at.
@@ -92,7 +84,7 @@ class PersistScalar : public PersistTest {
 TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
   ASSERT_EQ(Save({EtherSwitch()}), 0u);
   EXPECT_EQ(Json("sw-1"),
-            R"({"@types":{"max_ports":"int32"},"is_opaque":true,"max_ports":4096,"name":"dvs-a",)"
+            R"({"@types":{"max_ports":"int32"},"is_opaque":true,"max_ports":4096,"name":"sky-a",)"
             R"("ports":[{"@types":{"connection_cookie":"uint32"},"connection_cookie":12345,)"
             R"("key":"p1","name":"vm-nic","port_group_key":"pg-7","settings":{)"
             R"("backing_type":"standard","blocked":true,"ferrox_gen2_allowed":true,)"

@@ -39,28 +39,6 @@ uint32_t TypeOf(PropertyList *list, const char *name) {
   return e ? ZELData_PropType(e) : 0;
 }
 
-TEST(PropertyListTest, EmptyListHasNothingToFind) {
-  ListGuard g;
-  EXPECT_EQ(ZELData_SerializedSize(g.list, 0), 16u);
-  PropertyEntry *e = reinterpret_cast<PropertyEntry *>(0x1);
-  EXPECT_EQ(ZELData_Next(g.list, nullptr, &e), STATUS_NOT_FOUND);
-  EXPECT_EQ(e, nullptr);
-  int calls = 0;
-  ZELData_ForEach(
-      g.list, [](const char *, const void *, uint32_t, uint32_t, void *c) {
-        ++*static_cast<int *>(c);
-        return false;
-      },
-      &calls);
-  EXPECT_EQ(calls, 0);
-  EXPECT_EQ(ZELData_Lookup(g.list, "x", &e), STATUS_NOT_FOUND);
-  EXPECT_EQ(ZELData_Remove(g.list, "x"), STATUS_NOT_FOUND);
-  ZELDataFreeFn fn = nullptr;
-  EXPECT_EQ(ZELData_GetMemFreeFn(g.list, &fn), &std::free);
-  EXPECT_EQ(fn, &std::free);
-  ZELData_Free(nullptr);  // ignored
-}
-
 TEST(PropertyListTest, EntryLengthFollowsValueLength) {
   ListGuard g;
   const uint8_t value[8] = {1, 2, 3, 4, 5, 6, 7, 8};
@@ -158,26 +136,6 @@ TEST(PropertyListTest, RemoveReportsTypeOrTheDefault) {
   ASSERT_EQ(ZELData_Remove(g.list, "a"), STATUS_OK);                // the head
   EXPECT_EQ(Names(g.list), (std::vector<std::string>{"b", "d"}));
   EXPECT_EQ(ZELData_SerializedSize(g.list, 0), 16u + 2 * 144);
-}
-
-TEST(PropertyListTest, ForEachStopsOnTrue) {
-  ListGuard g;
-  for (const char *n : {"a", "b", "c"}) {
-    ASSERT_EQ(ZELData_Append(g.list, n, n, 2, 16), STATUS_OK);
-  }
-  std::vector<std::string> seen;
-  ZELData_ForEach(
-      g.list,
-      [](const char *name, const void *value, uint32_t len, uint32_t type, void *c) {
-        auto *s = static_cast<std::vector<std::string> *>(c);
-        EXPECT_EQ(len, 2u);
-        EXPECT_EQ(type, 16u);
-        EXPECT_STREQ(static_cast<const char *>(value), name);
-        s->emplace_back(name);
-        return s->size() == 2;
-      },
-      &seen);
-  EXPECT_EQ(seen, (std::vector<std::string>{"a", "b"}));
 }
 
 TEST(PropertyListTest, DiagnosticsFollowTheLevel) {

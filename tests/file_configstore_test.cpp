@@ -74,7 +74,6 @@ TEST_F(FileConfigStoreTest, WriteAndReadGoThroughTheStore) {
   EXPECT_FALSE(std::filesystem::exists(kPath));
   EXPECT_NE(Json("sw-store").find("\"stored\""), std::string::npos);
 
-  persisttest::NoPolicy stubs;  // rows of conversions not in place load nothing
   void *stored = nullptr;
   int32_t length = 0;
   uint32_t offset = 777;

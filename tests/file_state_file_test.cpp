@@ -9,7 +9,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -18,10 +17,7 @@
 
 #include "host/file_io.h"
 #include "log_capture.h"
-#include "state/state_testing.h"
-#include "zel/data.h"
 #include "zel/file.h"
-#include "zel/state.h"
 
 namespace {
 
@@ -236,41 +232,6 @@ TEST_F(StateFileTest, KilledWriterLeavesOldOrNewState) {
       EXPECT_EQ(now, fresh);
     }
   }
-}
-
-TEST_F(StateFileTest, StateBlobSurvivesWriteAndRead) {
-  zel::state::testing::SetPortLimit(64);
-  ASSERT_EQ(ZELState_SwitchAdd("sw-file", "etherswitch", 0, 7), STATUS_OK);
-  const char alias[] = "file-switch";
-  ASSERT_EQ(ZELState_GlobalPropSet("sw-file", "com.zorlan.common.alias", alias, sizeof alias, 16), STATUS_OK);
-  for (const char *port : {"1", "2", "3"}) {
-    PropertyList *list = nullptr;
-    ASSERT_EQ(ZELData_Alloc(&list, [](uint64_t n) { return std::malloc(n); }, std::free), STATUS_OK);
-    ASSERT_EQ(ZELData_Append(list, "com.zorlan.common.port.alias", port, 2, 16), STATUS_OK);
-    ASSERT_EQ(ZELState_PortAdd("sw-file", port, list), STATUS_OK);
-  }
-  void *blob = nullptr;
-  uint32_t length = 0;
-  ASSERT_EQ(ZELState_ConfigSerialize(&blob, &length), STATUS_OK);
-  ASSERT_EQ(ZELFile_Write(path_.c_str(), blob, length), STATUS_OK);
-  ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
-
-  void *stored = nullptr;
-  int32_t storedLength = 0;
-  uint32_t offset = 0;
-  ASSERT_EQ(ZELFile_Read(path_.c_str(), &stored, &storedLength, &offset), STATUS_OK);
-  EXPECT_EQ(storedLength % 512, 0);
-  ASSERT_EQ(ZELState_ConfigDeserialize(stored, static_cast<uint32_t>(storedLength)), STATUS_OK);
-  std::free(static_cast<uint8_t *>(stored) - offset);
-  void *again = nullptr;
-  uint32_t againLength = 0;
-  ASSERT_EQ(ZELState_ConfigSerialize(&again, &againLength), STATUS_OK);
-  EXPECT_EQ(Bytes(static_cast<uint8_t *>(again), static_cast<uint8_t *>(again) + againLength),
-            Bytes(static_cast<uint8_t *>(blob), static_cast<uint8_t *>(blob) + length));
-  EXPECT_STREQ(ZEL_SwitchName(ZELState_SwitchFind("sw-file")), "file-switch");
-  std::free(blob);
-  std::free(again);
-  zel::state::testing::SetPortLimit(0);
 }
 
 }  // namespace

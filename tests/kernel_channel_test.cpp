@@ -563,33 +563,3 @@ TEST(KernelChannelConcurrency, FailedFirstOpenIsRetriedOnce) {
 }
 
 }  // namespace
-
-namespace {
-
-// The channel lock: a recursive singleton taken before the state lock.
-TEST(KernelChannelLock, RecursiveAndOrderedBeforeTheStateLock) {
-  ZelSwitchPYXUnlock(nullptr);  // ignored
-  ZelRecLock *outer = ZelSwitchPYXLock();
-  ZelRecLock *inner = ZelSwitchPYXLock();
-  ASSERT_NE(outer, nullptr);
-  EXPECT_EQ(outer, inner);
-  const auto *lock = reinterpret_cast<const zel::host::RecLock *>(outer);
-  EXPECT_STREQ(zel::host::LockName(lock), "zelpyx");
-  EXPECT_EQ(zel::host::LockRank(lock), 0xFEFFFFFEu);
-  ZelRecLock *state = ZelSwitchHandleLock();
-  ZelSwitchHandleUnlock(state);
-  ZelSwitchPYXUnlock(inner);
-  ZelSwitchPYXUnlock(outer);
-}
-
-TEST(KernelChannelLockDeathTest, TakingItInsideTheStateLockAborts) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_DEATH(
-      {
-        ZelSwitchHandleLock();
-        ZelSwitchPYXLock();
-      },
-      "zelpyx");
-}
-
-}  // namespace

@@ -80,13 +80,7 @@ inline std::vector<std::string> PortIds(const SwitchView &sw) {
   return ids;
 }
 
-// True when the state database holds no switch.
-inline bool DatabaseEmpty() {
-  for (int i = 0; i < ZEL_MAX_SWITCHES; ++i) {
-    if (zel::state::testing::SwitchAtSlot(i) != nullptr) return false;
-  }
-  return true;
-}
+using zelstatetest::DatabaseEmpty;
 
 // Every test drives its own emulated module through the library, with a
 // host limit of 4096 ports on both sides.

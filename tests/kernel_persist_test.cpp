@@ -276,8 +276,8 @@ TEST_F(KernelSaveTest, FetchFailureLeavesTheStoreAlone) {
 // From the emulated module into a store file, and back through the state
 // file's reader with the configuration-store features on.
 TEST_F(KernelSaveTest, SavedStateLoadsBackThroughTheStateFileReader) {
-  AddSwitch("dvs-1", "vswitch", 7);
-  SetGlobal("dvs-1", {{"com.zorlan.common.alias", Text("blue"), 16},
+  AddSwitch("sw-1", "vswitch", 7);
+  SetGlobal("sw-1", {{"com.zorlan.common.alias", Text("blue"), 16},
                       {"com.zorlan.common.respools.sched", {1}, 16},
                       {"com.zorlan.common.version", U32(7), 16},
                       {"com.zorlan.common.resv.threshold", U32(75), 24},
@@ -285,10 +285,10 @@ TEST_F(KernelSaveTest, SavedStateLoadsBackThroughTheStateFileReader) {
                       {"acme.blob", {1, 2, 3}, 24},
                       {"acme.rate", Text("x"), 32},  // a type the store does not keep
                       {"com.zorlan.common.x.volatile.y", {1}, 16}});
-  SetHost("dvs-1", {{"com.zorlan.common.host.portset", Text("ps0"), 16}});
-  AddPort("dvs-1", "10", {{"com.zorlan.common.port.alias", Text("uplink"), 16},
+  SetHost("sw-1", {{"com.zorlan.common.host.portset", Text("ps0"), 16}});
+  AddPort("sw-1", "10", {{"com.zorlan.common.port.alias", Text("uplink"), 16},
                           {"com.zorlan.common.port.connectid", U32(77), 16}});
-  AddPort("dvs-1", "11", {{ZEL_PROP_PORT_PERSIST, {1}, 16}});
+  AddPort("sw-1", "11", {{ZEL_PROP_PORT_PERSIST, {1}, 16}});
   AddSwitch("es-2", "etherswitch", 6);
   SetGlobal("es-2", {{"com.zorlan.common.alias", Text("green"), 16},
                      {ZEL_PROP_NOPERSIST, {1}, 16}});
@@ -306,7 +306,7 @@ TEST_F(KernelSaveTest, SavedStateLoadsBackThroughTheStateFileReader) {
   const auto loaded = View(blob, static_cast<uint32_t>(length));
   std::free(static_cast<uint8_t *>(blob) - offset);
 
-  ASSERT_EQ(Ids(loaded), V{"dvs-1"});  // the flagged switch was never saved
+  ASSERT_EQ(Ids(loaded), V{"sw-1"});  // the flagged switch was never saved
   const SwitchView &sw = loaded[0];
   EXPECT_EQ(sw.className, "vswitch");
   EXPECT_EQ(sw.version, 7u);
@@ -330,8 +330,8 @@ TEST_F(KernelSaveTest, SavedStateLoadsBackThroughTheStateFileReader) {
   EXPECT_TRUE(has(sw.ports[0].props, {"com.zorlan.common.port.connectid", U32(77), 16}));
 
   // Saving one switch that the kernel no longer has deletes its object.
-  ASSERT_EQ(ZELPYX_SwitchRemove("dvs-1"), STATUS_OK);
-  ASSERT_EQ(ZELState_SaveToConfigStore_ByInstance("dvs-1"), 0u);
+  ASSERT_EQ(ZELPYX_SwitchRemove("sw-1"), STATUS_OK);
+  ASSERT_EQ(ZELState_SaveToConfigStore_ByInstance("sw-1"), 0u);
   ASSERT_EQ(ZELFile_Read(statePath_.c_str(), &blob, &length, &offset), STATUS_OK);
   EXPECT_TRUE(View(blob, static_cast<uint32_t>(length)).empty());
   std::free(blob);

@@ -91,8 +91,8 @@ class KernelSlicesTest : public KernelTest {
 };
 
 TEST_F(KernelSlicesTest, VendorListsAndTheVersion107Strip) {
-  AddSwitch("dvs");
-  SetGlobal("dvs", {{"com.zorlan.common.alias", Text("dvs"), 16},
+  AddSwitch("sky");
+  SetGlobal("sky", {{"com.zorlan.common.alias", Text("sky"), 16},
                     {"acme.feature", Text("on"), 16},
                     {"acme.other", Text("x"), 32},
                     {"com.zorlan.vswitch.disabled", Text("no"), 16},
@@ -103,7 +103,7 @@ TEST_F(KernelSlicesTest, VendorListsAndTheVersion107Strip) {
                     {"com.zorlan.extraconfig.k", Text("v"), 16},
                     {"vendor.com.zorlan.common.inside", {1}, 16},
                     {"com.zorlan.qor.vdr.dvptracking", {1}, 16}});
-  SetHost("dvs", {{"com.zorlan.common.host.portset", Text("ps"), 16},
+  SetHost("sky", {{"com.zorlan.common.host.portset", Text("ps"), 16},
                   {"com.zorlan.extraconfig.h", Text("v"), 16},
                   {"acme.host", Text("h"), 16},
                   {"acme.host24", {7}, 24},
@@ -111,26 +111,26 @@ TEST_F(KernelSlicesTest, VendorListsAndTheVersion107Strip) {
 
   // No version property: the query fails and is ignored.
   const uint64_t queries = kernel.IoctlCount(ZELPYX_REQ_GLOBAL_PROP_GET);
-  EXPECT_EQ(Names(Slice(ZELPYX_VendorGlobalPropList, "dvs", 16)),
+  EXPECT_EQ(Names(Slice(ZELPYX_VendorGlobalPropList, "sky", 16)),
             (std::vector<std::string>{"acme.feature", "com.zorlan.vswitch.disabled",
                                       "com.zorlan.qor.vdr.dvptracking"}));
   EXPECT_EQ(kernel.IoctlCount(ZELPYX_REQ_GLOBAL_PROP_GET) - queries, 1u);
-  EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "dvs", 32), (Props{{"acme.other", Text("x"), 32}}));
+  EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "sky", 32), (Props{{"acme.other", Text("x"), 32}}));
   // The host list keeps extra-config names.
-  EXPECT_EQ(Names(Slice(ZELPYX_VendorHostPropList, "dvs", 16)),
+  EXPECT_EQ(Names(Slice(ZELPYX_VendorHostPropList, "sky", 16)),
             (std::vector<std::string>{"com.zorlan.extraconfig.h", "acme.host",
                                       "com.zorlan.qor.vdr.dvptracking"}));
 
-  SetGlobal("dvs", {{"com.zorlan.common.version", U32(107), 16}});
-  EXPECT_EQ(Names(Slice(ZELPYX_VendorGlobalPropList, "dvs", 16)),
+  SetGlobal("sky", {{"com.zorlan.common.version", U32(107), 16}});
+  EXPECT_EQ(Names(Slice(ZELPYX_VendorGlobalPropList, "sky", 16)),
             (std::vector<std::string>{"acme.feature", "com.zorlan.vswitch.disabled"}));
-  EXPECT_EQ(Names(Slice(ZELPYX_VendorHostPropList, "dvs", 24)),
+  EXPECT_EQ(Names(Slice(ZELPYX_VendorHostPropList, "sky", 24)),
             (std::vector<std::string>{"acme.host24"}));
-  EXPECT_EQ(Names(Slice(ZELPYX_VendorHostPropList, "dvs", 16)),
+  EXPECT_EQ(Names(Slice(ZELPYX_VendorHostPropList, "sky", 16)),
             (std::vector<std::string>{"com.zorlan.extraconfig.h", "acme.host"}));
-  SetGlobal("dvs", {{"com.zorlan.common.version", U32(7), 16}});
-  EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "dvs", 16).size(), 3u);
-  EXPECT_EQ(ZELPYXVendorPropList("dvs", nullptr, 16, 0), STATUS_BAD_PARAM);
+  SetGlobal("sky", {{"com.zorlan.common.version", U32(7), 16}});
+  EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "sky", 16).size(), 3u);
+  EXPECT_EQ(ZELPYXVendorPropList("sky", nullptr, 16, 0), STATUS_BAD_PARAM);
 }
 
 TEST_F(KernelSlicesTest, ExtraConfigAndQorLists) {

@@ -108,6 +108,13 @@ inline std::vector<std::string> Slots() {
 
 inline uint32_t HostPorts() { return zel::state::testing::NumActivePortsSystemWide(); }
 
+// True when the state database holds no switch.
+inline bool DatabaseEmpty() {
+  for (const std::string &id : Slots())
+    if (!id.empty()) return false;
+  return true;
+}
+
 // Every test starts with an empty table and a limit of 4096 ports, and ends
 // with the table emptied and the allocator restored.
 class StateTest : public ::testing::Test {

@@ -1,5 +1,5 @@
-// Emptying the table and the persistence filtering of switches marked not to
-// be persisted, up to the whole sequence the persistent-state path runs.
+// The persistence filtering of switches marked not to be persisted: the strip,
+// the move back of named switches and the release of what was parked.
 #include <string>
 
 #include "state_fixture.h"
@@ -53,48 +53,37 @@ class StatePersistTest : public StateTest {
   IdList ids_;
 };
 
-TEST_F(StatePersistTest, ResetEmptiesEverything) {
-  EXPECT_EQ(ZELState_ConfigReset(), STATUS_OK);
-  Add("a");
-  Add("b");
-  EXPECT_EQ(HostPorts(), 2u);
-  EXPECT_EQ(ZELState_ConfigReset(), STATUS_OK);
-  EXPECT_EQ(Slots(), Expect({}));
-  EXPECT_EQ(HostPorts(), 0u);
-}
-
-TEST_F(StatePersistTest, NothingMarkedNullsTheArray) {
-  Add("a");
-  Add("b", true, 0);  // a zero first byte does not mark
-  EXPECT_FALSE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
-  EXPECT_EQ(ArrayIds(), Expect({}));
-  EXPECT_EQ(Slots(), Expect({{0, "a"}, {1, "b"}}));
-  EXPECT_EQ(ids_[0][0], 'x');
-}
-
-TEST_F(StatePersistTest, MarkedSwitchWithoutStateFile) {
-  Add("a");
-  Add("b");
-  Add("marked", true);
-  Add("d");
-  EXPECT_FALSE(ZELState_StripZelWithNoPersistFlag(array_, ids_, false));
-  EXPECT_STREQ(ids_[0], "marked");
-  EXPECT_EQ(ids_[1][0], 'x') << "rows past the last id are left alone";
-  EXPECT_EQ(ArrayIds(), Expect({}));
-  EXPECT_EQ(Slots(), Expect({{0, "a"}, {1, "b"}, {3, "d"}}));
-  EXPECT_EQ(HostPorts(), 3u);
-}
-
-TEST_F(StatePersistTest, MarkedSwitchWithStateFileMovesTheRestOut) {
-  Add("a");
-  Add("b");
-  Add("marked", true);
-  Add("d");
-  EXPECT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
-  EXPECT_STREQ(ids_[0], "marked");
-  EXPECT_EQ(ArrayIds(), Expect({{0, "a"}, {1, "b"}, {3, "d"}}));
-  EXPECT_EQ(Slots(), Expect({}));
-  EXPECT_EQ(HostPorts(), 3u) << "parked switches keep counting";
+// Without a marked switch nothing moves (a zero first byte does not mark);
+// with one, its id is listed and, when there is a state file to read, the
+// other switches are parked in the array (still counting their ports).
+TEST_F(StatePersistTest, StripListsMarkedSwitchesAndParksTheRest) {
+  const struct {
+    uint8_t flag;
+    bool stateFile, stripped;
+    std::vector<std::string> slots, parked;
+  } cases[] = {
+      {0, true, false, Expect({{0, "a"}, {1, "b"}, {2, "marked"}}), Expect({})},
+      {1, false, false, Expect({{0, "a"}, {1, "b"}}), Expect({})},
+      {1, true, true, Expect({}), Expect({{0, "a"}, {1, "b"}})},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.stateFile);
+    Add("a");
+    Add("b");
+    Add("marked", true, c.flag);
+    std::memset(ids_, 'x', sizeof ids_);
+    EXPECT_EQ(ZELState_StripZelWithNoPersistFlag(array_, ids_, c.stateFile), c.stripped);
+    if (c.flag != 0) {
+      EXPECT_STREQ(ids_[0], "marked");
+    }
+    EXPECT_EQ(ids_[c.flag != 0 ? 1 : 0][0], 'x') << "rows past the last id are left alone";
+    EXPECT_EQ(ArrayIds(), c.parked);
+    EXPECT_EQ(Slots(), c.slots);
+    EXPECT_EQ(HostPorts(), c.flag != 0 ? 2u : 3u);
+    if (c.stripped) ZELState_FreeZELArray(array_);
+    ZELState_ConfigReset();
+    for (auto &entry : array_) entry = reinterpret_cast<SwitchState *>(0x1);
+  }
 }
 
 TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitches) {
@@ -134,49 +123,6 @@ TEST_F(StatePersistTest, FreeZelArrayReleasesTableAndArray) {
   EXPECT_EQ(Slots(), Expect({}));
   EXPECT_EQ(HostPorts(), 0u);
   EXPECT_EQ(zeltest::failalloc::Live(), 0);
-}
-
-// The sequence of the persistent-state path: strip the marked switches, load
-// the stored state, keep the stored records of the marked switches, write the
-// result, free the leftovers.
-TEST_F(StatePersistTest, EndToEndSequenceKeepsStoredStateOfMarkedSwitches) {
-  // What the state file holds: old versions of keep and marked, and gone.
-  Add("keep");
-  Add("marked");
-  Add("gone");
-  ASSERT_EQ(ZELState_GlobalPropSet("keep", "v", "old", 4, 0), STATUS_OK);
-  ASSERT_EQ(ZELState_GlobalPropSet("marked", "v", "old", 4, 0), STATUS_OK);
-  Bytes stored = StateBlob();
-  ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
-  // The current state: new versions, marked flagged not to be persisted.
-  Add("other");
-  Add("keep");
-  Add("marked", true);
-  ASSERT_EQ(ZELState_GlobalPropSet("keep", "v", "new", 4, 0), STATUS_OK);
-  ASSERT_EQ(ZELState_GlobalPropSet("marked", "v", "new", 4, 0), STATUS_OK);
-  ASSERT_EQ(AddPort("marked", "extra"), STATUS_OK);
-
-  ASSERT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
-  ASSERT_EQ(ZELState_ConfigDeserialize(stored.data(), static_cast<uint32_t>(stored.size())),
-            STATUS_OK);
-  ZELState_UpdateGlobalSwsArray(array_, ids_);
-  Bytes result = StateBlob();
-  ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
-  ZELState_FreeZELArray(array_);
-  array_[0] = reinterpret_cast<SwitchState *>(0x1);
-  EXPECT_EQ(HostPorts(), 0u);
-
-  ASSERT_EQ(ZELState_ConfigDeserialize(result.data(), static_cast<uint32_t>(result.size())),
-            STATUS_OK);
-  EXPECT_EQ(Slots(), Expect({{0, "other"}, {1, "keep"}, {2, "marked"}}));
-  void *value = nullptr;
-  ASSERT_EQ(ZELState_GlobalPropRead(ZELState_SwitchFind("keep"), "v", &value, nullptr), STATUS_OK);
-  EXPECT_STREQ(static_cast<char *>(value), "new");
-  SwitchState *marked = ZELState_SwitchFind("marked");
-  ASSERT_EQ(ZELState_GlobalPropRead(marked, "v", &value, nullptr), STATUS_OK);
-  EXPECT_STREQ(static_cast<char *>(value), "old");
-  EXPECT_FALSE(ZELState_GlobalPropIsSet(marked, ZEL_PROP_NOPERSIST));
-  EXPECT_EQ(ZEL_NumPorts(marked), 1u) << "the stored record has no port \"extra\"";
 }
 
 }  // namespace

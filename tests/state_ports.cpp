@@ -100,7 +100,7 @@ TEST_F(StatePortTest, FailedAddsKeepCountsAndTheCallersList) {
 
 TEST_F(StatePortTest, LookupPreferencesNormalBeforeLocalCache) {
   ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
-  ASSERT_EQ(ZELState_GlobalPropSet("a", ZEL_PROP_SWITCH_ALIAS, "dvs", 4, 0), STATUS_OK);
+  ASSERT_EQ(ZELState_GlobalPropSet("a", ZEL_PROP_SWITCH_ALIAS, "sky", 4, 0), STATUS_OK);
   SwitchState *sw = ZELState_SwitchFind("a");
   ASSERT_EQ(AddPort("a", "5", PORT_KIND_LOCAL_CACHE, {{ZEL_PROP_PORT_ALIAS, Text("web")}}),
             STATUS_OK);
@@ -109,22 +109,22 @@ TEST_F(StatePortTest, LookupPreferencesNormalBeforeLocalCache) {
   EXPECT_EQ(ZELState_PortFind("a", "5"), cache);
   EXPECT_EQ(ZELState_PortFindOnZelSwitch(sw, "5"), cache);
   EXPECT_EQ(ZELState_PortFindByAliasOnZEL(sw, "web"), cache);
-  EXPECT_EQ(ZELState_PortFindByAlias("dvs", "web"), nullptr) << "never a local-cache port";
+  EXPECT_EQ(ZELState_PortFindByAlias("sky", "web"), nullptr) << "never a local-cache port";
   ASSERT_EQ(AddPort("a", "5", PORT_KIND_NORMAL, {{ZEL_PROP_PORT_ALIAS, Text("web")}}), STATUS_OK);
   PortState *normal = ZELStatePortFindOnZelSwitch(sw, "5", PORT_KIND_NORMAL);
   EXPECT_EQ(st::PortSlot(normal), 1);
   EXPECT_EQ(ZELState_PortFind("a", "5"), normal);
   EXPECT_EQ(ZELState_PortFindByAliasOnZEL(sw, "web"), normal);
-  EXPECT_EQ(ZELState_PortFindByAlias("dvs", "web"), normal);
+  EXPECT_EQ(ZELState_PortFindByAlias("sky", "web"), normal);
   EXPECT_EQ(ZELState_PortFindByAliasType(sw, "web", PORT_KIND_LOCAL_CACHE), cache);
-  EXPECT_EQ(ZELStatePortFindByAlias("dvs", "web", PORT_KIND_LOCAL_CACHE), cache);
+  EXPECT_EQ(ZELStatePortFindByAlias("sky", "web", PORT_KIND_LOCAL_CACHE), cache);
   EXPECT_EQ(ZELState_PortFindByAlias("nosuch", "web"), nullptr);
   EXPECT_STREQ(ZEL_PortAlias(normal), "web");
   EXPECT_EQ(ZEL_PortSwitch(normal), sw);
 
   ASSERT_EQ(AddPort("a", "6", PORT_KIND_SHADOW, {{ZEL_PROP_PORT_ALIAS, Text("db")}}), STATUS_OK);
   EXPECT_EQ(ZELState_PortFind("a", "6"), nullptr);
-  EXPECT_NE(ZELState_PortFindShadowByAlias("dvs", "db"), nullptr);
+  EXPECT_NE(ZELState_PortFindShadowByAlias("sky", "db"), nullptr);
   EXPECT_STREQ(ZEL_PortAlias(ZELState_PortFindShadow("a", "6")), "db");
 
   ASSERT_EQ(ZELState_SwitchAdd("00 11 22 33 44 55 66 77-88 99 aa bb cc dd ee ff", "vswitch", 0, 7),

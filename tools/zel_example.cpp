@@ -31,7 +31,7 @@ int main() {
   const char alias[] = "uplink-switch";
   ZELData_Append(list, "maxPorts", &maxPorts, sizeof maxPorts, ZELDATA_PROPTYPE_LIBRARY);
   ZELData_Append(list, "com.zorlan.common.alias", alias, sizeof alias, ZELDATA_PROPTYPE_LIBRARY);
-  ZELData_Update(list, "com.zorlan.common.port.alias", "eth0", 5, 0);
+  ZELData_Update(list, "com.zorlan.common.port.alias", "lan0", 5, 0);
 
   void *buf = nullptr;
   uint32_t len = 0;

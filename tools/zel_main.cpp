@@ -110,12 +110,12 @@ std::vector<SwitchSpec> Switches() {
                  {"101", PORT_KIND_SHADOW, {}}};
   specs.push_back(ether);
 
-  SwitchSpec vsw{"dvs-0002", "vswitch", 7, 0, common("tenant-net", 7), {}, {}};
+  SwitchSpec vsw{"sw-0002", "vswitch", 7, 0, common("tenant-net", 7), {}, {}};
   vsw.global.push_back({"com.zorlan.common.respools.version", Text("3.0"), 16});
   vsw.global.push_back({"com.zorlan.common.opaqueZel", Text("false"), 16});
   vsw.global.push_back({"com.zorlan.extraconfig.owner", Text("team-blue"), 16});
   vsw.global.push_back({"com.acme.rate.sample", Text("x"), 32});
-  vsw.host = {{"com.zorlan.common.host.portset", Text("ps-dvs-0002"), 16}};
+  vsw.host = {{"com.zorlan.common.host.portset", Text("ps-sw-0002"), 16}};
   vsw.ports = {{"vnic-web-1", PORT_KIND_NORMAL, port("web-1", 0x2001, "pg-web")},
                {"vnic-web-2", PORT_KIND_NORMAL, port("web-2", 0x2002, "pg-web")},
                {"vnic-tmp", PORT_KIND_NORMAL, {{ZEL_PROP_PORT_PERSIST, {1}, 16}}},
@@ -460,7 +460,7 @@ int Run(const fs::path &workdir) {
   }
 
   std::printf("\n6. a switch flagged \"" ZEL_PROP_NOPERSIST "\"\n");
-  const std::string flagged = "dvs-0002";
+  const std::string flagged = "sw-0002";
   Require(ZELPYX_GlobalPropSet(flagged.c_str(), ZEL_PROP_NOPERSIST, "\1", 1, 16), "flag " + flagged);
   Require(ZELPYX_GlobalPropSet(flagged.c_str(), "com.zorlan.common.alias", "changed", 8, 16),
           "change the alias of " + flagged);

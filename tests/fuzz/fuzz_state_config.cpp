@@ -65,17 +65,17 @@ std::vector<uint8_t> VersionlessBlob() {
 zelfuzz::Seeds StateSeeds() {
   zelfuzz::Seeds seeds;
   seeds.push_back(Blob());  // empty table
-  ZELState_SwitchAdd("dvs-1", "etherswitch", 0, 7);
+  ZELState_SwitchAdd("sw-1", "etherswitch", 0, 7);
   seeds.push_back(Blob());
-  ZELState_SwitchAdd("dvs-2", "mine", 16, 6);
-  ZELState_GlobalPropSet("dvs-2", ZEL_PROP_SWITCH_ALIAS, "dvs", 4, 0);
-  ZELState_HostPropSet("dvs-2", "com.zorlan.common.host.portset", "ps", 3, 0);
-  AddPort("dvs-1", "10", PORT_KIND_NORMAL, 0);
-  AddPort("dvs-1", "10", PORT_KIND_SHADOW, PORT_KIND_SHADOW);
-  AddPort("dvs-1", "11", PORT_KIND_ZOMBIE, PORT_KIND_ZOMBIE);
-  AddPort("dvs-1", "11", PORT_KIND_ZOMBIE, PORT_KIND_ZOMBIE);
-  AddPort("dvs-2", "1", PORT_KIND_LOCAL_CACHE, PORT_KIND_LOCAL_CACHE);
-  AddPort("dvs-2", "2", PORT_KIND_NORMAL, 0);
+  ZELState_SwitchAdd("sw-2", "mine", 16, 6);
+  ZELState_GlobalPropSet("sw-2", ZEL_PROP_SWITCH_ALIAS, "sky", 4, 0);
+  ZELState_HostPropSet("sw-2", "com.zorlan.common.host.portset", "ps", 3, 0);
+  AddPort("sw-1", "10", PORT_KIND_NORMAL, 0);
+  AddPort("sw-1", "10", PORT_KIND_SHADOW, PORT_KIND_SHADOW);
+  AddPort("sw-1", "11", PORT_KIND_ZOMBIE, PORT_KIND_ZOMBIE);
+  AddPort("sw-1", "11", PORT_KIND_ZOMBIE, PORT_KIND_ZOMBIE);
+  AddPort("sw-2", "1", PORT_KIND_LOCAL_CACHE, PORT_KIND_LOCAL_CACHE);
+  AddPort("sw-2", "2", PORT_KIND_NORMAL, 0);
   seeds.push_back(Blob());
   ZELState_ConfigReset();
   seeds.push_back(VersionlessBlob());
