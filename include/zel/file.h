@@ -46,8 +46,8 @@ ZEL_API ReturnStatus ZELFile_ReadClassical(const char *path, void **blob, int32_
  *  Returns STATUS_OK on success; the blob stays the caller's. */
 ZEL_API ReturnStatus ZELFile_Write(const char *path, const void *blob, uint32_t length);
 /** Writes blob to the state file at path, padded with zeros to a multiple of
- *  512 bytes, flushed to the device, as a regular file of the caller's with
- *  mode 0600.  With useTemporary nonzero it writes "path.tmp" (never through
+ *  512 bytes and flushed to the device, as a regular file owned by the
+ *  caller with mode 0600.  With useTemporary nonzero it writes "path.tmp" (never through
  *  a symbolic link) and renames it over path, so readers see the old or the
  *  new file, then flushes the directory; with 0 it rewrites path in place.
  *  Writers of one path wait for each other on "path.lock", created with mode

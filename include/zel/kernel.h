@@ -14,8 +14,9 @@
  *     the caller owns it on success and releases it with ZELPYX_DataFree;
  *   - command execution: ZELPYX_CmdExec, the same growth rule on its output.
  * A failed reply or command exchange never returns 0 (a failed ioctl whose
- * record says 0 gives STATUS_FAILURE) and leaves its buffer pointer null once
- * the device is open; the length is then what the kernel left.  Both give
+ * record says 0 gives STATUS_FAILURE) and sets the buffer pointer to null,
+ * the length to the record's last length field (neither is written when an
+ * argument is refused or the device cannot be opened).  Both give
  * STATUS_LIMIT_EXCEEDED when the kernel names a size above 256 MiB or still
  * asks for more after 16 calls.
  * Kernel-channel failures go to standard error whatever any debug level says.

@@ -14,12 +14,12 @@
  * message's level (0 failures, 1 switch and port progress, 2 details,
  * 3 entries read while deserializing).
  *
- * Null input: the accessors and finders return NULL, 0 or false (so do
- * ZEL_SwitchName and ZEL_PortAlias, not "unknown"); the walks and array
- * operations without a status do nothing; every other operation gives
+ * Null input: the accessors and finders return NULL, 0 or false
+ * (ZEL_SwitchName and ZEL_PortAlias NULL, not "unknown"); the walks and
+ * array operations without a status do nothing; every other operation gives
  * STATUS_BAD_PARAM for a null switch, port, id, name, list, callback, blob
- * or output pointer it needs, and changes nothing.  The Set calls are the
- * exception noted at each.
+ * or output pointer it needs, and changes nothing, except that a property
+ * Set with a null value gives STATUS_FAILURE.
  *
  * Values read through the database (the *value of the Read and Get calls, an
  * entry of a Lookup) point into the owning list: valid until the property is
