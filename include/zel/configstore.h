@@ -121,14 +121,26 @@ ZEL_API uint32_t ZELState_SaveBufToConfigStore(const void *blob, uint32_t length
  *  Returns 0; the deserializer's status for a blob that does not decode
  *  (STATUS_BAD_PARAM for a null blob; the store is not opened);
  *  ZEL_CONFIGSTORE_FAILURE or a configuration-store status otherwise.  A
- *  failed save cancels its transaction and leaves the store as it was. */
+ *  failed save cancels its transaction and leaves the store as it was.  A
+ *  switch saved without "com.zorlan.common.version" is written all the same
+ *  (the status does not change) with a warning naming it: no load succeeds
+ *  while the store holds it. */
 ZEL_API uint32_t ZELState_SaveBufToConfigStore_ByInstance(const void *blob, uint32_t length,
                                                           const char *switchId);
 /** Builds a state blob from the stored switch objects (the desired layer when
  *  desired is true).  *blob is allocated with malloc; the caller frees it.
- *  The outputs are written only on success.  Returns 0,
- *  ZEL_CONFIGSTORE_FAILURE (also for null outputs) or a configuration-store
- *  status. */
+ *  The outputs are written only on success.  A blob returned with 0 decodes
+ *  into an empty state database (ZELState_ConfigDeserialize) with every
+ *  switch it read, on a host whose port limit can be read.
+ *
+ *  The load fails, with a message naming the cause, on two switch objects
+ *  with one uuid, a uuid over 63 characters, more than 32 switch objects, or
+ *  ports beyond the switch's max_ports or the host's free ports.  A port
+ *  whose key cannot be read, is too long for a port id or names an entry of
+ *  the switch list is skipped with a message.
+ *
+ *  Returns 0; ZEL_CONFIGSTORE_FAILURE (also for null outputs); a
+ *  configuration-store status; or the serializer's status for the blob. */
 ZEL_API uint32_t ZELState_LoadFromConfigStoreAsBuf(void **blob, uint32_t *length, bool desired);
 /** True when text equals one of the first count strings of array (NULL
  *  entries are skipped); false for a null text or array or count below 1. */

@@ -10,9 +10,9 @@
  * at a time per list.
  *
  * A name longer than 127 characters is cut to 127 when it is stored.  A
- * list pointer, name or output pointer the function needs must not be null:
- * a null one gives STATUS_BAD_PARAM (or nothing happens where the function
- * returns no status).
+ * function that returns a status gives STATUS_BAD_PARAM for a null list,
+ * name, output, buffer or length pointer it needs (nothing changes); the
+ * others say below what they do with null input.
  */
 #ifndef ZEL_DATA_H
 #define ZEL_DATA_H
@@ -55,31 +55,35 @@ ZEL_API extern int zeldata_debug;
  *  @{ */
 
 /** Makes an empty list whose memory comes from allocFn and goes back through
- *  freeFn (both required).
+ *  freeFn.
  *
  *  On success *out is the new list, owned by the caller and released with
- *  ZELData_Free.  Returns STATUS_OK, or STATUS_NO_MEMORY when allocFn fails
- *  (*out is not written). */
+ *  ZELData_Free.  Returns STATUS_OK; STATUS_BAD_PARAM for a null out, allocFn
+ *  or freeFn; STATUS_NO_MEMORY when allocFn fails.  *out is written only on
+ *  success. */
 ZEL_API ReturnStatus ZELData_Alloc(PropertyList **out, ZELDataAllocFn allocFn, ZELDataFreeFn freeFn);
 /** Releases list and every entry through the list's freeFn; NULL is ignored.
  *  Serialized buffers the library made for the list are not released. */
 ZEL_API void ZELData_Free(PropertyList *list);
 /** Releases ptr, a buffer a serializer allocated for list, through the
- *  list's freeFn. */
+ *  list's freeFn; with a null list or ptr it does nothing. */
 ZEL_API void ZELData_FreeAssocData(PropertyList *list, void *ptr);
-/** Stores list's freeFn in *out and returns it. */
+/** Stores list's freeFn in *out (out may be null) and returns it; a null
+ *  list returns null and leaves *out alone. */
 ZEL_API ZELDataFreeFn ZELData_GetMemFreeFn(PropertyList *list, ZELDataFreeFn *out);
 /** Finds the first entry named name.
  *
  *  Returns STATUS_OK with *out set to the entry (owned by the list), or
  *  STATUS_NOT_FOUND with *out untouched. */
 ZEL_API ReturnStatus ZELData_Lookup(PropertyList *list, const char *name, PropertyEntry **out);
-/** The entry's NUL-terminated name, inside the entry (not to be freed). */
+/** The entry's NUL-terminated name, inside the entry (not to be freed);
+ *  null for a null entry. */
 ZEL_API char *ZELData_Name(PropertyEntry *entry);
-/** The entry's property type. */
+/** The entry's property type; 0 for a null entry. */
 ZEL_API uint32_t ZELData_PropType(PropertyEntry *entry);
-/** Sets *out to the entry's value, inside the entry (not to be freed), and
- *  returns the value's length in bytes. */
+/** Sets *out (out may be null) to the entry's value, inside the entry (not
+ *  to be freed), and returns the value's length in bytes; a null entry gives
+ *  a null value and 0. */
 ZEL_API uint32_t ZELData_Data(PropertyEntry *entry, void **out);
 /** Steps through the list in order: current NULL gives the first entry.
  *
@@ -87,15 +91,17 @@ ZEL_API uint32_t ZELData_Data(PropertyEntry *entry, void **out);
  *  set to NULL at the end of the list. */
 ZEL_API ReturnStatus ZELData_Next(PropertyList *list, PropertyEntry *current, PropertyEntry **out);
 /** Calls callback on each entry in order with context, until it returns true.
- *  The callback must not change the list. */
+ *  The callback must not change the list.  A null list or callback does
+ *  nothing. */
 ZEL_API void ZELData_ForEach(PropertyList *list, ZELDataForEachFn callback, void *context);
 /** Adds an entry at the end of the list with a copy of dataLength bytes of
  *  value (value may be NULL when dataLength is 0); a name already present is
  *  added again, and lookups find the first.
  *
- *  Returns STATUS_OK; STATUS_BAD_PARAM when the entry or the list's
- *  serialized size would not fit in 32 bits; STATUS_NO_MEMORY when the
- *  allocation fails.  On failure the list is unchanged. */
+ *  Returns STATUS_OK; STATUS_BAD_PARAM for a null value with a nonzero
+ *  dataLength, or when the entry or the list's serialized size would not fit
+ *  in 32 bits; STATUS_NO_MEMORY when the allocation fails.  On failure the
+ *  list is unchanged. */
 ZEL_API ReturnStatus ZELData_Append(PropertyList *list, const char *name, const void *value,
                                     uint32_t dataLength, uint32_t propType);
 /** Sets the value of the first entry named name, or appends it.
@@ -105,9 +111,10 @@ ZEL_API ReturnStatus ZELData_Append(PropertyList *list, const char *name, const 
  *  of the same length is changed in place; one of another length is removed
  *  and the new one appended at the end.  value may point into the list.
  *
- *  Returns STATUS_OK; STATUS_BAD_PARAM when the value would not fit the
- *  format (nothing changes); STATUS_NO_MEMORY when the allocation fails (an
- *  existing entry of another length is then removed). */
+ *  Returns STATUS_OK; STATUS_BAD_PARAM for a null value with a nonzero
+ *  dataLength or a value that would not fit the format (nothing changes);
+ *  STATUS_NO_MEMORY when the allocation fails (an existing entry of another
+ *  length is then removed). */
 ZEL_API ReturnStatus ZELData_Update(PropertyList *list, const char *name, const void *value,
                                     uint32_t dataLength, uint32_t propType);
 /** ZELData_Update with propType 0. */
@@ -130,10 +137,10 @@ ZEL_API ReturnStatus ZELDataRemove(PropertyList *list, const char *name, uint32_
  * success *length is the serialized size.
  * @{ */
 
-/** The size in bytes ZELData_Serialize writes for list. */
+/** The size in bytes ZELData_Serialize writes for list; 0 for a null list. */
 ZEL_API uint32_t ZELData_SerializedSize(PropertyList *list, uint32_t ignored);
 /** The size ZELData_SerializeExNamedProp writes for list and excludePattern
- *  (NULL excludes nothing). */
+ *  (NULL excludes nothing); 0 for a null list. */
 ZEL_API uint32_t ZELData_SerializedSizeExNamedProp(PropertyList *list, uint32_t ignored,
                                                    const char *excludePattern);
 /** Encodes list into checksummed serialized property data, following the

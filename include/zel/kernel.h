@@ -13,11 +13,18 @@
  *     when the kernel answers STATUS_LIMIT_EXCEEDED naming the size it needs);
  *     the caller owns it on success and releases it with ZELPYX_DataFree;
  *   - command execution: ZELPYX_CmdExec, the same growth rule on its output.
+ * A failed reply or command exchange never returns 0 (a failed ioctl whose
+ * record says 0 gives STATUS_FAILURE) and sets the buffer pointer to null,
+ * the length to the record's last length field (neither is written when an
+ * argument is refused or the device cannot be opened).  Both give
+ * STATUS_LIMIT_EXCEEDED when the kernel names a size above 256 MiB or still
+ * asks for more after 16 calls.
  * Kernel-channel failures go to standard error whatever any debug level says.
  * The exchanges take no lock; they may be called from any thread.  When the
  * device cannot be opened they print a message and return STATUS_FAILURE.
  * Text arguments are copied into the record and cut to their fields; a null
- * text is sent empty.  A null output pointer gives STATUS_BAD_PARAM.
+ * text is sent empty.  A null output pointer gives STATUS_BAD_PARAM, and so
+ * does a null value or input with a nonzero length (nothing is sent).
  */
 #ifndef ZEL_KERNEL_H
 #define ZEL_KERNEL_H
@@ -147,24 +154,29 @@ ZEL_API void ZelSwitchPYXUnlock(ZelRecLock *lock);
  *  STATUS_BAD_PARAM for a null cmd. */
 ZEL_API ReturnStatus ZELPYX_Ioctl(int request, ZELPYXCommand *cmd);
 /** Runs the named command of the kernel module on switchName with inputLen
- *  bytes of input (request 28).
+ *  bytes of input (request 28; input may be null only when inputLen is 0).
  *
  *  On success *output is the caller's (ZELPYX_DataFree) and *outputLen its
- *  length.  Returns 0; the kernel's status; STATUS_NO_MEMORY when the output
- *  buffer cannot be had.  On failure nothing is left to release. */
+ *  length.  Returns 0; the kernel's status; STATUS_FAILURE when the ioctl
+ *  failed with a record status of 0; STATUS_LIMIT_EXCEEDED past the bounds
+ *  above; STATUS_NO_MEMORY when the output buffer cannot be had;
+ *  STATUS_BAD_PARAM for null outputs or null input with a nonzero inputLen.
+ *  On failure nothing is left to release. */
 ZEL_API ReturnStatus ZELPYX_CmdExec(const char *switchName, const char *command,
                                     const void *input, uint32_t inputLen, void **output,
                                     uint32_t *outputLen);
 /** Hands a whole state blob to the kernel, which takes its state from it
- *  (the blob stays the caller's).  Returns the plain exchange's status. */
+ *  (the blob stays the caller's).  Returns the plain exchange's status;
+ *  STATUS_BAD_PARAM for a null blob with a nonzero blobLen. */
 ZEL_API ReturnStatus ZELPYX_StateInit(const void *blob, uint32_t blobLen);
 /** Sends the state clean-up request (1). */
 ZEL_API ReturnStatus ZELPYX_StateCleanup(void);
 /** Sends the state sanitize request (2). */
 ZEL_API ReturnStatus ZELPYX_StateSanitize(void);
-/** The kernel's whole state as a state blob: on success *blob is the
- *  caller's (ZELPYX_DataFree) and *blobLen its length; on failure nothing is
- *  left to release.  Returns 0, the kernel's status or STATUS_NO_MEMORY. */
+/** The kernel's whole state as a state blob (reply exchange): on success
+ *  *blob is the caller's (ZELPYX_DataFree) and *blobLen its length; on
+ *  failure nothing is left to release.  Returns 0, the kernel's status,
+ *  STATUS_FAILURE, STATUS_LIMIT_EXCEEDED or STATUS_NO_MEMORY. */
 ZEL_API ReturnStatus ZELPYX_StateGet(void **blob, uint32_t *blobLen);
 /** Releases a reply buffer of any exchange; NULL is ignored. */
 ZEL_API void ZELPYX_DataFree(void *buffer);
@@ -176,7 +188,8 @@ ZEL_API void ZELPYX_DataFree(void *buffer);
  * the Get calls, the reply exchange: on success *buffer is the caller's
  * (ZELPYX_DataFree) and *length its length; on failure nothing is left to
  * release.
- * Values sent stay the caller's.  None touches the local state database.
+ * Values sent stay the caller's; a null value with a nonzero length gives
+ * STATUS_BAD_PARAM.  None touches the local state database.
  * @{ */
 
 /** Adds a switch of class className to the kernel (request 4). */

@@ -14,9 +14,12 @@
  * message's level (0 failures, 1 switch and port progress, 2 details,
  * 3 entries read while deserializing).
  *
- * A null switch or port id gives an error status or a null result; switch,
- * port, name and output pointers must be valid unless a comment says so (a
- * null one gives STATUS_BAD_PARAM, a null result, or no effect).
+ * Null input: the accessors and finders return NULL, 0 or false
+ * (ZEL_SwitchName and ZEL_PortAlias NULL, not "unknown"); the walks and
+ * array operations without a status do nothing; every other operation gives
+ * STATUS_BAD_PARAM for a null switch, port, id, name, list, callback, blob
+ * or output pointer it needs, and changes nothing, except that a property
+ * Set with a null value gives STATUS_FAILURE.
  *
  * Values read through the database (the *value of the Read and Get calls, an
  * entry of a Lookup) point into the owning list: valid until the property is
@@ -118,17 +121,20 @@ ZEL_API void ZELState_SwitchForEach(ZELStateSwitchFn callback, void *context);
  *  null id. */
 ZEL_API ReturnStatus ZELState_SwitchRemove(const char *id);
 /** Sets the switch's version to one of 4, 5, 6, 7, 100 or 107.  Returns
- *  STATUS_OK; STATUS_NOT_SUPPORTED for any other version; STATUS_NOT_FOUND
- *  for an unknown switch.  Nothing changes on failure. */
+ *  STATUS_OK; STATUS_NOT_SUPPORTED for any other version (checked first);
+ *  STATUS_BAD_PARAM for a null id; STATUS_NOT_FOUND for an unknown switch.
+ *  Nothing changes on failure. */
 ZEL_API ReturnStatus ZELState_SwitchSetVersion(const char *id, uint32_t version);
 
 /** The switch's id, inside the record. */
 ZEL_API const char *ZEL_SwitchId(SwitchState *sw);
-/** The switch's alias property as text, or "unknown" when it has none. */
+/** The switch's alias property as text, or "unknown" when it has none
+ *  (NULL for a null sw). */
 ZEL_API const char *ZEL_SwitchName(SwitchState *sw);
 /** The switch's class name, inside the record. */
 ZEL_API const char *ZEL_ClassName(SwitchState *sw);
-/** Sets the class name (cut to 127 characters) and returns the stored copy. */
+/** Sets the class name (cut to 127 characters) and returns the stored copy;
+ *  a null className changes nothing. */
 ZEL_API char *ZEL_SetClassName(SwitchState *sw, const char *className);
 /** The switch's version. */
 ZEL_API uint32_t ZEL_Version(SwitchState *sw);
@@ -140,9 +146,11 @@ ZEL_API uint32_t ZEL_GetNewMaxPorts(SwitchState *sw);
 ZEL_API uint32_t ZEL_UpdateMaxPorts(SwitchState *sw);
 /** The number of ports present on the switch, of every kind. */
 ZEL_API uint32_t ZEL_NumPorts(SwitchState *sw);
-/** The switch's global property list (owned by the switch, never NULL). */
+/** The switch's global property list (owned by the switch; NULL only for a
+ *  null sw). */
 ZEL_API PropertyList *ZEL_GlobalPropList(SwitchState *sw);
-/** The switch's host property list (owned by the switch, never NULL). */
+/** The switch's host property list (owned by the switch; NULL only for a
+ *  null sw). */
 ZEL_API PropertyList *ZEL_HostPropList(SwitchState *sw);
 
 /** @} */
@@ -228,8 +236,9 @@ ZEL_API PortState *ZELState_PortFindShadowByAlias(const char *switchAlias, const
 ZEL_API ReturnStatus ZELState_PortDataGet(PortState *port, const char *name, void **value,
                                           uint32_t *length);
 /** Sets a port property to a copy of length bytes of value (ZELData_Update,
- *  propType 0 as there).  Returns STATUS_OK; STATUS_FAILURE for a null value
- *  or length 0 (nothing changes); otherwise ZELData_Update's status. */
+ *  propType 0 as there).  Returns STATUS_OK; STATUS_BAD_PARAM for a null
+ *  port or name; STATUS_FAILURE for a null value or length 0 (nothing
+ *  changes); otherwise ZELData_Update's status. */
 ZEL_API ReturnStatus ZELState_PortDataSet(PortState *port, const char *name, const void *value,
                                           uint32_t length, uint32_t propType);
 /** Removes a port property.  Returns STATUS_OK or STATUS_NOT_FOUND. */
@@ -238,7 +247,8 @@ ZEL_API ReturnStatus ZELState_PortDataClear(PortState *port, const char *name);
 ZEL_API ReturnStatus ZELState_PortDataRead(PortState *port, const char *name, void **value,
                                            uint32_t *length);
 /** Calls callback on each port property in order (see ZELStatePropFn);
- *  returns the result that stopped the walk, or STATUS_NOT_FOUND at the end. */
+ *  returns the result that stopped the walk, STATUS_NOT_FOUND at the end, or
+ *  STATUS_BAD_PARAM for a null port or callback. */
 ZEL_API ReturnStatus ZELState_PortDataForEach(PortState *port, ZELStatePropFn callback,
                                               void *context);
 /** Calls callback on each port of sw, every kind, in slot order, until it
@@ -246,11 +256,13 @@ ZEL_API ReturnStatus ZELState_PortDataForEach(PortState *port, ZELStatePropFn ca
 ZEL_API void ZELState_PortForEach(SwitchState *sw, ZELStatePortFn callback, void *context);
 /** The port's id, inside the record. */
 ZEL_API const char *ZEL_PortId(PortState *port);
-/** The port's alias property as text, or "unknown" when it has none. */
+/** The port's alias property as text, or "unknown" when it has none (NULL
+ *  for a null port). */
 ZEL_API const char *ZEL_PortAlias(PortState *port);
 /** The port's kind. */
 ZEL_API PortKind ZEL_PortKind(PortState *port);
-/** Changes the port's kind; kind 0 leaves the port out of the state blob. */
+/** Changes the port's kind; kind 0 leaves the port out of the state blob.
+ *  A null port is ignored. */
 ZEL_API void ZEL_PortSetKind(PortState *port, PortKind kind);
 /** The port's property list (owned by the port). */
 ZEL_API PropertyList *ZEL_PortData(PortState *port);
@@ -266,7 +278,8 @@ ZEL_API SwitchState *ZEL_PortSwitch(PortState *port);
 
 /** Sets a global property of the switch to a copy of length bytes of value
  *  (ZELData_Update).  Returns STATUS_OK; STATUS_FAILURE for a null value or
- *  length 0; STATUS_NOT_FOUND for an unknown switch; otherwise
+ *  length 0 (checked before the other arguments); STATUS_BAD_PARAM for a
+ *  null switchId or name; STATUS_NOT_FOUND for an unknown switch; otherwise
  *  ZELData_Update's status. */
 ZEL_API ReturnStatus ZELState_GlobalPropSet(const char *switchId, const char *name,
                                             const void *value, uint32_t length, uint32_t propType);
@@ -286,7 +299,8 @@ ZEL_API ReturnStatus ZELState_GlobalPropRead(SwitchState *sw, const char *name, 
 /** True when sw has a global property of this name. */
 ZEL_API bool ZELState_GlobalPropIsSet(SwitchState *sw, const char *name);
 /** Calls callback on each global property in order (see ZELStatePropFn);
- *  returns the result that stopped the walk, or STATUS_NOT_FOUND at the end. */
+ *  returns the result that stopped the walk, STATUS_NOT_FOUND at the end, or
+ *  STATUS_BAD_PARAM for a null sw or callback. */
 ZEL_API ReturnStatus ZELState_GlobalPropForEach(SwitchState *sw, ZELStatePropFn callback,
                                                 void *context);
 /** ZELState_GlobalPropSet on the host list. */
@@ -357,7 +371,7 @@ ZEL_API ReturnStatus ZELState_ConfigReset(void);
  *  and writes the removed ids to ids.  With fileInUse true and at least one
  *  removal it moves the remaining switches into array (the table is then
  *  empty) and returns true; otherwise array is all NULL and it returns
- *  false. */
+ *  false.  A null array or ids returns false and changes nothing. */
 ZEL_API bool ZELState_StripZelWithNoPersistFlag(SwitchState **array, char (*ids)[ZEL_SWITCH_ID_SIZE],
                                                 bool fileInUse);
 /** Moves the table's switches named in ids into the free places of array,
