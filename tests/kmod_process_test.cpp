@@ -121,6 +121,10 @@ class Daemon {
   void Kill(int sig) {
     if (pid_ <= 0) return;
     ::kill(pid_, sig);
+    if (sig == SIGSTOP) {  // stopped for sure before the caller's next request
+      int status = 0;
+      ::waitpid(pid_, &status, WUNTRACED);
+    }
     if (sig == SIGKILL || sig == SIGTERM) {
       ::waitpid(pid_, nullptr, 0);
       pid_ = -1;
