@@ -79,7 +79,10 @@ void CheckRows(cs::Object *owner, uint32_t tableIndex, uint32_t version,
     cs::Object *parent = nullptr;
     const uint32_t resolved = ResolvePropPath(row->path, row->depth, owner, &parent, false);
     std::string key;
-    for (uint32_t i = 0; i < row->depth; ++i) key += (i > 0 ? "/" : "") + std::string(row->path[i]);
+    for (uint32_t i = 0; i < row->depth; ++i) {
+      if (i > 0) key += '/';
+      key += row->path[i];
+    }
     if (resolved == kAbsent || row->kind == kKindPortResourcePools) continue;
     if (resolved != 0) {
       out->push_back({where + key, "path does not resolve", resolved});
