@@ -31,10 +31,7 @@ using zel::kmod::RequestHeader;
 using Bytes = std::vector<uint8_t>;
 
 bool WaitFor(const std::function<bool()> &done) {
-  for (int i = 0; i < 400; ++i) {
-    if (done()) return true;
-    std::this_thread::sleep_for(10ms);
-  }
+  for (int i = 0; i < 400 && !done(); ++i) std::this_thread::sleep_for(10ms);
   return done();
 }
 
@@ -99,14 +96,13 @@ class Daemon {
     }
     ASSERT_TRUE(WaitFor([&] {
       const int s = Connect(socket_);
-      if (s >= 0) ::close(s);
-      return s >= 0;
+      return s >= 0 && ::close(s) == 0;
     }));
   }
   void Kill(int sig) {
     if (pid_ <= 0) return;
     ::kill(pid_, sig);
-    if (sig == SIGKILL || sig == SIGTERM) {
+    if (sig == SIGKILL) {
       ::waitpid(pid_, nullptr, 0);
       pid_ = -1;
     }
