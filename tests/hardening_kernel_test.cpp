@@ -43,28 +43,24 @@ TEST(HardeningKernel, FailedCallThatClaimsSuccessFailsEveryCaller) {
     return errno = EIO, -1;
   };
   zel::kernel::ScopedTransport use(&module);
-  struct Row {
-    bool serveState;  // the state fetch works, the vendor list's version query fails
-    ReturnStatus expect;
-    Call call;
-  };
-  const Row rows[] = {
-      {false, STATUS_FAILURE, FetchState},
-      {false, STATUS_FAILURE, RunCommand},
-      {false, STATUS_FAILURE, [](void **out) { return ZELPYX_PersistentStateGet(out, &g_length); }},
-      {false, STATUS_FAILURE,
+  // The last row fetches the state, and the vendor list's version query fails.
+  const std::pair<ReturnStatus, Call> rows[] = {
+      {STATUS_FAILURE, FetchState},
+      {STATUS_FAILURE, RunCommand},
+      {STATUS_FAILURE, [](void **out) { return ZELPYX_PersistentStateGet(out, &g_length); }},
+      {STATUS_FAILURE,
        [](void **out) { return ZELPYX_PersistentPortStateGet("sw-blue", "1", 7, out, &g_length); }},
-      {true, STATUS_OK,
+      {STATUS_OK,
        [](void **out) {
          return ZELPYX_VendorGlobalPropList("sw-blue", reinterpret_cast<PropertyList **>(out), 16);
        }},
   };
-  for (const Row &r : rows) {
-    SCOPED_TRACE(&r - rows);
-    serveState = r.serveState;
+  for (const auto &[expect, call] : rows) {
+    SCOPED_TRACE(expect);
+    serveState = expect == STATUS_OK;
     void *out = nullptr;
-    EXPECT_EQ(r.call(&out), r.expect);
-    EXPECT_EQ(out != nullptr, r.expect == STATUS_OK);
+    EXPECT_EQ(call(&out), expect);
+    EXPECT_EQ(out != nullptr, expect == STATUS_OK);
     ZELData_Free(static_cast<PropertyList *>(out));
   }
   std::free(state);
@@ -78,25 +74,21 @@ void *RecordingAlloc(size_t bytes) {
 
 TEST(HardeningKernel, ReplyGrowthIsBounded) {
   using zel::kernel::ZELPYX_MAX_REPLY_SIZE;
-  struct Row {
-    std::function<uint32_t(uint32_t offered)> needed;  // the size the kernel names
-    int calls;
-  };
-  const Row rows[] = {
-      {[](uint32_t offered) { return offered + 4096; }, int(zel::kernel::ZELPYX_MAX_REPLY_ROUNDS)},
-      {[](uint32_t) { return 0xFFFFFFFFu; }, 1},
-      {[](uint32_t) { return ZELPYX_MAX_REPLY_SIZE + 1; }, 1},
-  };
+  // The size the kernel names (0: always 4 KiB more than offered), the calls made.
+  const std::pair<uint32_t, int> rows[] = {{0, int(zel::kernel::ZELPYX_MAX_REPLY_ROUNDS)},
+                                           {0xFFFFFFFFu, 1},
+                                           {ZELPYX_MAX_REPLY_SIZE + 1, 1}};
   const auto previous = zel::kernel::SetReplyAllocator(RecordingAlloc);
-  for (const Row &r : rows) {
+  for (const auto &[neededSize, calls] : rows) {
+    const uint32_t needed = neededSize;  // captured below
     for (const Call &call : {Call(FetchState), Call(RunCommand)}) {
-      SCOPED_TRACE(&r - rows);
+      SCOPED_TRACE(needed);
       hardening::FakeModule module;
       module.answer = [&](unsigned long request, ZELPYXCommand *cmd) {
         // Without a bound the exchange would go on for ever: give up here.
         cmd->status = module.calls > 50 ? STATUS_NOT_FOUND : STATUS_LIMIT_EXCEEDED;
         uint32_t &capacity = request == ZELPYX_REQ_CMD_EXEC ? cmd->cmdOutLen : cmd->dataLen;
-        capacity = r.needed(capacity);
+        capacity = needed != 0 ? needed : capacity + 4096;
         return -1;
       };
       zel::kernel::ScopedTransport use(&module);
@@ -104,7 +96,7 @@ TEST(HardeningKernel, ReplyGrowthIsBounded) {
       void *out = nullptr;
       EXPECT_EQ(call(&out), STATUS_LIMIT_EXCEEDED);
       EXPECT_EQ(out, nullptr);
-      EXPECT_EQ(module.calls, r.calls);
+      EXPECT_EQ(module.calls, calls);
       EXPECT_LE(g_largestReply, ZELPYX_MAX_REPLY_SIZE);
     }
   }

@@ -34,9 +34,7 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
   fs::current_path(tmp.path());  // a file a row leaves behind shows here
   zel::state::testing::SetPortLimit(64);
   hardening::FakeModule device;
-  device.answer = [](unsigned long, ZELPYXCommand *cmd) {
-    return cmd->status = STATUS_FAILURE, -1;
-  };
+  device.answer = [](unsigned long, ZELPYXCommand *c) { return c->status = STATUS_FAILURE, -1; };
   zel::kernel::ScopedTransport use(&device);
   PropertyList *list = nullptr, *portList = nullptr, *out = nullptr;
   ASSERT_EQ(ZELData_Alloc(&list, Alloc, std::free), STATUS_OK);
