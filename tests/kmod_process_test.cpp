@@ -241,11 +241,8 @@ TEST(KmodProcess, BuffersTravelBothWaysAsInProcess) {
     for (int i = 0; i < 5; ++i) keep(fetched[i], out[i], length[i]);
     // A reply that does not fit: the module names the size and writes nothing past the buffer.
     uint8_t small[8] = {1, 2, 3, 4, 5, 6, 7, 8};
-    ZELPYXCommand rec{};
-    std::snprintf(rec.switchName, sizeof rec.switchName, "sw-blue");
+    ZELPYXCommand rec = Record(2);
     std::snprintf(rec.portId, sizeof rec.portId, "p1");
-    std::snprintf(rec.name, sizeof rec.name, "com.acme.x");
-    rec.dataLen = 2;
     rec.data = zel::kernel::AddressOf(small);
     keep(ZELPYX_Ioctl(ZELPYX_REQ_PORT_DATA_GET, &rec), small, sizeof small, false);
     seen.push_back(std::to_string(rec.dataLen) + " " + std::to_string(rec.status));
