@@ -15,12 +15,10 @@ using namespace cfgtest;
 
 // Runs "zelctl store" on the test's database; returns its exit status and output.
 int Tool(const TempStore &tmp, const std::string &args, std::string *out = nullptr) {
-  std::string cmd = std::string(ZELCTL_PATH) + " store --db '" + tmp.path() + "' " + args + " 2>/dev/null";
+  const std::string cmd = ZELCTL_PATH " store --db '" + tmp.path() + "' " + args + " 2>/dev/null";
   FILE *p = popen(cmd.c_str(), "r");
-  if (p == nullptr) return -1;
   std::string text;
-  char buf[256];
-  while (fgets(buf, sizeof buf, p) != nullptr) text += buf;
+  for (char buf[256]; fgets(buf, sizeof buf, p) != nullptr;) text += buf;
   int st = pclose(p);
   if (out != nullptr) *out = text;
   return WIFEXITED(st) ? WEXITSTATUS(st) : -1;
@@ -28,11 +26,8 @@ int Tool(const TempStore &tmp, const std::string &args, std::string *out = nullp
 
 TEST(ConfigStoreTool, WritesDesiredLayerReadByClient) {
   TempStore tmp;
-  ASSERT_EQ(
-      Tool(
-          tmp,
-          R"(--desired put switches network_zel orn sw1 '{"uuid":"sw1","@types":{"max_ports":"int32"},"max_ports":64}')"),
-      0);
+  const std::string sw1 = R"('{"uuid":"sw1","@types":{"max_ports":"int32"},"max_ports":64}')";
+  ASSERT_EQ(Tool(tmp, "--desired put switches network_zel orn sw1 " + sw1), 0);
   ASSERT_EQ(Tool(tmp, R"(put switches network_zel orn sw1 '{"uuid":"sw1"}')"), 0);
   EXPECT_EQ(Tool(tmp, R"(put switches network_zel orn sw2 '{"bad":1.5}')"), 2);
 

@@ -1,11 +1,9 @@
-// The configuration store with switch objects edited by hand: a load that
-// succeeds always returns a blob that decodes with every switch it read, and
-// a save that stores a switch no load can read says so.
+// Switch objects edited by hand: a load that succeeds always returns a blob
+// that decodes with every switch it read, and a save that stores a switch no
+// load can read says so.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <cstdlib>
-#include <string>
 #include <vector>
 
 #include "hardening_support.h"
@@ -18,7 +16,7 @@ namespace {
 
 namespace cs = zel::cfgstore;
 using ::testing::HasSubstr;
-using ::testing::Not;
+using Objects = std::vector<std::pair<std::string, std::string>>;  // instance id, content
 
 class HardeningStore : public ::testing::Test {
  protected:
@@ -32,62 +30,58 @@ class HardeningStore : public ::testing::Test {
     zel::state::testing::SetPortLimit(0);
     cs::testing::UsePath(nullptr);
   }
-  static void Put(const std::string &instance, const std::string &content) {
-    cs::Store *store = nullptr;
-    ASSERT_EQ(cs::GetStore(0, &store), cs::kOk);
-    cs::Object *object = nullptr;
-    ASSERT_EQ(cs::CreateObject("switches", "network_zel", "orn", instance.c_str(), content.c_str(),
-                               &object),
-              cs::kOk);
-    EXPECT_EQ(cs::Set(store, object, "EXTERNAL"), cs::kOk);
-    cs::DestroyConfigStoreObject(object);
-    cs::DestroyStore(store);
-  }
   hardening::TempDir tmp_;
 };
 
-// A switch object with the given uuid, class, max_ports and port keys.
+void Store(const Objects &objects, bool put) {
+  cs::Store *store = nullptr;
+  ASSERT_EQ(cs::GetStore(0, &store), cs::kOk);
+  for (const auto &[instance, content] : objects) {
+    cs::Object *object = nullptr;
+    if (!put) {
+      cs::Delete(store, "switches", "network_zel", "orn", instance.c_str());
+    } else if (cs::CreateObject("switches", "network_zel", "orn", instance.c_str(), content.c_str(),
+                                &object) == cs::kOk) {
+      EXPECT_EQ(cs::Set(store, object, "EXTERNAL"), cs::kOk);
+      cs::DestroyConfigStoreObject(object);
+    }
+  }
+  cs::DestroyStore(store);
+}
+
 std::string Switch(const std::string &uuid, const std::string &cls = "vswitch", int maxPorts = 8,
                    const std::vector<std::string> &ports = {}) {
   std::string list;
-  for (const std::string &key : ports) list += std::string(list.empty() ? "" : ",") + R"({"key":")" + key + "\"}";
+  for (const std::string &key : ports)
+    list += (list.empty() ? "" : ",") + ("{\"key\":\"" + key) + "\"}";
   return R"({"uuid":")" + uuid + R"(","max_ports":)" + std::to_string(maxPorts) +
          R"(,"product":{"forwarding_class":")" + cls +
          R"(","version":"7.0.0"},"resource_management":{},"ports":[)" + list + "]}";
 }
 
-int CountSwitches() {
-  int count = 0;
-  ZELState_SwitchForEach([](SwitchState *, void *n) { return ++*static_cast<int *>(n), false; },
-                         &count);
-  return count;
-}
-
 TEST_F(HardeningStore, SuccessfulLoadAlwaysDecodesWithEverySwitch) {
-  std::vector<std::pair<std::string, std::string>> many;
-  for (int i = 0; i <= ZEL_MAX_SWITCHES; ++i) many.emplace_back("s" + std::to_string(i), Switch("s" + std::to_string(i), "vswitch", 1));
+  Objects many;
+  for (int i = 0; i <= ZEL_MAX_SWITCHES; ++i)
+    many.emplace_back("s" + std::to_string(i), Switch("s" + std::to_string(i), "vswitch", 1));
   struct Row {
-    const char *what;
-    std::vector<std::pair<std::string, std::string>> objects;  // instance id, content
+    Objects objects;
     int switches;  // decoded after a successful load; -1: the load fails
     const char *message;
   };
   const Row rows[] = {
-      {"two objects with one uuid", {{"a", Switch("sw-blue")}, {"b", Switch("sw-blue")}}, -1,
-       "Duplicate switch uuid sw-blue"},
-      {"uuid of 64 characters", {{"a", Switch(std::string(64, 'u'))}}, -1, "longer than 63"},
-      {"port key of 48 characters", {{"a", Switch("sw-blue", "vswitch", 8, {"1", std::string(48, 'p')})}},
-       1, "is too long, port skipped"},
-      {"unknown class beyond the host's ports", {{"a", Switch("sw-blue", "fabric", 65)}}, -1,
-       "does not fit"},
-      {"unknown class, more ports than max_ports", {{"a", Switch("sw-blue", "fabric", 1, {"1", "2"})}},
-       -1, "does not fit"},
-      {"unknown class within its limits", {{"a", Switch("sw-blue", "fabric", 2, {"1", "2"})}}, 1, ""},
-      {"more switches than the table holds", many, -1, "Too many switch objects"},
+      {{{"a", Switch("sw-blue")}, {"b", Switch("sw-blue")}}, -1, "Duplicate switch uuid sw-blue"},
+      {{{"a", Switch(std::string(64, 'u'))}}, -1, "longer than 63"},
+      {{{"a", Switch("sw-blue", "vswitch", 8, {"1", std::string(48, 'p')})}},
+       1,
+       "is too long, port skipped"},
+      {{{"a", Switch("sw-blue", "fabric", 65)}}, -1, "does not fit"},
+      {{{"a", Switch("sw-blue", "fabric", 1, {"1", "2"})}}, -1, "does not fit"},
+      {{{"a", Switch("sw-blue", "fabric", 2, {"1", "2"})}}, 1, ""},
+      {many, -1, "Too many switch objects"},
   };
   for (const Row &r : rows) {
-    SCOPED_TRACE(r.what);
-    for (const auto &[instance, content] : r.objects) Put(instance, content);
+    SCOPED_TRACE(&r - rows);
+    Store(r.objects, true);
     void *blob = nullptr;
     uint32_t length = 0;
     ::testing::internal::CaptureStdout();
@@ -96,22 +90,20 @@ TEST_F(HardeningStore, SuccessfulLoadAlwaysDecodesWithEverySwitch) {
     EXPECT_EQ(status == 0, r.switches >= 0);
     if (status == 0) {
       EXPECT_EQ(ZELState_ConfigDeserialize(blob, length), STATUS_OK);
-      EXPECT_EQ(CountSwitches(), r.switches);
+      int count = 0;
+      ZELState_SwitchForEach([](SwitchState *, void *n) { return ++*static_cast<int *>(n), false; },
+                             &count);
+      EXPECT_EQ(count, r.switches);
       ZELState_ConfigReset();
       std::free(blob);
     }
-    for (const auto &[instance, content] : r.objects) {
-      cs::Store *store = nullptr;
-      cs::GetStore(0, &store);
-      cs::Delete(store, "switches", "network_zel", "orn", instance.c_str());
-      cs::DestroyStore(store);
-    }
+    Store(r.objects, false);
   }
 }
 
 TEST_F(HardeningStore, SavingASwitchWithoutVersionWarns) {
   for (bool withVersion : {true, false}) {
-    SCOPED_TRACE(withVersion ? "with version" : "without version");
+    SCOPED_TRACE(withVersion);
     ASSERT_EQ(ZELState_SwitchAdd("sw-blue", "vswitch", 8, 7), STATUS_OK);
     const uint32_t seven = 7;
     if (withVersion) {
@@ -124,13 +116,9 @@ TEST_F(HardeningStore, SavingASwitchWithoutVersionWarns) {
     ZELState_ConfigReset();
     ::testing::internal::CaptureStdout();
     EXPECT_EQ(ZELState_SaveBufToConfigStore(blob, length), 0u);  // the result stays as it was
-    const std::string out = ::testing::internal::GetCapturedStdout();
-    const auto warning = HasSubstr("Warning: switch sw-blue is saved without");
-    if (withVersion) {
-      EXPECT_THAT(out, Not(warning));
-    } else {
-      EXPECT_THAT(out, warning);
-    }
+    EXPECT_EQ(::testing::internal::GetCapturedStdout().find(
+                  "Warning: switch sw-blue is saved without") == std::string::npos,
+              withVersion);
     std::free(blob);
   }
 }

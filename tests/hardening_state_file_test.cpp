@@ -2,15 +2,9 @@
 // processes writing at once, the flush order, and paths that are not files.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
-#include <string>
 #include <vector>
 
 #include "hardening_support.h"
@@ -33,67 +27,56 @@ class HardeningStateFile : public ::testing::Test {
     return ZELFile_Write(path_.c_str(), b.data(), static_cast<uint32_t>(b.size()));
   }
   hardening::TempDir tmp_;
-  const std::string dir_ = tmp_.path(), path_ = dir_ + "/zel.state";
+  const std::string dir_ = tmp_.path(), path_ = dir_ + "/zel.state", tmpName_ = path_ + ".tmp";
+  const Bytes old_ = Bytes(512, 'o'), fresh_ = Bytes(1024, 'n');
 };
 
 TEST_F(HardeningStateFile, FilesPlantedAtTheTemporaryNameAreNotTrusted) {
-  const Bytes old(512, 'o'), fresh(1024, 'n');
-  const std::string tmp = path_ + ".tmp", victim = dir_ + "/victim";
-  struct Row {
-    const char *what;
-    std::function<void()> plant;
-    ReturnStatus expect;
+  const std::string victim = dir_ + "/victim";
+  const std::pair<std::function<void()>, ReturnStatus> rows[] = {
+      {[&] { fs::create_symlink(victim, tmpName_); }, STATUS_IO_ERROR},
+      {[&] { mkfifo(tmpName_.c_str(), 0666); }, STATUS_IO_ERROR},
+      {[&] { std::ofstream(tmpName_) << "x", chmod(tmpName_.c_str(), 0666); }, STATUS_OK},
   };
-  const Row rows[] = {
-      {"link to another file", [&] { fs::create_symlink(victim, tmp); }, STATUS_IO_ERROR},
-      {"FIFO", [&] { mkfifo(tmp.c_str(), 0666); }, STATUS_IO_ERROR},
-      {"file of mode 0666", [&] { std::ofstream(tmp) << "x"; chmod(tmp.c_str(), 0666); }, STATUS_OK},
-  };
-  for (const Row &r : rows) {
-    SCOPED_TRACE(r.what);
-    ASSERT_EQ(Write(old), STATUS_OK);
+  for (const auto &[plant, expect] : rows) {
+    SCOPED_TRACE(expect);
+    ASSERT_EQ(Write(old_), STATUS_OK);
     std::ofstream(victim) << "victim";
-    r.plant();
-    EXPECT_EQ(hardening::InChild([&] { return Write(fresh) == r.expect ? 0 : 1; }), 0);
+    plant();
+    EXPECT_EQ(hardening::InChild([&] { return Write(fresh_) == expect ? 0 : 1; }), 0);
     EXPECT_EQ(Slurp(victim), Bytes({'v', 'i', 'c', 't', 'i', 'm'}));
-    EXPECT_FALSE(fs::is_symlink(path_));
-    EXPECT_EQ(Slurp(path_), r.expect == STATUS_OK ? fresh : old);
+    EXPECT_EQ(Slurp(path_), expect == STATUS_OK ? fresh_ : old_);
     struct stat st {};
-    ASSERT_EQ(stat(path_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 07777, 0600u);
-    fs::remove(tmp);
+    ASSERT_EQ(lstat(path_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & (S_IFMT | 07777), S_IFREG | 0600u);
+    fs::remove(tmpName_);
   }
 }
 
 TEST_F(HardeningStateFile, ConcurrentWritersLeaveACompleteState) {
-  constexpr int kWriters = 4, kWrites = 40;
   // Writer w writes 512 * (w + 1) bytes of the letter 'a' + w.
   auto blobOf = [](int w) { return Bytes(512 * (w + 1), static_cast<uint8_t>('a' + w)); };
   ASSERT_EQ(Write(blobOf(0)), STATUS_OK);
   std::vector<pid_t> writers;
-  for (int w = 0; w < kWriters; ++w) {
-    const pid_t child = fork();
-    ASSERT_GE(child, 0);
-    if (child == 0) {
-      for (int i = 0; i < kWrites; ++i) {
+  for (int w = 0; w < 4; ++w) {
+    writers.push_back(fork());
+    if (writers.back() == 0) {
+      for (int i = 0; i < 40; ++i) {
         if (Write(blobOf(w)) != STATUS_OK) _exit(1);
       }
       _exit(0);
     }
-    writers.push_back(child);
   }
   int reads = 0, torn = 0, failedWriters = 0;
-  for (size_t running = writers.size(); running > 0;) {
+  for (size_t running = writers.size(); running > 0; ++reads) {
     void *blob = nullptr;
     int32_t length = 0;
     uint32_t offset = 0;
-    const ReturnStatus status = ZELFile_ReadClassical(path_.c_str(), &blob, &length, &offset);
-    ++reads;
-    if (status != STATUS_OK) {
+    if (ZELFile_ReadClassical(path_.c_str(), &blob, &length, &offset) != STATUS_OK) {
       ++torn;
     } else {
-      const Bytes got(static_cast<uint8_t *>(blob), static_cast<uint8_t *>(blob) + length);
-      torn += got != blobOf(length / 512 - 1);
+      torn += Bytes(static_cast<uint8_t *>(blob), static_cast<uint8_t *>(blob) + length) !=
+              blobOf(length / 512 - 1);
       std::free(static_cast<uint8_t *>(blob) - offset);
     }
     for (pid_t &child : writers) {
@@ -109,13 +92,11 @@ TEST_F(HardeningStateFile, ConcurrentWritersLeaveACompleteState) {
   EXPECT_EQ(failedWriters, 0);
 }
 
-// Records the flushes and the rename of a write; optionally fails the flush
-// of the data.
+// Records the flushes and the rename of a write; optionally fails the data's flush.
 class RecordingIo : public zel::host::SystemFileIo {
  public:
-  explicit RecordingIo(bool failFileSync) : failFileSync_(failFileSync) {
-    previous_ = zel::host::SetFileIo(this);
-  }
+  explicit RecordingIo(bool failFileSync)
+      : failFileSync_(failFileSync), previous_(zel::host::SetFileIo(this)) {}
   ~RecordingIo() override { zel::host::SetFileIo(previous_); }
   int Fsync(int fd) override {
     struct stat st {};
@@ -132,40 +113,34 @@ class RecordingIo : public zel::host::SystemFileIo {
 
  private:
   bool failFileSync_;
-  zel::host::FileIo *previous_ = nullptr;
+  zel::host::FileIo *previous_;
 };
 
 TEST_F(HardeningStateFile, DataIsFlushedBeforeTheRenameAndTheDirectoryAfter) {
-  const Bytes old(512, 'o'), fresh(512, 'n');
-  ASSERT_EQ(Write(old), STATUS_OK);
   {
     RecordingIo io(false);
-    ASSERT_EQ(Write(fresh), STATUS_OK);
+    ASSERT_EQ(Write(fresh_), STATUS_OK);
     EXPECT_EQ(io.steps, (std::vector<std::string>{"sync file", "rename", "sync directory"}));
   }
   RecordingIo io(true);
-  EXPECT_EQ(Write(old), STATUS_WRITE_ERROR);
-  EXPECT_EQ(Slurp(path_), fresh);  // a file that may not survive is never put in place
+  EXPECT_EQ(Write(old_), STATUS_WRITE_ERROR);
+  EXPECT_EQ(Slurp(path_), fresh_);  // a file that may not survive is never put in place
 }
 
 TEST_F(HardeningStateFile, ReadRefusesWhatIsNotARegularFileWithoutBlocking) {
-  struct Row {
-    const char *what;
-    std::function<void()> make;
+  const std::function<void()> rows[] = {
+      [&] { mkfifo(path_.c_str(), 0600); },
+      [&] { fs::create_directory(path_); },
+      [&] { fs::create_symlink("/dev/null", path_); },
   };
-  const Row rows[] = {
-      {"FIFO", [&] { mkfifo(path_.c_str(), 0600); }},
-      {"directory", [&] { fs::create_directory(path_); }},
-      {"character device", [&] { fs::create_symlink("/dev/null", path_); }},
-  };
-  for (const Row &r : rows) {
-    SCOPED_TRACE(r.what);
-    r.make();
+  for (const auto &make : rows) {
+    SCOPED_TRACE(&make - rows);
+    make();
     EXPECT_EQ(hardening::InChild([&] {
                 void *blob = nullptr;
                 int32_t length = 0;
                 uint32_t offset = 0;
-                return ZELFile_Read(path_.c_str(), &blob, &length, &offset) == STATUS_IO_ERROR ? 0 : 1;
+                return ZELFile_Read(path_.c_str(), &blob, &length, &offset) != STATUS_IO_ERROR;
               }),
               0);
     fs::remove(path_);

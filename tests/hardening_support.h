@@ -1,5 +1,5 @@
-// Shared by the hardening tests: a scratch directory and a child process
-// that may crash or block.
+// Shared by the hardening tests: a scratch directory, a child process that may
+// crash or block, and a scripted device.
 #pragma once
 
 #include <signal.h>
@@ -11,39 +11,44 @@
 #include <functional>
 #include <string>
 
+#include "kernel/channel.h"
+
 namespace hardening {
 
-// A new directory under /tmp for the life of the object.
 class TempDir {
  public:
-  TempDir() {
-    char tmpl[] = "/tmp/zel-harden-XXXXXX";
-    path_ = mkdtemp(tmpl) != nullptr ? tmpl : "";
-  }
+  TempDir() : path_(mkdtemp(tmpl_) != nullptr ? tmpl_ : "") {}
   ~TempDir() { std::filesystem::remove_all(path_); }
-  TempDir(const TempDir &) = delete;
-  TempDir &operator=(const TempDir &) = delete;
   const std::string &path() const { return path_; }
 
  private:
+  char tmpl_[32] = "/tmp/zel-harden-XXXXXX";
   std::string path_;
 };
 
-// Runs fn in a child process and returns its exit code; -1 when it has not
-// ended within five seconds (it is killed then), -2 when it died.
+// fn's exit code in a child; -1 when it blocks for five seconds (it is killed),
+// -2 when it dies.
 inline int InChild(const std::function<int()> &fn) {
   const pid_t child = fork();
   if (child == 0) _exit(fn());
-  for (int i = 0; i < 5000; ++i) {
-    int wstatus = 0;
-    if (waitpid(child, &wstatus, WNOHANG) == child) {
+  for (int i = 0, wstatus = 0; i < 5000; ++i, usleep(1000)) {
+    if (waitpid(child, &wstatus, WNOHANG) == child)
       return WIFEXITED(wstatus) ? WEXITSTATUS(wstatus) : -2;
-    }
-    usleep(1000);
   }
   kill(child, SIGKILL);
   waitpid(child, nullptr, 0);
   return -1;
 }
+
+class FakeModule : public zel::host::DeviceTransport {
+ public:
+  std::function<int(unsigned long, ZELPYXCommand *)> answer;
+  int calls = 0;
+  int Open(const char *, int) override { return 7; }
+  int Ioctl(int, unsigned long request, void *arg) override {
+    return ++calls, answer(request, static_cast<ZELPYXCommand *>(arg));
+  }
+  int Close(int) override { return 0; }
+};
 
 }  // namespace hardening
