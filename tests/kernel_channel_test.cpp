@@ -105,108 +105,73 @@ class KernelChannelTest : public ::testing::Test {
 TEST_F(KernelChannelTest, EveryWrapperSendsItsExactRecord) {
   const uint8_t value[5] = {1, 2, 3, 4, 5};
   const std::string sw70(70, 's'), port50(50, 'p'), name130(130, 'n');
-  struct Case {
-    const char *label;
-    std::function<ReturnStatus()> call;
-    unsigned long request;
-    std::function<void(Bytes &)> fill;  // expected fields besides the preset status
-    bool reply;
-  };
-  void *out = nullptr;
-  uint32_t outLen = 0;
-  auto getter = [&](auto fn) {
-    return [&, fn] {
-      ReturnStatus s = fn(&out, &outLen);
-      ZELPYX_DataFree(out);
-      return s;
-    };
-  };
-  auto texts = [](const std::string &s, const std::string &p, const std::string &n) {
-    return [=](Bytes &b) {
-      PutText(b, 0, s);
-      PutText(b, 64, p);
-      PutText(b, 112, n);
-    };
-  };
-  auto with = [](std::function<void(Bytes &)> f, size_t off, uint32_t v) {
-    return [=](Bytes &b) {
-      f(b);
-      Put(b, off, v);
-    };
-  };
-  auto withValue = [&](std::function<void(Bytes &)> f, uint32_t type) {
+  const std::string sw = sw70.substr(0, 63), port = port50.substr(0, 47);
+  using Fill = std::function<void(Bytes &)>;
+  auto u32 = [](size_t off, uint32_t v) { return [=](Bytes &b) { Put(b, off, v); }; };
+  auto data = [&](uint32_t type) {  // a value of `type`: its type, length and address
     return [=, &value](Bytes &b) {
-      with(with(f, 248, type), 260, sizeof value)(b);
+      Put(b, 248, type);
+      Put(b, 260, sizeof value);
       Put(b, 264, Addr(value), 8);
     };
   };
-  const std::vector<Case> cases = {
-      {"StateInit", [&] { return ZELPYX_StateInit(value, 5); }, 0, withValue(texts("", "", ""), 0),
-       false},
-      {"StateCleanup", [] { return ZELPYX_StateCleanup(); }, 1, texts("", "", ""), false},
-      {"StateSanitize", [] { return ZELPYX_StateSanitize(); }, 2, texts("", "", ""), false},
-      {"StateGet", getter([](void **o, uint32_t *l) { return ZELPYX_StateGet(o, l); }), 3,
-       texts("", "", ""), true},
-      {"SwitchAdd", [&] { return ZELPYX_SwitchAdd(sw70.c_str(), name130.c_str(), 512, 7); }, 4,
-       with(with(texts(sw70.substr(0, 63), "", name130.substr(0, 127)), 240, 512), 244, 7), false},
-      {"SwitchRemove", [] { return ZELPYX_SwitchRemove("sw"); }, 5, texts("sw", "", ""), false},
-      {"SwitchAssociate", [] { return ZELPYX_SwitchAssociate("sw"); }, 6, texts("sw", "", ""), false},
-      {"SwitchDissociate", [] { return ZELPYX_SwitchDissociate("sw"); }, 7, texts("sw", "", ""),
-       false},
-      {"GlobalPropGet",
-       getter([](void **o, uint32_t *l) { return ZELPYX_GlobalPropGet("sw", "g", o, l); }), 8,
-       texts("sw", "", "g"), true},
-      {"GlobalPropSet", [&] { return ZELPYX_GlobalPropSet("sw", "g", value, 5, 24); }, 9,
-       withValue(texts("sw", "", "g"), 24), false},
-      {"GlobalPropClear", [] { return ZELPYX_GlobalPropClear("sw", "g"); }, 10,
-       texts("sw", "", "g"), false},
-      {"HostPropGet",
-       getter([](void **o, uint32_t *l) { return ZELPYX_HostPropGet("sw", "h", o, l); }), 11,
-       texts("sw", "", "h"), true},
-      {"HostPropSet", [&] { return ZELPYX_HostPropSet("sw", "h", value, 5, 16); }, 12,
-       withValue(texts("sw", "", "h"), 16), false},
-      {"HostPropClear", [] { return ZELPYX_HostPropClear("sw", "h"); }, 13, texts("sw", "", "h"),
-       false},
-      {"PortAdd", [&] { return ZELPYX_PortAdd("sw", port50.c_str(), value, 5); }, 14,
-       withValue(texts("sw", port50.substr(0, 47), ""), 0), false},
-      {"PortRemove", [] { return ZELPYX_PortRemove("sw", "p"); }, 15, texts("sw", "p", ""), false},
-      {"PortDataGet",
-       getter([](void **o, uint32_t *l) { return ZELPYX_PortDataGet("sw", "p", "d", o, l); }), 16,
-       texts("sw", "p", "d"), true},
-      {"PortDataSet",
+  void *out = nullptr;
+  uint32_t len = 0;
+  const struct {
+    unsigned long request;
+    std::function<ReturnStatus()> call;
+    std::string sw, port, name;  // the texts at offsets 0, 64 and 112
+    Fill fill = [](Bytes &) {};  // the other fields besides the preset status
+    bool reply = false;
+  } cases[] = {
+      {0, [&] { return ZELPYX_StateInit(value, 5); }, "", "", "", data(0)},
+      {1, [] { return ZELPYX_StateCleanup(); }, "", "", ""},
+      {2, [] { return ZELPYX_StateSanitize(); }, "", "", ""},
+      {3, [&] { return ZELPYX_StateGet(&out, &len); }, "", "", "", {}, true},
+      {4, [&] { return ZELPYX_SwitchAdd(sw70.c_str(), name130.c_str(), 512, 7); }, sw, "",
+       name130.substr(0, 127), [&](Bytes &b) { u32(240, 512)(b), u32(244, 7)(b); }},
+      {5, [] { return ZELPYX_SwitchRemove("sw"); }, "sw", "", ""},
+      {6, [] { return ZELPYX_SwitchAssociate("sw"); }, "sw", "", ""},
+      {7, [] { return ZELPYX_SwitchDissociate("sw"); }, "sw", "", ""},
+      {8, [&] { return ZELPYX_GlobalPropGet("sw", "g", &out, &len); }, "sw", "", "g", {}, true},
+      {9, [&] { return ZELPYX_GlobalPropSet("sw", "g", value, 5, 24); }, "sw", "", "g", data(24)},
+      {10, [] { return ZELPYX_GlobalPropClear("sw", "g"); }, "sw", "", "g"},
+      {11, [&] { return ZELPYX_HostPropGet("sw", "h", &out, &len); }, "sw", "", "h", {}, true},
+      {12, [&] { return ZELPYX_HostPropSet("sw", "h", value, 5, 16); }, "sw", "", "h", data(16)},
+      {13, [] { return ZELPYX_HostPropClear("sw", "h"); }, "sw", "", "h"},
+      {14, [&] { return ZELPYX_PortAdd("sw", port50.c_str(), value, 5); }, "sw", port, "", data(0)},
+      {15, [] { return ZELPYX_PortRemove("sw", "p"); }, "sw", "p", ""},
+      {16, [&] { return ZELPYX_PortDataGet("sw", "p", "d", &out, &len); }, "sw", "p", "d", {}, true},
+      {17,
        [&] {
          return ZELPYX_PortDataSet(sw70.c_str(), port50.c_str(), name130.c_str(), value, 5, 32);
        },
-       17, withValue(texts(sw70.substr(0, 63), port50.substr(0, 47), name130.substr(0, 127)), 32),
-       false},
-      {"PortDataClear", [] { return ZELPYX_PortDataClear("sw", "p", "d"); }, 18,
-       texts("sw", "p", "d"), false},
-      {"PortStateGet",
-       getter([](void **o, uint32_t *l) { return ZELPYX_PortStateGet("sw", "p", o, l); }), 19,
-       texts("sw", "p", ""), true},
-      {"PortFind", [] { return ZELPYX_PortFind("sw", "p"); }, 20, texts("sw", "p", ""), false},
-      {"SwitchSetMaxPorts", [] { return ZELPYX_SwitchSetMaxPorts("sw", 99); }, 21,
-       with(texts("sw", "", ""), 240, 99), false},
-      {"SwitchSetVersion", [] { return ZELPYX_SwitchSetVersion("sw", 100); }, 22,
-       with(texts("sw", "", ""), 244, 100), false},
-      {"UplinkDataSet", [&] { return ZELPYX_UplinkDataSet("sw", "p", 4294967295u, value, 5, 16); },
-       26, withValue(texts("sw", "p", "-1"), 16), false},
-      {"UplinkDataGet",
-       getter([](void **o, uint32_t *l) { return ZELPYX_UplinkDataGet("sw", "p", 3, o, l); }), 27,
-       texts("sw", "p", "3"), true},
-      {"SwitchPropClear", [] { return ZELPYXSwitchPropClear("sw", "x", 13); }, 13,
-       texts("sw", "", "x"), false},
+       sw, port, name130.substr(0, 127), data(32)},
+      {18, [] { return ZELPYX_PortDataClear("sw", "p", "d"); }, "sw", "p", "d"},
+      {19, [&] { return ZELPYX_PortStateGet("sw", "p", &out, &len); }, "sw", "p", "", {}, true},
+      {20, [] { return ZELPYX_PortFind("sw", "p"); }, "sw", "p", ""},
+      {21, [] { return ZELPYX_SwitchSetMaxPorts("sw", 99); }, "sw", "", "", u32(240, 99)},
+      {22, [] { return ZELPYX_SwitchSetVersion("sw", 100); }, "sw", "", "", u32(244, 100)},
+      {26, [&] { return ZELPYX_UplinkDataSet("sw", "p", 4294967295u, value, 5, 16); }, "sw", "p",
+       "-1", data(16)},
+      {27, [&] { return ZELPYX_UplinkDataGet("sw", "p", 3, &out, &len); }, "sw", "p", "3", {}, true},
+      {13, [] { return ZELPYXSwitchPropClear("sw", "x", 13); }, "sw", "", "x"},
   };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.label);
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.request);
     const size_t before = device.calls().size();
+    out = nullptr;
     EXPECT_EQ(c.call(), STATUS_OK);
+    ZELPYX_DataFree(out);
     const auto calls = device.calls();
     ASSERT_EQ(calls.size(), before + 1);
     const auto &got = calls.back();
     EXPECT_EQ(got.request, c.request);
     Bytes expect{};
-    c.fill(expect);
+    PutText(expect, 0, c.sw);
+    PutText(expect, 64, c.port);
+    PutText(expect, 112, c.name);
+    if (c.fill) c.fill(expect);
     Put(expect, 256, STATUS_FAILURE);
     if (c.reply) {
       Put(expect, 260, ZELPYX_FIRST_REPLY_SIZE);
