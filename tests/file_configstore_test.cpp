@@ -84,7 +84,8 @@ TEST_F(FileConfigStoreTest, WriteReadAndStoreErrors) {
   // The library's own failures are reported the same way.
   const uint8_t garbage[32] = {};
   EXPECT_EQ(ZELFile_Write(kPath, garbage, sizeof garbage), STATUS_FAILURE);
-  EXPECT_EQ(log.Host().back().second.rfind("failed to write zelconfig to configstore, error: ", 0), 0u);
+  EXPECT_EQ(log.Host().back().second.rfind("failed to write zelconfig to configstore, error: ", 0),
+            0u);
 }
 
 }  // namespace

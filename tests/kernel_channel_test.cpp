@@ -33,7 +33,9 @@ uint64_t GetU64(const Bytes &b, size_t off) {
   for (int i = 7; i >= 0; --i) v = v << 8 | b[off + i];
   return v;
 }
-void PutText(Bytes &b, size_t off, const std::string &s) { std::memcpy(&b[off], s.data(), s.size()); }
+void PutText(Bytes &b, size_t off, const std::string &s) {
+  std::memcpy(&b[off], s.data(), s.size());
+}
 uint64_t Addr(const void *p) { return reinterpret_cast<uintptr_t>(p); }
 
 // A device whose answers a test scripts; it records every record it is given.
@@ -141,7 +143,8 @@ TEST_F(KernelChannelTest, EveryWrapperSendsItsExactRecord) {
       {13, [] { return ZELPYX_HostPropClear("sw", "h"); }, "sw", "", "h"},
       {14, [&] { return ZELPYX_PortAdd("sw", port50.c_str(), value, 5); }, "sw", port, "", data(0)},
       {15, [] { return ZELPYX_PortRemove("sw", "p"); }, "sw", "p", ""},
-      {16, [&] { return ZELPYX_PortDataGet("sw", "p", "d", &out, &len); }, "sw", "p", "d", {}, true},
+      {16, [&] { return ZELPYX_PortDataGet("sw", "p", "d", &out, &len); }, "sw", "p", "d", {},
+       true},
       {17,
        [&] {
          return ZELPYX_PortDataSet(sw70.c_str(), port50.c_str(), name130.c_str(), value, 5, 32);
@@ -154,7 +157,8 @@ TEST_F(KernelChannelTest, EveryWrapperSendsItsExactRecord) {
       {22, [] { return ZELPYX_SwitchSetVersion("sw", 100); }, "sw", "", "", u32(244, 100)},
       {26, [&] { return ZELPYX_UplinkDataSet("sw", "p", 4294967295u, value, 5, 16); }, "sw", "p",
        "-1", data(16)},
-      {27, [&] { return ZELPYX_UplinkDataGet("sw", "p", 3, &out, &len); }, "sw", "p", "3", {}, true},
+      {27, [&] { return ZELPYX_UplinkDataGet("sw", "p", 3, &out, &len); }, "sw", "p", "3", {},
+       true},
       {13, [] { return ZELPYXSwitchPropClear("sw", "x", 13); }, "sw", "", "x"},
   };
   for (const auto &c : cases) {
@@ -347,7 +351,9 @@ TEST_F(KernelChannelTest, ReplyFailuresLeaveNoBuffer) {
 
 // An allocator that fails from its n-th call on (1-based).
 std::atomic<int> g_allocCalls{0}, g_failFrom{0};
-void *FailingAlloc(size_t bytes) { return ++g_allocCalls >= g_failFrom ? nullptr : std::malloc(bytes); }
+void *FailingAlloc(size_t bytes) {
+  return ++g_allocCalls >= g_failFrom ? nullptr : std::malloc(bytes);
+}
 
 // The first buffer or the grown one cannot be had; only the command
 // exchange says so.

@@ -113,7 +113,7 @@ TEST_F(KernelPersistTest, HighNumericPortsOfOpaquePortsets) {
 TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
   AddSwitch("keep");
   AddSwitch("flag", "etherswitch", 6);
-  SetGlobal("flag", {{ZEL_PROP_NOPERSIST, {1}, 16}, {"com.zorlan.common.alias", Text("kernel"), 16}});
+  SetGlobal("flag", {{ZEL_PROP_NOPERSIST, {1}, 16}, {"com.zorlan.common.alias", Text("x"), 16}});
   AddPort("flag", "kp");
   AddSwitch("flag2", "etherswitch", 6);
   SetGlobal("flag2", {{ZEL_PROP_NOPERSIST, {2}, 16}});

@@ -23,7 +23,9 @@ TEST(KernelNamePatterns, StripExtractAndPrefixes) {
       {base, [](PropertyList *l) { return ZELPYXStripNamedProp(l, "com.zorlan.x"); },
        {base[1], base[3], base[4]}},
       {base,
-       [&](PropertyList *l) { return ZELPYXStripNamedPropForType(l, "com.zorlan.x", exceptions, 16); },
+       [&](PropertyList *l) {
+         return ZELPYXStripNamedPropForType(l, "com.zorlan.x", exceptions, 16);
+       },
        {base[1], base[2], base[3]}},
       {base, [](PropertyList *l) { return ZELPYXExtractNamedPropForType(l, "com.zorlan.x", 16); },
        {base[0], base[2]}},
@@ -139,8 +141,9 @@ TEST_F(KernelSlicesTest, ExtraConfigAndQorLists) {
             (V{"com.zorlan.extraconfig.k", "x.com.zorlan.extraconfig.m"}));
   EXPECT_EQ(Slice(ZELPYX_ExtraConfigPropList, "sw", 24), V{"com.zorlan.extraconfig.j"});
   // Type 16 also takes every "com.zorlan.net.portset.fc." name, whatever its type.
-  EXPECT_EQ(Qor("sw", 16, 1), (V{"com.zorlan.qor.a", "com.zorlan.net.portset.fc.x",
-                                 "com.zorlan.net.portset.fc.y", "com.zorlan.vswitch.teamingPolicy"}));
+  EXPECT_EQ(Qor("sw", 16, 1),
+            (V{"com.zorlan.qor.a", "com.zorlan.net.portset.fc.x", "com.zorlan.net.portset.fc.y",
+               "com.zorlan.vswitch.teamingPolicy"}));
   EXPECT_EQ(Qor("sw", 24, 1), (V{"com.zorlan.qor.b", "com.zorlan.net.portset.fc.y"}));
   EXPECT_EQ(Qor("sw", 16, 0), V{"com.zorlan.host.feature.container"});
   EXPECT_EQ(Qor("sw", 32, 0), V{"com.zorlan.qor.h"});
