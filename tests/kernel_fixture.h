@@ -89,13 +89,12 @@ class KernelTest : public ::testing::Test {
   using SetFn = ReturnStatus (*)(const char *, const char *, const void *, uint32_t, uint32_t);
   static void SetProps(SetFn set, const char *sw, const Props &props) {
     for (const Prop &p : props) {
-      ASSERT_EQ(set(sw, p.name.c_str(), p.value.data(), static_cast<uint32_t>(p.value.size()), p.type),
-                STATUS_OK)
-          << p.name;
+      const auto size = static_cast<uint32_t>(p.value.size());
+      ASSERT_EQ(set(sw, p.name.c_str(), p.value.data(), size, p.type), STATUS_OK) << p.name;
     }
   }
-  static void SetGlobal(const char *sw, const Props &props) { SetProps(ZELPYX_GlobalPropSet, sw, props); }
-  static void SetHost(const char *sw, const Props &props) { SetProps(ZELPYX_HostPropSet, sw, props); }
+  static void SetGlobal(const char *sw, const Props &p) { SetProps(ZELPYX_GlobalPropSet, sw, p); }
+  static void SetHost(const char *sw, const Props &p) { SetProps(ZELPYX_HostPropSet, sw, p); }
   // A normal port has no kind property.
   static void AddPort(const char *sw, const char *port, const Props &props = {},
                       uint32_t kind = PORT_KIND_NORMAL) {
