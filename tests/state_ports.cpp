@@ -17,10 +17,9 @@ TEST_F(StatePortTest, IdLengthDependsOnTheSwitchVersion) {
   ASSERT_EQ(ZELState_SwitchAdd("v6", "vswitch", 0, 6), STATUS_OK);
   ASSERT_EQ(ZELState_SwitchAdd("v7", "vswitch", 0, 7), STATUS_OK);
   ASSERT_EQ(ZELState_SwitchAdd("q", "vswitch", 0, 100), STATUS_OK);
-  std::string out = Output(0, [] {
-    EXPECT_EQ(AddPort("v6", "0123456789abcdef"), STATUS_BAD_PARAM);
-  });
-  EXPECT_EQ(out, "ZELStatePortAdd 0123456789abcdef, id length too long\n");
+  ExpectOutput(
+      0, [] { return AddPort("v6", "0123456789abcdef"); }, STATUS_BAD_PARAM,
+      "ZELStatePortAdd 0123456789abcdef, id length too long\n");
   EXPECT_EQ(AddPort("v6", "0123456789abcde"), STATUS_OK);
   for (const char *sw : {"v7", "q"}) {
     EXPECT_EQ(AddPort(sw, std::string(47, 'p').c_str()), STATUS_OK) << sw;
@@ -53,8 +52,9 @@ TEST_F(StatePortTest, KindsDuplicatesAndZombies) {
   // The freed slots 1 and 2 are reused lowest first.
   EXPECT_EQ(AddPort("a", "11"), STATUS_OK);
   EXPECT_EQ(st::PortSlot(ZELState_PortFind("a", "11")), 1);
-  std::string out = Output(1, [] { EXPECT_EQ(ZELState_PortRemove("zz", "1"), STATUS_NOT_FOUND); });
-  EXPECT_EQ(out, "ZELState_PortRemove zz, 1\nFailed to find the ZEL zz\n");
+  ExpectOutput(
+      1, [] { return ZELState_PortRemove("zz", "1"); }, STATUS_NOT_FOUND,
+      "ZELState_PortRemove zz, 1\nFailed to find the ZEL zz\n");
 }
 
 TEST_F(StatePortTest, PerSwitchAndHostLimits) {
@@ -63,13 +63,12 @@ TEST_F(StatePortTest, PerSwitchAndHostLimits) {
   ASSERT_EQ(ZELState_SwitchAdd("unl", "vswitch", 0, 7), STATUS_OK);
   EXPECT_EQ(AddPort("lim", "1"), STATUS_OK);
   EXPECT_EQ(AddPort("lim", "2"), STATUS_OK);
-  std::string out = Output(0, [] { EXPECT_EQ(AddPort("lim", "3"), STATUS_LIMIT_EXCEEDED); });
-  EXPECT_EQ(out, "ZELStatePortAdd lim, switch has already used up max num ports (2)\n");
-  for (const char *p : {"1", "2", "3"}) {
-    EXPECT_EQ(AddPort("unl", p), STATUS_OK);
-  }
+  ExpectOutput(
+      0, [] { return AddPort("lim", "3"); }, STATUS_LIMIT_EXCEEDED,
+      "ZELStatePortAdd lim, switch has already used up max num ports (2)\n");
+  for (const char *p : {"1", "2", "3"}) EXPECT_EQ(AddPort("unl", p), STATUS_OK);
   // The host is full: every switch is refused with the host message.
-  out = Output(0, [] {
+  std::string out = Output(0, [] {
     EXPECT_EQ(AddPort("unl", "4"), STATUS_LIMIT_EXCEEDED);
     EXPECT_EQ(ZELState_PortRemove("lim", "1"), STATUS_OK);
     EXPECT_EQ(AddPort("unl", "4"), STATUS_OK);
@@ -80,8 +79,9 @@ TEST_F(StatePortTest, PerSwitchAndHostLimits) {
             "ZELStatePortAdd lim, host has already used up max num ports (5)\n");
   ASSERT_EQ(ZELState_SwitchAdd("zero", "limited", 0, 7), STATUS_OK);
   EXPECT_EQ(ZELState_PortRemove("unl", "1"), STATUS_OK);
-  EXPECT_EQ(Output(0, [] { EXPECT_EQ(AddPort("zero", "1"), STATUS_LIMIT_EXCEEDED); }),
-            "ZELStatePortAdd zero, switch has already used up max num ports (0)\n");
+  ExpectOutput(
+      0, [] { return AddPort("zero", "1"); }, STATUS_LIMIT_EXCEEDED,
+      "ZELStatePortAdd zero, switch has already used up max num ports (0)\n");
 }
 
 TEST_F(StatePortTest, FailedAddsKeepCountsAndTheCallersList) {
@@ -146,8 +146,9 @@ TEST_F(StatePortTest, PortPropertiesAndWalks) {
   EXPECT_EQ(ZELState_PortDataForEach(
                 port, [](PropertyEntry *, void *) -> uint32_t { return 1; }, nullptr),
             STATUS_NOT_FOUND);
-  EXPECT_EQ(Output(2, [&] { EXPECT_EQ(ZELState_PortDataSet(port, "k", "v", 0, 0), STATUS_FAILURE); }),
-            "ZELState_PortDataSet a, 1, k\n");
+  ExpectOutput(
+      2, [&] { return ZELState_PortDataSet(port, "k", "v", 0, 0); }, STATUS_FAILURE,
+      "ZELState_PortDataSet a, 1, k\n");
   EXPECT_TRUE(ListProps(ZEL_PortData(port)).empty());
   EXPECT_EQ(ZELState_PortDataSet(port, "k", "val", 4, 16), STATUS_OK);
   void *value = nullptr;
@@ -168,9 +169,7 @@ TEST_F(StatePortTest, PortPropertiesAndWalks) {
   EXPECT_EQ(Output(0, [&] { ZELState_PortDataClear(port, "k"); }), "") << "level 1 message";
   EXPECT_EQ(ZELState_PortDataRead(port, "k", &value, &length), STATUS_NOT_FOUND);
 
-  for (const char *p : {"2", "3", "4"}) {
-    ASSERT_EQ(AddPort("a", p), STATUS_OK);
-  }
+  for (const char *p : {"2", "3", "4"}) ASSERT_EQ(AddPort("a", p), STATUS_OK);
   ASSERT_EQ(ZELState_PortRemove("a", "2"), STATUS_OK);
   std::vector<std::string> ids;
   ZELState_PortForEach(
@@ -216,11 +215,9 @@ TEST_F(StatePortTest, IdIndexAgreesWithAModelUnderChurn) {
     PortKind kind = 1 + rng() % 4;
     if (rng() % 2 == 0) {
       bool dup = false;
-      for (const auto &[slot, port] : model) {
-        dup = dup || (port.first == id && port.second == kind);
-      }
+      for (const auto &[slot, port] : model) dup = dup || (port.first == id && port.second == kind);
       // The per-switch limit is checked before duplicates.
-      ReturnStatus expected = model.size() == 64                 ? STATUS_LIMIT_EXCEEDED
+      ReturnStatus expected = model.size() == 64                  ? STATUS_LIMIT_EXCEEDED
                               : (dup && kind != PORT_KIND_ZOMBIE) ? STATUS_EXISTS
                                                                   : STATUS_OK;
       ASSERT_EQ(AddPort("a", id.c_str(), kind), expected) << step;
