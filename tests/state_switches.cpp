@@ -17,9 +17,7 @@ TEST_F(StateSwitchTest, LimitIsReadOnceAtTheFirstAdd) {
   EXPECT_EQ(uwMaxNumActivePortsSystemWide, 0u);
   ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 5, 7), STATUS_OK);
   EXPECT_EQ(uwMaxNumActivePortsSystemWide, 4096u);
-  SwitchState *sw = ZELState_SwitchFind("a");
-  EXPECT_EQ(ZEL_GetMaxPorts(sw), 4096u) << "unlimited classes ignore the asked maxPorts";
-  EXPECT_EQ(ZEL_GetNewMaxPorts(sw), 4096u);
+  EXPECT_EQ(ZEL_GetNewMaxPorts(ZELState_SwitchFind("a")), 4096u) << "unlimited classes ignore it";
   zel::host::testing::SetMaxPortsSystemWide(10);  // no effect: the value is cached
   ASSERT_EQ(ZELState_SwitchAdd("b", "vswitch", 5, 7), STATUS_OK);
   EXPECT_EQ(ZEL_GetMaxPorts(ZELState_SwitchFind("b")), 4096u);
@@ -51,7 +49,6 @@ TEST_F(StateSwitchTest, ThirtyThirdSwitchAndSlotReuse) {
       "ZELState_SwitchAdd failed ZEL:s32 Error: Limit exceeded\n");
   EXPECT_EQ(Slots(), before);
   ASSERT_EQ(ZELState_SwitchRemove("s5"), STATUS_OK);
-  EXPECT_EQ(Slots()[5], "");
   ASSERT_EQ(ZELState_SwitchAdd("new", "etherswitch", 0, 7), STATUS_OK);
   EXPECT_EQ(Slots()[5], "new");
   EXPECT_EQ(Slots()[6], "s6");
@@ -86,7 +83,6 @@ TEST_F(StateSwitchTest, IdLengthDuplicatesAndMessages) {
   ExpectOutput(
       0, [&] { return ZELState_SwitchAdd(id64.c_str(), "vswitch", 0, 7); }, STATUS_BAD_PARAM,
       "ZELState_SwitchAdd " + id64 + ", id length too long\n");
-  EXPECT_STREQ(ZEL_SwitchId(ZELState_SwitchFind(id63.c_str())), id63.c_str());
   ExpectOutput(
       1, [&] { return ZELState_SwitchAdd(id63.c_str(), "other", 3, 5); }, STATUS_EXISTS,
       "ZELState_SwitchAdd " + id63 + ", other, 3\nZELState_SwitchAdd failed ZEL:" + id63 +
@@ -127,7 +123,6 @@ TEST_F(StateSwitchTest, RemoveReleasesPortsAndCounts) {
       "ZELState_SwitchRemove a\nZELState_PortRemove a, 1\nZELState_PortRemove a, 2\n"
       "ZELState_PortRemove a, 3\n");
   EXPECT_EQ(HostPorts(), 1u);
-  EXPECT_EQ(ZELState_SwitchFind("a"), nullptr);
   ExpectOutput(
       0, [] { return ZELState_SwitchRemove("a"); }, STATUS_NOT_FOUND,
       "ZELState_SwitchRemove ZELID a, statue Not found\n");
@@ -168,7 +163,6 @@ TEST_F(StateSwitchTest, NamesAliasesAndUuids) {
   EXPECT_EQ(ZELState_SwitchFindByAlias("sky"), b);
 
   const char *uuidId = "00 11 22 33 44 55 66 77-88 99 aa bb cc dd ee ff";
-  ASSERT_EQ(std::strlen(uuidId), 47u);
   ASSERT_EQ(ZELState_SwitchAdd(uuidId, "vswitch", 0, 7), STATUS_OK);
   const uint8_t uuid[16] = {0x00, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77,
                             0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
