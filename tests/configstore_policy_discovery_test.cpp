@@ -1,6 +1,4 @@
-// Link discovery (kind 8), LACP groups (16), LACP port policy (35) and IPFIX
-// (10): golden records saved, the stored content compared, loaded back to
-// the same bytes or the documented difference; malformed values refused.
+// Link discovery (kind 8), LACP groups (16), LACP port policy (35) and IPFIX (10) conversions.
 #include "configstore_policy_discovery_support.h"
 #include "test_support.h"
 
@@ -64,13 +62,9 @@ TEST_F(PolicyDiscovery, LinkDiscoveryRoundTripAndUnknownNames) {
 
   // A key that does not read fails the load; no object adds nothing.
   ASSERT_EQ(cs::RemoveValue(ldp, "operation"), 0);
-  LoadResult missing = Load(8, "link_discovery_protocol", kCdp);
-  EXPECT_EQ(missing.status, 6u);
-  EXPECT_TRUE(missing.props.empty());
+  EXPECT_TRUE(Nothing(Load(8, "link_discovery_protocol", kCdp), 6));
   ASSERT_EQ(cs::RemoveValue(settings_, "link_discovery_protocol"), 0);
-  LoadResult none = Load(8, "link_discovery_protocol", kCdp);
-  EXPECT_EQ(none.status, 0u);
-  EXPECT_TRUE(none.props.empty());
+  EXPECT_TRUE(Nothing(Load(8, "link_discovery_protocol", kCdp)));
 }
 
 TEST_F(PolicyDiscovery, LacpGroupsRoundTrip) {
@@ -88,9 +82,7 @@ TEST_F(PolicyDiscovery, LacpGroupsRoundTrip) {
   MemObject empty;
   EXPECT_EQ(SaveCase(16, empty.get(), empty.Settings(), "lacp_groups", kLacp, U32(0)), 0u);
   EXPECT_EQ(empty.Content(), R"({"settings":{}})");
-  LoadResult none = LoadCase(16, empty.get(), empty.Settings(), "lacp_groups", kLacp);
-  EXPECT_EQ(none.status, 0u);
-  EXPECT_TRUE(none.props.empty());
+  EXPECT_TRUE(Nothing(LoadCase(16, empty.get(), empty.Settings(), "lacp_groups", kLacp)));
 }
 
 TEST_F(PolicyDiscovery, LacpGroupsUnknownNamesLongTextsAndMissingUplinks) {
@@ -120,9 +112,7 @@ TEST_F(PolicyDiscovery, LacpGroupsUnknownNamesLongTextsAndMissingUplinks) {
 
   // A group without "uplink_num" fails the load with the store's status.
   ASSERT_EQ(cs::RemoveValue(g1, "uplink_num"), 0);
-  r = Load(16, "lacp_groups", kLacp);
-  EXPECT_EQ(r.status, 6u);
-  EXPECT_TRUE(r.props.empty());
+  EXPECT_TRUE(Nothing(Load(16, "lacp_groups", kLacp), 6));
 }
 
 TEST_F(PolicyDiscovery, PortLacpRoundTripAndMissingKeys) {
@@ -141,9 +131,7 @@ TEST_F(PolicyDiscovery, PortLacpRoundTripAndMissingKeys) {
   ASSERT_EQ(cs::RemoveValue(lp, "mode"), 0);
   EXPECT_EQ(Load(35, "lacp_policy", kPortLacp).status, 6u);
   ASSERT_EQ(cs::RemoveValue(settings_, "lacp_policy"), 0);
-  LoadResult none = Load(35, "lacp_policy", kPortLacp);
-  EXPECT_EQ(none.status, 0u);
-  EXPECT_TRUE(none.props.empty());
+  EXPECT_TRUE(Nothing(Load(35, "lacp_policy", kPortLacp)));
 }
 
 TEST_F(PolicyDiscovery, IpfixAddressesRoundTrip) {
@@ -177,9 +165,7 @@ TEST_F(PolicyDiscovery, IpfixToleratesEveryMissingKey) {
   ASSERT_EQ(cs::SetValueUint16(ipfix, "collector_port", 2055), 0);
   EXPECT_EQ(Only(Load(10, "ipfix", kIpfix), kIpfix), Record(36).u16(24, 2055).b);
   ASSERT_EQ(cs::RemoveValue(settings_, "ipfix"), 0);
-  LoadResult none = Load(10, "ipfix", kIpfix);
-  EXPECT_EQ(none.status, 0u);
-  EXPECT_TRUE(none.props.empty());
+  EXPECT_TRUE(Nothing(Load(10, "ipfix", kIpfix)));
 }
 
 TEST_F(PolicyDiscovery, ShortOrUnaddressableValuesAreRefusedUntouched) {
@@ -204,7 +190,6 @@ TEST_F(PolicyDiscovery, ShortOrUnaddressableValuesAreRefusedUntouched) {
   }
 }
 
-// The four kinds through the drivers and a real store file.
 TEST_F(PolicyDiscovery, SwitchAndPortThroughTheStore) {
   SwitchDef s;
   s.id = "sw-d";

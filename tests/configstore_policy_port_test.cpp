@@ -1,7 +1,5 @@
-// Traffic shaper, MAC management and filter policy conversions: golden
-// records saved through the driver into a real store file (the exact stored
-// content), loaded back into the same bytes or the form a load gives them,
-// malformed records refused, and store failures passed on.
+// Traffic shaper, MAC management and filter policy conversions, through a real store file and
+// on in-memory objects.
 #include <string>
 
 #include "configstore/policy/port_policies.h"
@@ -29,18 +27,13 @@ Bytes Slot(const std::string &text, size_t size) {
   return b;
 }
 
-struct Param {
-  uint32_t index;
-  std::string value;
-};
 // One filter record; numParams is params.size() unless given.
 Bytes Filter(uint32_t slot, const std::string &agent, uint32_t onFailure,
-             const std::vector<Param> &params, int64_t numParams = -1) {
+             const std::vector<std::pair<uint32_t, std::string>> &params, int64_t numParams = -1) {
   Bytes b = Cat({U32(slot), Slot(agent, 40),
-                 U32(numParams < 0 ? static_cast<uint32_t>(params.size())
-                                   : static_cast<uint32_t>(numParams)),
+                 U32(static_cast<uint32_t>(numParams < 0 ? params.size() : numParams)),
                  U32(onFailure)});
-  for (const Param &p : params) b = Cat({b, U32(p.index), Slot(p.value, 256)});
+  for (const auto &[index, value] : params) b = Cat({b, U32(index), Slot(value, 256)});
   return b;
 }
 Bytes Filters(uint32_t count, std::initializer_list<Bytes> filters) {
@@ -58,9 +51,7 @@ class PersistPortPolicy : public PersistTest {
     PersistTest::TearDown();
   }
 
-  // Saves switch "sw" of class `cls` with port p1 holding `port`; returns
-  // the save's status.  The switch has a "resource_management" object, under
-  // which its ports load.
+  // Saves switch "sw" with port p1; ports load only under "resource_management".
   uint32_t SavePort(const std::string &cls, const Props &port) {
     SwitchDef s;
     s.id = "sw";
@@ -71,12 +62,10 @@ class PersistPortPolicy : public PersistTest {
     return Save({s});
   }
   std::string StoredSettings() { return ObjectAt(Json("sw"), "settings"); }
-  // The properties of port p1 after loading every stored switch.
   Props LoadPort() {
     Loaded sw = LoadOne();
     return sw.ports.size() == 1 ? sw.ports[0].second : Props{};
   }
-  // Writes switch "sw" of class `cls` whose port p1 has these settings.
   void PutSettings(const std::string &cls, const std::string &settings) {
     const std::string content =
         R"({"uuid":"sw","max_ports":8,"product":{"forwarding_class":")" + cls +
@@ -85,7 +74,7 @@ class PersistPortPolicy : public PersistTest {
     Put("sw", content.c_str());
   }
 
-  // Runs a save case on an in-memory "settings" object; *json is its content.
+  // A save case on an in-memory "settings" object; *json is its content.
   static uint32_t SaveCase(uint32_t kind, const char *name, const char *key, const Bytes &value,
                            std::string *json) {
     cfgtest::ObjectPtr settings = cfgtest::NewSwitch("direct");
@@ -95,7 +84,6 @@ class PersistPortPolicy : public PersistTest {
     *json = cfgtest::Json(settings.get());
     return status;
   }
-  // Runs a load case over a "settings" object with this content.
   static uint32_t LoadCase(uint32_t kind, const char *name, const char *key,
                            const std::string &settings, Props *props) {
     cs::Object *o = nullptr;
@@ -259,30 +247,37 @@ TEST_F(PersistPortPolicy, ShortValuesAreRefusedBeforeAnythingIsWritten) {
 }
 
 TEST_F(PersistPortPolicy, StoreFailuresEndTheSaveWithTheirStatus) {
-  std::string json;
   const Bytes shaper = Cat({U64(1), U64(2), U64(3)});
-  cs::testing::FailNext(Op::kSetValueLong, 7, 1);
-  EXPECT_EQ(SaveCase(26, kShaperIn, "in_shaping_policy", shaper, &json), 7u);
-  // What was written before the failure stays.
-  EXPECT_EQ(json, R"({"in_shaping_policy":{"@types":{"average_bandwidth":"int64"},)"
-                  R"("average_bandwidth":8,"enabled":true}})");
-
-  cs::testing::FailNext(Op::kSetValueBool, 8, 2);
-  EXPECT_EQ(SaveCase(27, kEtherSecurity, "mac_management_policy", U32(0), &json), 8u);
-  cs::testing::FailNext(Op::kCreateSubObject, 5);
-  EXPECT_EQ(SaveCase(28, kVswitchSecurity, "mac_management_policy", U32(0), &json), 5u);
-  EXPECT_EQ(json, "{}");
-
   const Bytes filters = Filters(2, {Filter(1, "a", 1, {{0, "p"}}), Filter(2, "b", 1, {})});
-  const std::pair<Op, int> failures[] = {{Op::kSetValueEmptyList, 1},
-                                          {Op::kCreateSubObject, 2},
-                                          {Op::kSetValueStr, 4},
-                                          {Op::kAppendValueString, 0}};
-  for (const auto &[op, skip] : failures) {
-    SCOPED_TRACE(static_cast<int>(op));
-    cs::testing::FailNext(op, 3, skip);
-    EXPECT_EQ(SaveCase(29, kFilter, "filter_policy", filters, &json), 3u);
+  const struct {
+    uint32_t kind;
+    const char *name, *key;
+    Bytes value;
+    Op op;
+    uint32_t status;
+    int skip;
+    const char *written;  // null: not compared
+  } cases[] = {
+      // What was written before the failure stays.
+      {26, kShaperIn, "in_shaping_policy", shaper, Op::kSetValueLong, 7, 1,
+       R"({"in_shaping_policy":{"@types":{"average_bandwidth":"int64"},)"
+       R"("average_bandwidth":8,"enabled":true}})"},
+      {27, kEtherSecurity, "mac_management_policy", U32(0), Op::kSetValueBool, 8, 2, nullptr},
+      {28, kVswitchSecurity, "mac_management_policy", U32(0), Op::kCreateSubObject, 5, 0, "{}"},
+      {29, kFilter, "filter_policy", filters, Op::kSetValueEmptyList, 3, 1, nullptr},
+      {29, kFilter, "filter_policy", filters, Op::kCreateSubObject, 3, 2, nullptr},
+      {29, kFilter, "filter_policy", filters, Op::kSetValueStr, 3, 4, nullptr},
+      {29, kFilter, "filter_policy", filters, Op::kAppendValueString, 3, 0, nullptr},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.kind << " " << static_cast<int>(c.op));
+    std::string json;
+    cs::testing::FailNext(c.op, static_cast<int>(c.status), c.skip);
+    EXPECT_EQ(SaveCase(c.kind, c.name, c.key, c.value, &json), c.status);
     cs::testing::ClearFailures();
+    if (c.written != nullptr) {
+      EXPECT_EQ(json, c.written);
+    }
   }
 }
 
