@@ -50,6 +50,13 @@ inline Bytes Cat(std::initializer_list<Bytes> parts) {
   return out;
 }
 
+// Text in a zero-filled slot of `size` bytes, cut to fit.
+inline Bytes Slot(const std::string &text, size_t size) {
+  Bytes b(size, 0);
+  std::copy_n(text.begin(), std::min(text.size(), size), b.begin());
+  return b;
+}
+
 inline uint32_t NoSave(const zp::SaveArgs &) { return 0; }
 inline uint32_t NoLoad(const zp::LoadArgs &) { return 0; }
 // Takes kinds out of the table, as if their conversions were not in place.

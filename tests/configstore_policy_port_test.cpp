@@ -21,11 +21,6 @@ Bytes U64(uint64_t v) {
   std::memcpy(b.data(), &v, 8);
   return b;
 }
-Bytes Slot(const std::string &text, size_t size) {
-  Bytes b(size, 0);
-  std::memcpy(b.data(), text.data(), std::min(text.size(), size));
-  return b;
-}
 
 // One filter record; numParams is params.size() unless given.
 Bytes Filter(uint32_t slot, const std::string &agent, uint32_t onFailure,
