@@ -88,6 +88,8 @@ struct Record {
   }
 };
 
+inline Bytes U16(uint16_t v) { return Record(2).u16(0, v).b; }
+
 // Holds the class and QOR flag the conversions read, restored afterwards.
 class ScopedSwitch {
  public:

@@ -17,17 +17,10 @@ Bytes Group(const std::string &name, const std::string &key, uint32_t mode, uint
   return Record(93).text(0, name).text(65, key).u32(81, mode).u32(85, algorithm).u32(89, uplinks).b;
 }
 
-Bytes Ipfix(const Bytes &address, bool v6) {
-  return Record(36)
-      .u32(0, 60)
-      .u32(4, 300)
-      .raw(8, address)
-      .u16(24, 4739)
-      .u32(26, 0x01020304)
-      .u8(30, 1)
-      .u8(31, v6 ? 1 : 0)
-      .u32(32, 77)
-      .b;
+Bytes Ipfix(Bytes address, bool v6) {
+  address.resize(16, 0);
+  return Cat({U32(60), U32(300), address, U16(4739), U32(0x01020304),
+              Bytes{1, static_cast<uint8_t>(v6)}, U32(77)});
 }
 
 class PolicyDiscovery : public PersistTest {

@@ -21,26 +21,13 @@ struct Session {
   uint32_t destinations = 0, recvSources = 0, transmitSources = 0, firstEntry = 0;
 };
 
+// The 232-byte session record, its fields in order.
 Bytes SessionBytes(const Session &s) {
-  return Record(232)
-      .text(0, s.key)
-      .text(32, s.name)
-      .u32(116, s.type)
-      .u32(120, s.length)
-      .u32(124, s.flags)
-      .u16(128, s.vlan)
-      .u16(130, s.recvWildcards)
-      .u16(132, s.transmitWildcards)
-      .u32(136, s.samplingRate)
-      .u32(140, s.encap)
-      .u16(144, s.erspanId)
-      .u8(146, s.cos)
-      .u8(147, s.nanosec)
-      .u32(216, s.destinations)
-      .u32(220, s.recvSources)
-      .u32(224, s.transmitSources)
-      .u32(228, s.firstEntry)
-      .b;
+  return Cat({Slot(s.key, 32), Slot(s.name, 84), U32(s.type), U32(s.length), U32(s.flags),
+              U16(s.vlan), U16(s.recvWildcards), U16(s.transmitWildcards), Bytes(2, 0),
+              U32(s.samplingRate), U32(s.encap), U16(s.erspanId), Bytes{s.cos, s.nanosec},
+              Bytes(68, 0), U32(s.destinations), U32(s.recvSources), U32(s.transmitSources),
+              U32(s.firstEntry)});
 }
 
 Bytes Entry(uint32_t type, const std::string &payload, size_t size = 36) {

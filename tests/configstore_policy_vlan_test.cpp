@@ -1,6 +1,4 @@
-// Port VLAN policies and private-VLAN maps through a real store file: the
-// exact stored objects, the values a load builds, the class and version
-// rules, and values that are refused.
+// Port VLAN policies and private-VLAN maps through a real store file.
 #include <regex>
 #include <string>
 
