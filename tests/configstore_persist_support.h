@@ -1,5 +1,5 @@
-// Configuration-store persistence tests: a fixture with a private store file
-// and an empty state database, blob builders, store readers, a blob decoder.
+// Configuration-store persistence tests: a fixture with a private store file and an empty state
+// database, blob builders, store readers, a blob decoder.
 #pragma once
 
 #include <sqlite3.h>

@@ -38,8 +38,8 @@ Bytes AddressEntry(const Bytes &address, size_t size = 36) {
   return Record(size).u8(4, address.size() == 16 ? 1 : 0).raw(8, address).b;
 }
 
-// A table as the load builds it (magic, version and entry count set) or as
-// a save may get it (header zero apart from the session count).
+// A table as the load builds it (magic, version and entry count set) or as a save may get it
+// (header zero apart from the session count).
 Bytes Table(const std::vector<Session> &sessions, const std::vector<Bytes> &entries,
             bool loaded = true) {
   Record header(20);
@@ -98,8 +98,8 @@ TEST_F(PolicyMirror, SessionsSaveAndLoadBack) {
       R"("source_transmit_port":{"port_keys":[],"wildcard_port_connectee_types":[]},)"
       R"("strip_original_vlan":true}]}})");
 
-  // Loaded: flag bit 1 joins bit 0, bit 3 follows the VLAN, the wildcard bit
-  // 0x4 marks a non-empty list, addresses are not read back.
+  // Loaded: flag bit 1 joins bit 0, bit 3 follows the VLAN, the wildcard bit 0x4 marks a non-empty
+  // list, addresses are not read back.
   a.flags = 0x23;
   a.recvWildcards = 0xD;
   a.transmitWildcards = 0x6;

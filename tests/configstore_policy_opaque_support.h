@@ -1,5 +1,5 @@
-// Opaque-data and resource-pool conversion tests: cases run on an in-memory
-// object, and whole saves and loads of switches whose properties carry types.
+// Opaque-data and resource-pool conversion tests: cases run on an in-memory object, and whole saves
+// and loads of switches whose properties carry types.
 #pragma once
 
 #include <nlohmann/json.hpp>

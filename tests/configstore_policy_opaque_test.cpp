@@ -1,5 +1,5 @@
-// The catch-all rows: properties no other row takes, saved as instances of the lists under
-// "data" and loaded back with the types of those lists.
+// The catch-all rows: properties no other row takes, saved as instances of the lists under "data"
+// and loaded back with the types of those lists.
 #include <string>
 
 #include "configstore_policy_opaque_support.h"

@@ -1,5 +1,5 @@
-// Traffic shaper, MAC management and filter policy conversions, through a real store file and
-// on in-memory objects.
+// Traffic shaper, MAC management and filter policy conversions, through a real store file and on
+// in-memory objects.
 #include <string>
 
 #include "configstore/policy/port_policies.h"
@@ -110,16 +110,15 @@ TEST_F(PersistPortPolicy, ShaperIsStoredTimesEightAndLoadsBack) {
                 R"("average_bandwidth":8,"burst_size":0,"enabled":true,"peak_bandwidth":8}})");
   EXPECT_EQ(LoadPort(), (Props{{kShaperIn, in}, {kShaperOut, Cat({U64(1), U64(1), U64(0)})}}));
 
-  // Remainders are lost, division rounds toward zero, missing keys give 0,
-  // and "enabled" is not looked at.
+  // Remainders are lost, division rounds toward zero, missing keys give 0, and "enabled" is not
+  // looked at.
   PutSettings("etherswitch",
               R"({"in_shaping_policy":{"average_bandwidth":12,"peak_bandwidth":-12,)"
               R"("enabled":false},"out_shaping_policy":{"burst_size":"8"}})");
   EXPECT_EQ(LoadPort(), (Props{{kShaperIn, Cat({U64(1), U64(~uint64_t{0}), U64(0)})},
                                {kShaperOut, Cat({U64(0), U64(0), U64(0)})}}));
 
-  // Only the input row with the input object and the output row with the
-  // output object load.
+  // Only the input row with the input object and the output row with the output object load.
   Props props;
   const std::string both = R"({"in_shaping_policy":{"burst_size":80},)"
                            R"("out_shaping_policy":{"burst_size":800}})";
@@ -130,9 +129,9 @@ TEST_F(PersistPortPolicy, ShaperIsStoredTimesEightAndLoadsBack) {
 }
 
 TEST_F(PersistPortPolicy, MacManagementStoresAllowancesAndLoadsByClass) {
-  // Both rows save into the one object on every class (the later row wins);
-  // it loads as the etherswitch property on other classes, as the vswitch
-  // one on vswitch and cswitch.  Bits above 2 are dropped.
+  // Both rows save into the one object on every class (the later row wins); it loads as the
+  // etherswitch property on other classes, as the vswitch one on vswitch and cswitch.  Bits above 2
+  // are dropped.
   struct Case {
     const char *cls;
     const char *loadsAs;
@@ -157,8 +156,8 @@ TEST_F(PersistPortPolicy, MacManagementStoresAllowancesAndLoadsByClass) {
 }
 
 TEST_F(PersistPortPolicy, FiltersSaveOneInstancePerSlotAndLoadBackPacked) {
-  // Two filters, the first with two parameters (indexes as the kernel left
-  // them), the second with none and a slot that is -1 when signed.
+  // Two filters, the first with two parameters (indexes as the kernel left them), the second with
+  // none and a slot that is -1 when signed.
   const Bytes first = Filter(2, "guard", 1, {{7, "a=1"}, {9, "mode=strict"}});
   const Bytes second = Filter(4294967295u, "tap", 5, {});
   const Bytes value = Filters(2, {first, second});
@@ -171,8 +170,8 @@ TEST_F(PersistPortPolicy, FiltersSaveOneInstancePerSlotAndLoadBackPacked) {
             R"({"agent_name":"tap","key":"-1","on_failure":"FAIL_CLOSED","parameters":[],)"
             R"("slot_number":"4294967295"}]}})");
 
-  // The load numbers the parameters and maps every failure mode but 1 to 0;
-  // the second filter starts at 4 + 52 + 520 = 576.
+  // The load numbers the parameters and maps every failure mode but 1 to 0; the second filter
+  // starts at 4 + 52 + 520 = 576.
   const Props loaded = LoadPort();
   ASSERT_EQ(loaded.size(), 1u);
   const Bytes &bytes = loaded[0].second;
@@ -199,8 +198,7 @@ TEST_F(PersistPortPolicy, StoredFiltersAreReadWithinTheirSlots) {
                                                 {{0, param.substr(0, 255)}, {1, "b"}}),
                                          Filter(0, "", 1, {}), Filter(12, "", 0, {})})}}));
 
-  // No filter_policy object loads nothing; a policy without a list loads
-  // the count 0.
+  // No filter_policy object loads nothing; a policy without a list loads the count 0.
   PutSettings("vswitch", R"({"shaping":1})");
   EXPECT_TRUE(LoadPort().empty());
   PutSettings("vswitch", R"({"filter_policy":{}})");
@@ -229,8 +227,7 @@ TEST_F(PersistPortPolicy, ShortValuesAreRefusedBeforeAnythingIsWritten) {
               kFail);
     EXPECT_EQ(json, "{}");
   }
-  // Longer values are read up to what their counts need; texts without a
-  // NUL end with their slot.
+  // Longer values are read up to what their counts need; texts without a NUL end with their slot.
   std::string json;
   const std::string agent(40, 'n');
   Bytes value = Filters(1, {Filter(3, agent, 1, {{0, std::string(256, 'v')}})});
@@ -282,8 +279,7 @@ TEST_F(PersistPortPolicy, FilterLoadFailuresAndItsTwoPasses) {
       R"({"key":"1","slot_number":"1","parameters":["p","q"]},)"
       R"({"key":"2","slot_number":"2","parameters":["r"]}]}})";
   Props props;
-  // A policy that cannot be read fails the load; the shaper and MAC objects
-  // are skipped instead.
+  // A policy that cannot be read fails the load; the shaper and MAC objects are skipped instead.
   cs::testing::FailNext(Op::kGetSubObject, 3);
   EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 3u);
   cs::testing::FailNext(Op::kGetSubObject, 3);
@@ -297,14 +293,14 @@ TEST_F(PersistPortPolicy, FilterLoadFailuresAndItsTwoPasses) {
     EXPECT_TRUE(props.empty());
   }
 
-  // A parameter list that reads in the second pass but not in the first
-  // gets no room, and the next filter follows the first one's header.
+  // A parameter list that reads in the second pass but not in the first gets no room, and the next
+  // filter follows the first one's header.
   cs::testing::FailNext(Op::kGetValueStringArray, 3);
   EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 0u);
   EXPECT_EQ(props, (Props{{kFilter, Filters(2, {Filter(1, "", 0, {}),
                                                 Filter(2, "", 0, {{0, "r"}})})}}));
-  // One that reads in the first pass only: the room made for it stays zero
-  // at the value's end, and the next filter follows the first one's header.
+  // One that reads in the first pass only: the room made for it stays zero at the value's end, and
+  // the next filter follows the first one's header.
   cs::testing::FailNext(Op::kGetValueStringArray, 3, 2);
   EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 0u);
   Bytes packed = Filters(2, {Filter(1, "", 0, {}), Filter(2, "", 0, {{0, "r"}})});

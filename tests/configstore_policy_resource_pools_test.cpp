@@ -1,5 +1,5 @@
-// Health checks and network resource pools: packed values, stored content, loads, and the copy
-// of the switch's pools every uplink port receives.
+// Health checks and network resource pools: packed values, stored content, loads, and the copy of
+// the switch's pools every uplink port receives.
 #include <string>
 
 #include "configstore/policy/resource_pools.h"
@@ -184,11 +184,7 @@ TEST_F(PolicyPools, UplinkPortsReceiveTheSwitchPoolsOnLoading) {
               {kVlanMtu, HealthCheck(1, 30), 16},
               {kPools, pools, 16},
               {kKeys, Keys({"vm", "mgmt"}), 16}};
-  Bytes uplinks = U32(1);
-  uplinks.resize(4 + 48, 0);
-  uplinks[4] = 'p';
-  uplinks[5] = '1';
-  s.host = {{"com.zorlan.common.host.uplinkPorts", uplinks, 16}};
+  s.host = {{"com.zorlan.common.host.uplinkPorts", Cat({U32(1), Slot("p1", 48)}), 16}};
   s.ports = {{"p1", {{kPortPools, Pools({{"ignored", 1, 1, 1}}), 16}}}, {"p2", {}}};
   ASSERT_EQ(Save(TypedBlob(s)), 0u);
   const json stored = json::parse(Json("sw"));

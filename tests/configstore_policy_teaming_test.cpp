@@ -56,8 +56,8 @@ TEST_F(PersistTeaming, VswitchRecordSavesExactObjectAndLoadsBack) {
   EXPECT_EQ(ObjectAt(json, kObject), expected) << json;
   EXPECT_EQ(ObjectAt(json, kObject, json.find(R"("ports":)")), expected) << json;
 
-  // Only failure bits 5 and 7 (plus 9 from the load) and teaming bits 1-5
-  // survive; slots past the counts come back empty; full duplex reads as 1.
+  // Only failure bits 5 and 7 (plus 9 from the load) and teaming bits 1-5 survive; slots past the
+  // counts come back empty; full duplex reads as 1.
   Teaming back = t;
   back.failureFlags = 0x2A0;
   back.teamingFlags = 0x3E;
@@ -100,8 +100,8 @@ TEST_F(PersistTeaming, SwitchClassChoosesTheKindThatSavesAndLoads) {
   Teaming back = t;
   back.failureFlags = 0x200;
 
-  // Any other class: the vswitch property is not saved; the etherswitch port
-  // property saves the speed as uint16 and loads under its own name.
+  // Any other class: the vswitch property is not saved; the etherswitch port property saves the
+  // speed as uint16 and loads under its own name.
   Loaded es = RoundTrip("etherswitch", {{kVsGlobal, Record(t)}}, {{kEsPort, Record(t)}});
   std::string json = Json("sw-t");
   EXPECT_EQ(ObjectAt(json, kObject).find("int32"), std::string::npos) << json;
@@ -111,8 +111,7 @@ TEST_F(PersistTeaming, SwitchClassChoosesTheKindThatSavesAndLoads) {
   EXPECT_EQ(Find(es.global, kVsGlobal), nullptr);
   EXPECT_EQ(es.ports.at(0).second, (Props{{kEsPort, Record(back)}}));
 
-  // vswitch and cswitch: the etherswitch port property is saved but comes
-  // back as the vswitch one.
+  // vswitch and cswitch: the etherswitch port property is saved but comes back as the vswitch one.
   for (const char *cls : {"vswitch", "cswitch"}) {
     SCOPED_TRACE(cls);
     Loaded vs = RoundTrip(cls, {}, {{kEsPort, Record(t)}});
@@ -129,8 +128,7 @@ TEST_F(PersistTeaming, SavedValuesAreCheckedAndCut) {
   RoundTrip("etherswitch", {}, {{kEsPort, Bytes{}}}, kFail);
   EXPECT_EQ(Dump(), before);
 
-  // Counts beyond the 32 slots are cut; a slot without a NUL gives 80
-  // characters.
+  // Counts beyond the 32 slots are cut; a slot without a NUL gives 80 characters.
   Teaming t;
   t.numActive = 40;
   t.numStandby = 5;
