@@ -149,6 +149,17 @@ inline std::vector<std::pair<std::string, Loaded>> DecodeBlob(const void *blob, 
   return out;
 }
 
+// The save case of a port row on a fresh in-memory object; *json is its content after it.
+inline uint32_t PortSaveCase(uint32_t kind, const char *name, const char *key, const Bytes &value,
+                             std::string *json) {
+  cfgtest::ObjectPtr o = cfgtest::NewSwitch("direct");
+  const zp::SaveArgs args{o.get(), o.get(), key, name, value.data(),
+                          static_cast<uint32_t>(value.size()), zp::kTablePort, 16};
+  const uint32_t status = zp::FindKind(kind)->save(args);
+  *json = cfgtest::Json(o.get());
+  return status;
+}
+
 class PersistTest : public zelstatetest::StateTest {
  protected:
   void SetUp() override {

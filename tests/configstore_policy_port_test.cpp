@@ -69,16 +69,6 @@ class PersistPortPolicy : public PersistTest {
     Put("sw", content.c_str());
   }
 
-  // A save case on an in-memory "settings" object; *json is its content.
-  static uint32_t SaveCase(uint32_t kind, const char *name, const char *key, const Bytes &value,
-                           std::string *json) {
-    cfgtest::ObjectPtr settings = cfgtest::NewSwitch("direct");
-    const zp::SaveArgs args{settings.get(), settings.get(), key,  name, value.data(),
-                            static_cast<uint32_t>(value.size()), zp::kTablePort, 16};
-    const uint32_t status = zp::FindKind(kind)->save(args);
-    *json = cfgtest::Json(settings.get());
-    return status;
-  }
   static uint32_t LoadCase(uint32_t kind, const char *name, const char *key,
                            const std::string &settings, Props *props) {
     cs::Object *o = nullptr;
@@ -222,7 +212,7 @@ TEST_F(PersistPortPolicy, ShortValuesAreRefusedBeforeAnythingIsWritten) {
   for (const Case &c : cases) {
     SCOPED_TRACE(::testing::Message() << c.name << " " << c.value.size());
     std::string json;
-    EXPECT_EQ(SaveCase(zp::FindRow(zp::kTablePort, c.name)->kind, c.name, "policy", c.value,
+    EXPECT_EQ(PortSaveCase(zp::FindRow(zp::kTablePort, c.name)->kind, c.name, "policy", c.value,
                        &json),
               kFail);
     EXPECT_EQ(json, "{}");
@@ -232,7 +222,7 @@ TEST_F(PersistPortPolicy, ShortValuesAreRefusedBeforeAnythingIsWritten) {
   const std::string agent(40, 'n');
   Bytes value = Filters(1, {Filter(3, agent, 1, {{0, std::string(256, 'v')}})});
   value.resize(value.size() + 5, 0xEE);
-  ASSERT_EQ(SaveCase(29, kFilter, "filter_policy", value, &json), 0u);
+  ASSERT_EQ(PortSaveCase(29, kFilter, "filter_policy", value, &json), 0u);
   EXPECT_NE(json.find(R"("agent_name":")" + agent + R"(")"), std::string::npos) << json;
   EXPECT_NE(json.find(R"("parameters":[")" + std::string(256, 'v') + R"("])"),
             std::string::npos);
@@ -265,7 +255,7 @@ TEST_F(PersistPortPolicy, StoreFailuresEndTheSaveWithTheirStatus) {
     SCOPED_TRACE(::testing::Message() << c.kind << " " << static_cast<int>(c.op));
     std::string json;
     cs::testing::FailNext(c.op, static_cast<int>(c.status), c.skip);
-    EXPECT_EQ(SaveCase(c.kind, c.name, c.key, c.value, &json), c.status);
+    EXPECT_EQ(PortSaveCase(c.kind, c.name, c.key, c.value, &json), c.status);
     cs::testing::ClearFailures();
     if (c.written != nullptr) {
       EXPECT_EQ(json, c.written);

@@ -175,14 +175,8 @@ TEST_F(PersistTeaming, HandWrittenObjectsLoadWithinTheRecord) {
   EXPECT_EQ(sw.ports.at(0).second, (Props{{kEsPort, Record(Teaming{})}}));
 }
 
-// The save case of a kind on a fresh in-memory object; its content in *json.
 uint32_t SaveCase(uint32_t kind, const Bytes &value, std::string *json) {
-  cfgtest::ObjectPtr o = cfgtest::NewSwitch("x");
-  const zp::SaveArgs args{o.get(), o.get(), kObject, "p", value.data(),
-                          static_cast<uint32_t>(value.size()), zp::kTablePort, 16};
-  const uint32_t status = zp::FindKind(kind)->save(args);
-  *json = cfgtest::Json(o.get());
-  return status;
+  return PortSaveCase(kind, "p", kObject, value, json);
 }
 
 TEST_F(PersistTeaming, StoreFailuresEndTheConversion) {
