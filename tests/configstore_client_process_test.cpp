@@ -1,5 +1,4 @@
-// Several processes and threads on one configuration store: atomic
-// transactions and writers taking turns.
+// Several processes and threads on one configuration store.
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/wait.h>
@@ -23,8 +22,7 @@ int SetSwitch(cs::Store *store, const std::string &id) {
   return cs::Set(store, o.get(), "EXTERNAL");
 }
 
-// Adds one to the int64 "count" of the switch object "counter" and writes
-// the object "<tag>-<i>", both in one transaction.
+// One transaction: adds one to "count" of the object "counter" and writes "<tag>-<i>".
 int Increment(cs::Store *store, const std::string &tag, int i) {
   int s = cs::BeginTransaction(store);
   if (s != cs::kOk) return s;
@@ -57,17 +55,13 @@ char ReadByte(int fd) {
   return read(fd, &c, 1) == 1 ? c : 0;
 }
 
-void WriteByte(int fd, char c) { ASSERT_EQ(write(fd, &c, 1), 1); }
-
 int Wait(pid_t pid) {
   int st = 0;
   waitpid(pid, &st, 0);
   return st;
 }
 
-// A child that begins a transaction, writes several objects and is killed
-// before committing leaves the store as it was; readers meanwhile see the
-// old state.
+// A writer killed before its commit leaves the store as it was.
 TEST(ConfigStoreProcesses, KilledWriterLeavesStoreUnchanged) {
   TempStore tmp;
   StorePtr store = OpenStore();
@@ -90,8 +84,7 @@ TEST(ConfigStoreProcesses, KilledWriterLeavesStoreUnchanged) {
   kill(pid, SIGKILL);
   int st = Wait(pid);
   EXPECT_TRUE(WIFSIGNALED(st));
-  close(ready[0]);
-  close(ready[1]);
+  for (int fd : ready) close(fd);
   EXPECT_EQ(SwitchUuids(store.get()), std::vector<std::string>{"before"});
   StorePtr fresh = OpenStore();
   EXPECT_EQ(SwitchUuids(fresh.get()), std::vector<std::string>{"before"});
@@ -100,8 +93,7 @@ TEST(ConfigStoreProcesses, KilledWriterLeavesStoreUnchanged) {
   EXPECT_EQ(cs::CommitTransaction(fresh.get()), cs::kOk);
 }
 
-// Another process sees a transaction all at once at its commit, and a
-// cancelled one never.
+// Another process sees a transaction whole at its commit, and a cancelled one never.
 TEST(ConfigStoreProcesses, CommitSeenWholeCancelNotAtAll) {
   TempStore tmp;
   StorePtr store = OpenStore();
@@ -130,7 +122,7 @@ TEST(ConfigStoreProcesses, CommitSeenWholeCancelNotAtAll) {
   for (const char *round : {"kept", "dropped"}) {
     ASSERT_EQ(ReadByte(toParent[0]), 'w') << round;
     std::vector<std::string> seen = SwitchUuids(store.get());
-    WriteByte(toChild[1], 'g');
+    ASSERT_EQ(write(toChild[1], "g", 1), 1);
     ASSERT_EQ(ReadByte(toParent[0]), 'd') << round;
     std::vector<std::string> after = SwitchUuids(store.get());
     if (round[0] == 'k') {
@@ -172,7 +164,6 @@ TEST(ConfigStoreProcesses, TwoWritersTakeTurns) {
   EXPECT_EQ(SwitchUuids(store.get()).size(), 2u * kRounds + 1);  // and the counter itself
 }
 
-// The same with threads, each on a store of its own.
 TEST(ConfigStoreConcurrency, ThreadsWithOwnStoresTakeTurns) {
   TempStore tmp;
   constexpr int kRounds = 10;

@@ -1,5 +1,4 @@
-// Test helpers for code that uses the configuration-store client: a private
-// database file for the life of a test, and owners for handles.
+// Test helpers for the configuration-store client: a private database file, handle owners.
 #pragma once
 
 #include <sqlite3.h>
@@ -17,9 +16,8 @@ namespace cfgtest {
 
 namespace cs = zel::cfgstore;
 
-// Points the client at a new database file in a new temporary directory;
-// the destructor restores the environment's path, clears injected failures
-// and removes the directory.
+// Points the client at a new database file in a new temporary directory; the destructor
+// restores the environment's path, clears injected failures and removes the directory.
 class TempStore {
  public:
   TempStore() {
@@ -54,14 +52,12 @@ struct ObjectCloser {
 using StorePtr = std::unique_ptr<cs::Store, StoreCloser>;
 using ObjectPtr = std::unique_ptr<cs::Object, ObjectCloser>;
 
-// A store handle, or null when GetStore fails.
 inline StorePtr OpenStore() {
   cs::Store *s = nullptr;
   cs::GetStore(0, &s);
   return StorePtr(s);
 }
 
-// A switch object in memory ("switches", "network_zel", "orn").
 inline ObjectPtr NewSwitch(const char *id) {
   cs::Object *o = nullptr;
   cs::CreateObject("switches", "network_zel", "orn", id, "{}", &o);

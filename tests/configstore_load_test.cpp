@@ -1,5 +1,4 @@
-// The load driver over hand-written switch objects: the blob it builds, how
-// it finds the version, which ports it loads, the desired layer, and its
+// The load driver over hand-written switch objects: blob, version, ports, desired layer,
 // failures with their messages.
 #include <string>
 
@@ -99,8 +98,7 @@ TEST_F(PersistLoad, PortsAndTheUplinkResourcePools) {
                             "Load zel props from configstore failed, props type:p1\n"
                             "Failed to load buf of switch: sw from configstore\n");
 
-  // With a case for kind 36, it runs after the rows of uplink ports only,
-  // on the switch's "resource_management" object.
+  // With a case for kind 36, it runs for uplink ports only, on "resource_management".
   auto pools = [](const zp::LoadArgs &a) -> uint32_t {
     uint8_t enable = 1;
     if (cs::GetValueBool(a.parent, "enable", &enable) != 0 || enable != 0) return 99;
@@ -117,23 +115,19 @@ TEST_F(PersistLoad, PortsAndTheUplinkResourcePools) {
                              {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}}));
 }
 
-// The port catch-all row is the last one a port walks; these cases act on
-// the element being loaded.
-uint32_t FailNextKeyRead(const zp::LoadArgs &a) {
+// The port catch-all row is the last one a port walks; these act on the loaded element.
+std::string KeyOf(const zp::LoadArgs &a) {
   char *key = nullptr;
   cs::GetValueStr(a.object, "key", &key);
-  if (key != nullptr && std::strcmp(key, "p1") == 0)
-    cs::testing::FailNext(Op::kGetValueStr, cs::kStorage);  // the next port's "key"
+  std::string out = key != nullptr ? key : "";
   std::free(key);
+  return out;
+}
+uint32_t FailNextKeyRead(const zp::LoadArgs &a) {
+  if (KeyOf(a) == "p1") cs::testing::FailNext(Op::kGetValueStr, cs::kStorage);  // p2's "key"
   return 0;
 }
-uint32_t AbsentForP2(const zp::LoadArgs &a) {
-  char *key = nullptr;
-  cs::GetValueStr(a.object, "key", &key);
-  const bool p2 = key != nullptr && std::strcmp(key, "p2") == 0;
-  std::free(key);
-  return p2 ? 6 : 0;
-}
+uint32_t AbsentForP2(const zp::LoadArgs &a) { return KeyOf(a) == "p2" ? 6 : 0; }
 
 TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
   Put("sw", ThreePorts().c_str());
@@ -141,22 +135,17 @@ TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
   using Ports = std::vector<std::pair<std::string, Props>>;
   const Ports expected = {{"p1", {{"com.zorlan.common.port.alias", Text("one")}}},
                           {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}};
-  {
-    ScopedKinds kind33({33}, zp::KindCase{NoSave, FailNextKeyRead});
+  const std::pair<zp::LoadFn, const char *> cases[] = {
+      {FailNextKeyRead, "Failed to get port key, rc: 7\n"},
+      {AbsentForP2, "Faild to load prop: DEFAULT, key: data, type:33 from configstore, rc: 6\n"
+                    "Load zel props from configstore failed, props type:p2\n"}};
+  for (const auto &[load, message] : cases) {
+    ScopedKinds kind33({33}, zp::KindCase{NoSave, load});
     zeltest::ScopedLevel level(zelconfigstore_debug, 0);
     Loaded sw;
     std::string out = zeltest::CaptureStdout([&] { sw = LoadOne(); });
     EXPECT_EQ(sw.ports, expected);  // p2's properties are filed under no other key
-    EXPECT_EQ(out, "Failed to get port key, rc: 7\n");
-  }
-  {
-    ScopedKinds kind33({33}, zp::KindCase{NoSave, AbsentForP2});
-    zeltest::ScopedLevel level(zelconfigstore_debug, 0);
-    Loaded sw;
-    std::string out = zeltest::CaptureStdout([&] { sw = LoadOne(); });
-    EXPECT_EQ(sw.ports, expected);
-    EXPECT_EQ(out, "Faild to load prop: DEFAULT, key: data, type:33 from configstore, rc: 6\n"
-                   "Load zel props from configstore failed, props type:p2\n");
+    EXPECT_EQ(out, message);
   }
   // A port keyed like an entry of the switch list would overwrite it.
   Put("sw", Object("sw", "6.6.0",

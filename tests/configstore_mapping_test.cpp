@@ -19,9 +19,8 @@ std::string Path(const PropToConfigEntry &e) {
   return path;
 }
 
-// Checks the shape of a table (named rows of depth 1 to 3 with zero bytes
-// past their depth and flags 16, the catch-all "DEFAULT" last, then the
-// terminator) and returns its kinds in row order.
+// Checks the shape of a table (rows of depth 1 to 3, zero past their depth, flags 16,
+// "DEFAULT" last, then the terminator) and returns its kinds in row order.
 std::string Kinds(const PropToConfigEntry *table, size_t named, uint32_t catchAll) {
   std::string kinds;
   for (size_t i = 0; i < named; ++i) {

@@ -1,6 +1,5 @@
-// Helpers of the configuration-store persistence tests: a fixture with a
-// private store file and an empty state database, builders of state blobs,
-// readers of what the store holds, and a decoder of loaded blobs.
+// Configuration-store persistence tests: a fixture with a private store file and an empty state
+// database, blob builders, store readers, a blob decoder.
 #pragma once
 
 #include <sqlite3.h>
@@ -45,14 +44,19 @@ class ScopedKinds {
   std::vector<std::pair<uint32_t, zp::KindCase>> saved_;
 };
 
-// The parts one after the other.
 inline Bytes Cat(std::initializer_list<Bytes> parts) {
   Bytes out;
   for (const Bytes &p : parts) out.insert(out.end(), p.begin(), p.end());
   return out;
 }
 
-// Cases that store and load nothing.
+// Text in a zero-filled slot of `size` bytes, cut to fit.
+inline Bytes Slot(const std::string &text, size_t size) {
+  Bytes b(size, 0);
+  std::copy_n(text.begin(), std::min(text.size(), size), b.begin());
+  return b;
+}
+
 inline uint32_t NoSave(const zp::SaveArgs &) { return 0; }
 inline uint32_t NoLoad(const zp::LoadArgs &) { return 0; }
 // Takes kinds out of the table, as if their conversions were not in place.
@@ -61,7 +65,6 @@ class WithoutKinds : public ScopedKinds {
   explicit WithoutKinds(const std::vector<uint32_t> &kinds) : ScopedKinds(kinds, zp::KindCase{}) {}
 };
 
-// A switch of the state database to be saved.
 struct SwitchDef {
   std::string id;
   std::string cls = "etherswitch";
@@ -97,7 +100,6 @@ inline std::string DumpStore(const std::string &path) {
   return out;
 }
 
-// A switch as a load hands it back.
 struct Loaded {
   uint32_t version = 0;
   Bytes className;
@@ -147,6 +149,17 @@ inline std::vector<std::pair<std::string, Loaded>> DecodeBlob(const void *blob, 
   return out;
 }
 
+// The save case of a port row on a fresh in-memory object; *json is its content after it.
+inline uint32_t PortSaveCase(uint32_t kind, const char *name, const char *key, const Bytes &value,
+                             std::string *json) {
+  cfgtest::ObjectPtr o = cfgtest::NewSwitch("direct");
+  const zp::SaveArgs args{o.get(), o.get(), key, name, value.data(),
+                          static_cast<uint32_t>(value.size()), zp::kTablePort, 16};
+  const uint32_t status = zp::FindKind(kind)->save(args);
+  *json = cfgtest::Json(o.get());
+  return status;
+}
+
 class PersistTest : public zelstatetest::StateTest {
  protected:
   void SetUp() override {
@@ -159,8 +172,7 @@ class PersistTest : public zelstatetest::StateTest {
     StateTest::TearDown();
   }
 
-  // Builds the switches in the state database and returns them as a state
-  // blob, leaving the database empty.
+  // The switches as a state blob, built in the state database and reset.
   static Bytes Blob(const std::vector<SwitchDef> &switches) {
     for (const SwitchDef &s : switches) {
       EXPECT_EQ(ZELState_SwitchAdd(s.id.c_str(), s.cls.c_str(), s.maxPorts, s.version), STATUS_OK);
@@ -190,7 +202,6 @@ class PersistTest : public zelstatetest::StateTest {
     return Save(Blob(switches), switchId);
   }
 
-  // Loads every stored switch; status in *status.
   static std::vector<std::pair<std::string, Loaded>> LoadAll(uint32_t *status = nullptr,
                                                              bool desired = false) {
     void *blob = nullptr;
@@ -213,7 +224,6 @@ class PersistTest : public zelstatetest::StateTest {
   std::string Json(const char *id) const { return cfgtest::RawContent(store_.path(), "current", id); }
   std::string Dump() const { return DumpStore(store_.path()); }
 
-  // Writes a switch object with the given content straight into the store.
   static void Put(const char *id, const char *content) {
     cfgtest::StorePtr s = cfgtest::OpenStore();
     cs::Object *o = nullptr;
@@ -225,8 +235,6 @@ class PersistTest : public zelstatetest::StateTest {
   cfgtest::TempStore store_;
 };
 
-// The save-and-load round trip of one switch used by the teaming and VLAN
-// tests, property lookup and stored sub-objects by key.
 inline const Bytes *Find(const Props &props, const std::string &name) {
   for (const auto &[n, v] : props)
     if (n == name) return &v;
@@ -252,8 +260,7 @@ class RoundTripTest : public PersistTest {
     cs::testing::ClearFailures();
     PersistTest::TearDown();
   }
-  // Saves switch `id` of class cls with ports p0, p1, ... and loads it back
-  // (nothing is loaded when the save is expected to fail).
+  // Saves switch `id` with ports p0, p1, ... and loads it back unless `expect` is a failure.
   Loaded RoundTrip(const char *id, const std::string &cls, Props global,
                    const std::vector<Props> &ports, uint32_t expect = 0, Props host = {}) {
     SwitchDef s;
@@ -262,7 +269,6 @@ class RoundTripTest : public PersistTest {
     s.global = std::move(global);
     // Ports load only under a "resource_management" object.
     s.global.push_back({"com.zorlan.common.respools.sched", Bytes{0}});
-    // The version is read back from the stored "product" object.
     if (Find(s.global, "com.zorlan.common.version") == nullptr)
       s.global.push_back({"com.zorlan.common.version", U32(7)});
     s.host = std::move(host);

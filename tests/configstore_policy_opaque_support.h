@@ -1,6 +1,5 @@
-// Helpers of the opaque-data and resource-pool conversion tests: a switch
-// object in memory, the save and load cases called on it directly, and
-// whole saves and loads of switches whose properties carry their own types.
+// Opaque-data and resource-pool conversion tests: cases run on an in-memory object, and whole saves
+// and loads of switches whose properties carry types.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -15,7 +14,6 @@ namespace policytest {
 
 using namespace persisttest;
 
-// A property with its type word.
 struct Typed {
   std::string name;
   Bytes value;
@@ -60,7 +58,6 @@ inline TypedProps DecodeTyped(const Bytes &bytes) {
   return out;
 }
 
-// Store failures set by a test end with it.
 class PolicyTest : public PersistTest {
  protected:
   void TearDown() override {
@@ -69,7 +66,6 @@ class PolicyTest : public PersistTest {
   }
 };
 
-// A switch object in memory with the given stored content.
 inline cfgtest::ObjectPtr Stored(const std::string &content) {
   cs::Object *o = nullptr;
   EXPECT_EQ(cs::CreateObject("switches", "network_zel", "orn", "sw", content.c_str(), &o), 0);
@@ -77,46 +73,33 @@ inline cfgtest::ObjectPtr Stored(const std::string &content) {
 }
 
 // The object's stored content, parsed.
-inline nlohmann::json Content(cs::Object *o) {
-  char *text = nullptr;
-  EXPECT_EQ(cs::ExportObjectJson(o, &text), 0);
-  nlohmann::json j = nlohmann::json::parse(text != nullptr ? text : "null");
-  std::free(text);
-  return j;
-}
+inline nlohmann::json Content(cs::Object *o) { return nlohmann::json::parse(cfgtest::Json(o)); }
 
-// The save case of a kind called on `parent` under `key`.
 inline uint32_t SaveCase(uint32_t kind, cs::Object *parent, const char *key, const char *name,
                          const Bytes &value, uint32_t type, uint32_t table = zp::kTableGlobal) {
-  const zp::KindCase *c = zp::FindKind(kind);
-  EXPECT_NE(c, nullptr);
-  if (c == nullptr) return kFail;
   const zp::SaveArgs args{parent, parent, key, name, value.empty() ? nullptr : value.data(),
                           static_cast<uint32_t>(value.size()), table, type};
-  return c->save(args);
+  return zp::FindKind(kind)->save(args);
 }
 
-// The load case of a kind called on `parent` under `key` for the row `name`;
-// the properties it added in *out.
+// The load case of row `name`; the properties it added in *out.
 inline uint32_t LoadCase(uint32_t kind, cs::Object *parent, const char *key, const char *name,
                          TypedProps *out, uint32_t table = zp::kTableGlobal) {
-  const zp::KindCase *c = zp::FindKind(kind);
-  EXPECT_NE(c, nullptr);
-  if (c == nullptr) return kFail;
   PropertyList *list = NewList();
   const zp::LoadArgs args{parent, parent, key, list, name, ZELDATA_PROPTYPE_LIBRARY, table, 7};
-  const uint32_t status = c->load(args);
+  const uint32_t status = zp::FindKind(kind)->load(args);
   *out = ListTyped(list);
   ZELData_Free(list);
   return status;
 }
 
-// A whole switch "sw" in the state database with typed properties, as a
-// state blob (the database is left empty).
 struct TypedSwitch {
   TypedProps global, host;
   std::vector<std::pair<std::string, TypedProps>> ports;
 };
+using TypedLoaded = TypedSwitch;
+
+// Switch "sw" built in the state database as a state blob (the database is left empty).
 
 inline Bytes TypedBlob(const TypedSwitch &s) {
   EXPECT_EQ(ZELState_SwitchAdd("sw", "etherswitch", 64, 7), STATUS_OK);
@@ -140,12 +123,6 @@ inline Bytes TypedBlob(const TypedSwitch &s) {
   ZELState_ConfigReset();
   return blob;
 }
-
-// A loaded switch with the types of its properties.
-struct TypedLoaded {
-  TypedProps global, host;
-  std::vector<std::pair<std::string, TypedProps>> ports;
-};
 
 // Loads every stored switch and hands back the first; status in *status.
 inline TypedLoaded LoadTyped(uint32_t *status) {
@@ -173,7 +150,6 @@ inline TypedLoaded LoadTyped(uint32_t *status) {
   return out;
 }
 
-// The properties of `props` whose names are in `names`, in list order.
 inline TypedProps Only(const TypedProps &props, const std::vector<std::string> &names) {
   TypedProps out;
   for (const Typed &p : props)

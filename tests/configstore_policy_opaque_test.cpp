@@ -1,5 +1,5 @@
-// The catch-all rows: properties no other row takes, saved as instances of
-// the lists under "data" and loaded back with the types of those lists.
+// The catch-all rows: properties no other row takes, saved as instances of the lists under "data"
+// and loaded back with the types of those lists.
 #include <string>
 
 #include "configstore_policy_opaque_support.h"
@@ -178,33 +178,37 @@ TEST_F(PolicyOpaque, LoadFailures) {
       R"("vendor_specific_data":[{"key":"p.v","value":"4"}]}})";
   auto o = Stored(content);
   TypedProps loaded;
-  // A data object that cannot be read, and reads that fail.
-  cs::testing::FailNext(Op::kGetSubObject, 7);
-  EXPECT_EQ(LoadCase(22, o.get(), "data", "DEFAULT", &loaded), 7u);
-  cs::testing::FailNext(Op::kGetValueStr, 8, 1);  // the first value
-  EXPECT_EQ(LoadCase(22, o.get(), "data", "DEFAULT", &loaded), 8u);
-  cs::testing::FailNext(Op::kGetValueBinary, 8);
-  EXPECT_EQ(LoadCase(33, o.get(), "data", "DEFAULT", &loaded, zp::kTablePort), 8u);
-  cs::testing::ClearFailures();
-  // Switch: an earlier listing that fails is passed over, the last one is not.
-  cs::testing::FailNext(Op::kGetSubObjectInstances, 7);
-  EXPECT_EQ(LoadCase(22, o.get(), "data", "DEFAULT", &loaded), 0u);
-  EXPECT_EQ(loaded, (TypedProps{{"s.e", Text("2"), kText}}));
-  cs::testing::FailNext(Op::kGetSubObjectInstances, 7, 2);
-  EXPECT_EQ(LoadCase(22, o.get(), "data", "DEFAULT", &loaded), 7u);
-  cs::testing::FailNext(Op::kCreateFilterSpecObject, 5, 1);
-  EXPECT_EQ(LoadCase(22, o.get(), "data", "DEFAULT", &loaded, zp::kTableHost), 5u);
-  // Port: any listing failure ends the load.
-  cs::testing::FailNext(Op::kGetSubObjectInstances, 7, 3);
-  EXPECT_EQ(LoadCase(33, o.get(), "data", "DEFAULT", &loaded, zp::kTablePort), 7u);
-  cs::testing::FailNext(Op::kCreateFilterSpecObject, 5);
-  EXPECT_EQ(LoadCase(33, o.get(), "data", "DEFAULT", &loaded, zp::kTablePort), 5u);
-  cs::testing::ClearFailures();
+  const struct {
+    Op op;
+    uint32_t status;
+    int skip;
+    uint32_t kind, table, result;
+  } cases[] = {
+      // A data object that cannot be read, and reads that fail.
+      {Op::kGetSubObject, 7, 0, 22, zp::kTableGlobal, 7},
+      {Op::kGetValueStr, 8, 1, 22, zp::kTableGlobal, 8},
+      {Op::kGetValueBinary, 8, 0, 33, zp::kTablePort, 8},
+      // Switch: an earlier listing that fails is passed over, the last one is not.
+      {Op::kGetSubObjectInstances, 7, 0, 22, zp::kTableGlobal, 0},
+      {Op::kGetSubObjectInstances, 7, 2, 22, zp::kTableGlobal, 7},
+      {Op::kCreateFilterSpecObject, 5, 1, 22, zp::kTableHost, 5},
+      // Port: any listing failure ends the load.
+      {Op::kGetSubObjectInstances, 7, 3, 33, zp::kTablePort, 7},
+      {Op::kCreateFilterSpecObject, 5, 0, 33, zp::kTablePort, 5},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(::testing::Message() << static_cast<int>(c.op) << " skip " << c.skip);
+    cs::testing::FailNext(c.op, static_cast<int>(c.status), c.skip);
+    EXPECT_EQ(LoadCase(c.kind, o.get(), "data", "DEFAULT", &loaded, c.table), c.result);
+    cs::testing::ClearFailures();
+    if (c.result == 0) {
+      EXPECT_EQ(loaded, (TypedProps{{"s.e", Text("2"), kText}}));
+    }
+  }
   EXPECT_EQ(LoadCase(33, o.get(), "data", "DEFAULT", &loaded, zp::kTablePort), 0u);
   EXPECT_EQ(loaded, (TypedProps{{"p.r", Bytes{1}, kText},
                                 {"s.e", Text("2"), kText},
                                 {"p.v", Text("4"), kText}}));
-
 }
 
 }  // namespace

@@ -1,7 +1,5 @@
-// Traffic shaper, MAC management and filter policy conversions: golden
-// records saved through the driver into a real store file (the exact stored
-// content), loaded back into the same bytes or the form a load gives them,
-// malformed records refused, and store failures passed on.
+// Traffic shaper, MAC management and filter policy conversions, through a real store file and on
+// in-memory objects.
 #include <string>
 
 #include "configstore/policy/port_policies.h"
@@ -23,24 +21,14 @@ Bytes U64(uint64_t v) {
   std::memcpy(b.data(), &v, 8);
   return b;
 }
-Bytes Slot(const std::string &text, size_t size) {
-  Bytes b(size, 0);
-  std::memcpy(b.data(), text.data(), std::min(text.size(), size));
-  return b;
-}
 
-struct Param {
-  uint32_t index;
-  std::string value;
-};
 // One filter record; numParams is params.size() unless given.
 Bytes Filter(uint32_t slot, const std::string &agent, uint32_t onFailure,
-             const std::vector<Param> &params, int64_t numParams = -1) {
+             const std::vector<std::pair<uint32_t, std::string>> &params, int64_t numParams = -1) {
   Bytes b = Cat({U32(slot), Slot(agent, 40),
-                 U32(numParams < 0 ? static_cast<uint32_t>(params.size())
-                                   : static_cast<uint32_t>(numParams)),
+                 U32(static_cast<uint32_t>(numParams < 0 ? params.size() : numParams)),
                  U32(onFailure)});
-  for (const Param &p : params) b = Cat({b, U32(p.index), Slot(p.value, 256)});
+  for (const auto &[index, value] : params) b = Cat({b, U32(index), Slot(value, 256)});
   return b;
 }
 Bytes Filters(uint32_t count, std::initializer_list<Bytes> filters) {
@@ -58,9 +46,7 @@ class PersistPortPolicy : public PersistTest {
     PersistTest::TearDown();
   }
 
-  // Saves switch "sw" of class `cls` with port p1 holding `port`; returns
-  // the save's status.  The switch has a "resource_management" object, under
-  // which its ports load.
+  // Saves switch "sw" with port p1; ports load only under "resource_management".
   uint32_t SavePort(const std::string &cls, const Props &port) {
     SwitchDef s;
     s.id = "sw";
@@ -71,12 +57,10 @@ class PersistPortPolicy : public PersistTest {
     return Save({s});
   }
   std::string StoredSettings() { return ObjectAt(Json("sw"), "settings"); }
-  // The properties of port p1 after loading every stored switch.
   Props LoadPort() {
     Loaded sw = LoadOne();
     return sw.ports.size() == 1 ? sw.ports[0].second : Props{};
   }
-  // Writes switch "sw" of class `cls` whose port p1 has these settings.
   void PutSettings(const std::string &cls, const std::string &settings) {
     const std::string content =
         R"({"uuid":"sw","max_ports":8,"product":{"forwarding_class":")" + cls +
@@ -85,17 +69,6 @@ class PersistPortPolicy : public PersistTest {
     Put("sw", content.c_str());
   }
 
-  // Runs a save case on an in-memory "settings" object; *json is its content.
-  static uint32_t SaveCase(uint32_t kind, const char *name, const char *key, const Bytes &value,
-                           std::string *json) {
-    cfgtest::ObjectPtr settings = cfgtest::NewSwitch("direct");
-    const zp::SaveArgs args{settings.get(), settings.get(), key,  name, value.data(),
-                            static_cast<uint32_t>(value.size()), zp::kTablePort, 16};
-    const uint32_t status = zp::FindKind(kind)->save(args);
-    *json = cfgtest::Json(settings.get());
-    return status;
-  }
-  // Runs a load case over a "settings" object with this content.
   static uint32_t LoadCase(uint32_t kind, const char *name, const char *key,
                            const std::string &settings, Props *props) {
     cs::Object *o = nullptr;
@@ -127,16 +100,15 @@ TEST_F(PersistPortPolicy, ShaperIsStoredTimesEightAndLoadsBack) {
                 R"("average_bandwidth":8,"burst_size":0,"enabled":true,"peak_bandwidth":8}})");
   EXPECT_EQ(LoadPort(), (Props{{kShaperIn, in}, {kShaperOut, Cat({U64(1), U64(1), U64(0)})}}));
 
-  // Remainders are lost, division rounds toward zero, missing keys give 0,
-  // and "enabled" is not looked at.
+  // Remainders are lost, division rounds toward zero, missing keys give 0, and "enabled" is not
+  // looked at.
   PutSettings("etherswitch",
               R"({"in_shaping_policy":{"average_bandwidth":12,"peak_bandwidth":-12,)"
               R"("enabled":false},"out_shaping_policy":{"burst_size":"8"}})");
   EXPECT_EQ(LoadPort(), (Props{{kShaperIn, Cat({U64(1), U64(~uint64_t{0}), U64(0)})},
                                {kShaperOut, Cat({U64(0), U64(0), U64(0)})}}));
 
-  // Only the input row with the input object and the output row with the
-  // output object load.
+  // Only the input row with the input object and the output row with the output object load.
   Props props;
   const std::string both = R"({"in_shaping_policy":{"burst_size":80},)"
                            R"("out_shaping_policy":{"burst_size":800}})";
@@ -147,9 +119,9 @@ TEST_F(PersistPortPolicy, ShaperIsStoredTimesEightAndLoadsBack) {
 }
 
 TEST_F(PersistPortPolicy, MacManagementStoresAllowancesAndLoadsByClass) {
-  // Both rows save into the one object on every class (the later row wins);
-  // it loads as the etherswitch property on other classes, as the vswitch
-  // one on vswitch and cswitch.  Bits above 2 are dropped.
+  // Both rows save into the one object on every class (the later row wins); it loads as the
+  // etherswitch property on other classes, as the vswitch one on vswitch and cswitch.  Bits above 2
+  // are dropped.
   struct Case {
     const char *cls;
     const char *loadsAs;
@@ -174,8 +146,8 @@ TEST_F(PersistPortPolicy, MacManagementStoresAllowancesAndLoadsByClass) {
 }
 
 TEST_F(PersistPortPolicy, FiltersSaveOneInstancePerSlotAndLoadBackPacked) {
-  // Two filters, the first with two parameters (indexes as the kernel left
-  // them), the second with none and a slot that is -1 when signed.
+  // Two filters, the first with two parameters (indexes as the kernel left them), the second with
+  // none and a slot that is -1 when signed.
   const Bytes first = Filter(2, "guard", 1, {{7, "a=1"}, {9, "mode=strict"}});
   const Bytes second = Filter(4294967295u, "tap", 5, {});
   const Bytes value = Filters(2, {first, second});
@@ -188,8 +160,8 @@ TEST_F(PersistPortPolicy, FiltersSaveOneInstancePerSlotAndLoadBackPacked) {
             R"({"agent_name":"tap","key":"-1","on_failure":"FAIL_CLOSED","parameters":[],)"
             R"("slot_number":"4294967295"}]}})");
 
-  // The load numbers the parameters and maps every failure mode but 1 to 0;
-  // the second filter starts at 4 + 52 + 520 = 576.
+  // The load numbers the parameters and maps every failure mode but 1 to 0; the second filter
+  // starts at 4 + 52 + 520 = 576.
   const Props loaded = LoadPort();
   ASSERT_EQ(loaded.size(), 1u);
   const Bytes &bytes = loaded[0].second;
@@ -216,8 +188,7 @@ TEST_F(PersistPortPolicy, StoredFiltersAreReadWithinTheirSlots) {
                                                 {{0, param.substr(0, 255)}, {1, "b"}}),
                                          Filter(0, "", 1, {}), Filter(12, "", 0, {})})}}));
 
-  // No filter_policy object loads nothing; a policy without a list loads
-  // the count 0.
+  // No filter_policy object loads nothing; a policy without a list loads the count 0.
   PutSettings("vswitch", R"({"shaping":1})");
   EXPECT_TRUE(LoadPort().empty());
   PutSettings("vswitch", R"({"filter_policy":{}})");
@@ -241,48 +212,54 @@ TEST_F(PersistPortPolicy, ShortValuesAreRefusedBeforeAnythingIsWritten) {
   for (const Case &c : cases) {
     SCOPED_TRACE(::testing::Message() << c.name << " " << c.value.size());
     std::string json;
-    EXPECT_EQ(SaveCase(zp::FindRow(zp::kTablePort, c.name)->kind, c.name, "policy", c.value,
+    EXPECT_EQ(PortSaveCase(zp::FindRow(zp::kTablePort, c.name)->kind, c.name, "policy", c.value,
                        &json),
               kFail);
     EXPECT_EQ(json, "{}");
   }
-  // Longer values are read up to what their counts need; texts without a
-  // NUL end with their slot.
+  // Longer values are read up to what their counts need; texts without a NUL end with their slot.
   std::string json;
   const std::string agent(40, 'n');
   Bytes value = Filters(1, {Filter(3, agent, 1, {{0, std::string(256, 'v')}})});
   value.resize(value.size() + 5, 0xEE);
-  ASSERT_EQ(SaveCase(29, kFilter, "filter_policy", value, &json), 0u);
+  ASSERT_EQ(PortSaveCase(29, kFilter, "filter_policy", value, &json), 0u);
   EXPECT_NE(json.find(R"("agent_name":")" + agent + R"(")"), std::string::npos) << json;
   EXPECT_NE(json.find(R"("parameters":[")" + std::string(256, 'v') + R"("])"),
             std::string::npos);
 }
 
 TEST_F(PersistPortPolicy, StoreFailuresEndTheSaveWithTheirStatus) {
-  std::string json;
   const Bytes shaper = Cat({U64(1), U64(2), U64(3)});
-  cs::testing::FailNext(Op::kSetValueLong, 7, 1);
-  EXPECT_EQ(SaveCase(26, kShaperIn, "in_shaping_policy", shaper, &json), 7u);
-  // What was written before the failure stays.
-  EXPECT_EQ(json, R"({"in_shaping_policy":{"@types":{"average_bandwidth":"int64"},)"
-                  R"("average_bandwidth":8,"enabled":true}})");
-
-  cs::testing::FailNext(Op::kSetValueBool, 8, 2);
-  EXPECT_EQ(SaveCase(27, kEtherSecurity, "mac_management_policy", U32(0), &json), 8u);
-  cs::testing::FailNext(Op::kCreateSubObject, 5);
-  EXPECT_EQ(SaveCase(28, kVswitchSecurity, "mac_management_policy", U32(0), &json), 5u);
-  EXPECT_EQ(json, "{}");
-
   const Bytes filters = Filters(2, {Filter(1, "a", 1, {{0, "p"}}), Filter(2, "b", 1, {})});
-  const std::pair<Op, int> failures[] = {{Op::kSetValueEmptyList, 1},
-                                          {Op::kCreateSubObject, 2},
-                                          {Op::kSetValueStr, 4},
-                                          {Op::kAppendValueString, 0}};
-  for (const auto &[op, skip] : failures) {
-    SCOPED_TRACE(static_cast<int>(op));
-    cs::testing::FailNext(op, 3, skip);
-    EXPECT_EQ(SaveCase(29, kFilter, "filter_policy", filters, &json), 3u);
+  const struct {
+    uint32_t kind;
+    const char *name, *key;
+    Bytes value;
+    Op op;
+    uint32_t status;
+    int skip;
+    const char *written;  // null: not compared
+  } cases[] = {
+      // What was written before the failure stays.
+      {26, kShaperIn, "in_shaping_policy", shaper, Op::kSetValueLong, 7, 1,
+       R"({"in_shaping_policy":{"@types":{"average_bandwidth":"int64"},)"
+       R"("average_bandwidth":8,"enabled":true}})"},
+      {27, kEtherSecurity, "mac_management_policy", U32(0), Op::kSetValueBool, 8, 2, nullptr},
+      {28, kVswitchSecurity, "mac_management_policy", U32(0), Op::kCreateSubObject, 5, 0, "{}"},
+      {29, kFilter, "filter_policy", filters, Op::kSetValueEmptyList, 3, 1, nullptr},
+      {29, kFilter, "filter_policy", filters, Op::kCreateSubObject, 3, 2, nullptr},
+      {29, kFilter, "filter_policy", filters, Op::kSetValueStr, 3, 4, nullptr},
+      {29, kFilter, "filter_policy", filters, Op::kAppendValueString, 3, 0, nullptr},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(::testing::Message() << c.kind << " " << static_cast<int>(c.op));
+    std::string json;
+    cs::testing::FailNext(c.op, static_cast<int>(c.status), c.skip);
+    EXPECT_EQ(PortSaveCase(c.kind, c.name, c.key, c.value, &json), c.status);
     cs::testing::ClearFailures();
+    if (c.written != nullptr) {
+      EXPECT_EQ(json, c.written);
+    }
   }
 }
 
@@ -292,8 +269,7 @@ TEST_F(PersistPortPolicy, FilterLoadFailuresAndItsTwoPasses) {
       R"({"key":"1","slot_number":"1","parameters":["p","q"]},)"
       R"({"key":"2","slot_number":"2","parameters":["r"]}]}})";
   Props props;
-  // A policy that cannot be read fails the load; the shaper and MAC objects
-  // are skipped instead.
+  // A policy that cannot be read fails the load; the shaper and MAC objects are skipped instead.
   cs::testing::FailNext(Op::kGetSubObject, 3);
   EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 3u);
   cs::testing::FailNext(Op::kGetSubObject, 3);
@@ -307,14 +283,14 @@ TEST_F(PersistPortPolicy, FilterLoadFailuresAndItsTwoPasses) {
     EXPECT_TRUE(props.empty());
   }
 
-  // A parameter list that reads in the second pass but not in the first
-  // gets no room, and the next filter follows the first one's header.
+  // A parameter list that reads in the second pass but not in the first gets no room, and the next
+  // filter follows the first one's header.
   cs::testing::FailNext(Op::kGetValueStringArray, 3);
   EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 0u);
   EXPECT_EQ(props, (Props{{kFilter, Filters(2, {Filter(1, "", 0, {}),
                                                 Filter(2, "", 0, {{0, "r"}})})}}));
-  // One that reads in the first pass only: the room made for it stays zero
-  // at the value's end, and the next filter follows the first one's header.
+  // One that reads in the first pass only: the room made for it stays zero at the value's end, and
+  // the next filter follows the first one's header.
   cs::testing::FailNext(Op::kGetValueStringArray, 3, 2);
   EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 0u);
   Bytes packed = Filters(2, {Filter(1, "", 0, {}), Filter(2, "", 0, {{0, "r"}})});

@@ -1,6 +1,5 @@
-// Health checks and network resource pools: the packed values, what the
-// store holds for them, what comes back, and the copy every uplink port
-// receives of the switch's pools.
+// Health checks and network resource pools: packed values, stored content, loads, and the copy of
+// the switch's pools every uplink port receives.
 #include <string>
 
 #include "configstore/policy/resource_pools.h"
@@ -18,12 +17,7 @@ constexpr const char *kPools = "com.zorlan.common.respools.cfg";
 constexpr const char *kKeys = "com.zorlan.common.respools.list";
 constexpr const char *kPortPools = "com.zorlan.common.port.respools.cfg";
 
-Bytes HealthCheck(uint8_t enable, uint32_t interval) {
-  Bytes b{enable};
-  const Bytes i = U32(interval);
-  b.insert(b.end(), i.begin(), i.end());
-  return b;
-}
+Bytes HealthCheck(uint8_t enable, uint32_t interval) { return Cat({Bytes{enable}, U32(interval)}); }
 
 struct Pool {
   std::string key;
@@ -31,29 +25,19 @@ struct Pool {
   int32_t limit;
 };
 
-// A pool configuration value; `filler` goes into every byte that is not
-// converted.
+// A pool configuration value; `filler` goes into every byte that is not converted.
 Bytes Pools(const std::vector<Pool> &pools, uint8_t filler = 0) {
   Bytes b = U32(static_cast<uint32_t>(pools.size()));
   for (const Pool &p : pools) {
-    Bytes r(212, filler);
-    std::fill(r.begin(), r.begin() + 128, 0);
-    std::memcpy(r.data(), p.key.data(), p.key.size());
-    std::memcpy(r.data() + 129, &p.reservation, 4);
-    std::memcpy(r.data() + 200, &p.shares, 4);
-    std::memcpy(r.data() + 204, &p.limit, 4);
-    b.insert(b.end(), r.begin(), r.end());
+    b = Cat({b, Slot(p.key, 128), Bytes{filler}, U32(p.reservation), Bytes(67, filler), U32(p.shares),
+             U32(static_cast<uint32_t>(p.limit)), Bytes(4, filler)});
   }
   return b;
 }
 
 Bytes Keys(const std::vector<std::string> &keys) {
   Bytes b = U32(static_cast<uint32_t>(keys.size()));
-  for (const std::string &k : keys) {
-    Bytes slot(200, 0);
-    std::memcpy(slot.data(), k.data(), std::min<size_t>(k.size(), 200));
-    b.insert(b.end(), slot.begin(), slot.end());
-  }
+  for (const std::string &k : keys) b = Cat({b, Slot(k, 200)});
   return b;
 }
 
@@ -200,11 +184,7 @@ TEST_F(PolicyPools, UplinkPortsReceiveTheSwitchPoolsOnLoading) {
               {kVlanMtu, HealthCheck(1, 30), 16},
               {kPools, pools, 16},
               {kKeys, Keys({"vm", "mgmt"}), 16}};
-  Bytes uplinks = U32(1);
-  uplinks.resize(4 + 48, 0);
-  uplinks[4] = 'p';
-  uplinks[5] = '1';
-  s.host = {{"com.zorlan.common.host.uplinkPorts", uplinks, 16}};
+  s.host = {{"com.zorlan.common.host.uplinkPorts", Cat({U32(1), Slot("p1", 48)}), 16}};
   s.ports = {{"p1", {{kPortPools, Pools({{"ignored", 1, 1, 1}}), 16}}}, {"p2", {}}};
   ASSERT_EQ(Save(TypedBlob(s)), 0u);
   const json stored = json::parse(Json("sw"));

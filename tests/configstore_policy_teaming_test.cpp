@@ -1,6 +1,4 @@
-// Uplink teaming policy records through a real store file: the exact stored
-// object, the record a load builds, the class rules of the two kinds, and
-// values that are cut or refused.
+// Uplink teaming policy records through a real store file and on in-memory objects.
 #include <string>
 
 #include "configstore_persist_support.h"
@@ -22,19 +20,12 @@ struct Teaming {
   std::vector<std::string> names;  // slots 0, 1, ...
 };
 
-void Put32(Bytes &b, size_t at, uint32_t v) { std::memcpy(b.data() + at, &v, 4); }
-
-// The 2616-byte record, built field by field at its offsets.
+// The 2616-byte record: the fixed fields in order, then 81-byte name slots.
 Bytes Record(const Teaming &t) {
-  Bytes b(2616, 0);
-  Put32(b, 0, t.policy);
-  Put32(b, 4, t.failureFlags);
-  b[8] = t.percentage;
-  b[9] = t.fullDuplex;
-  std::memcpy(b.data() + 10, &t.speed, 2);
-  Put32(b, 12, t.teamingFlags);
-  Put32(b, 16, t.numActive);
-  Put32(b, 20, t.numStandby);
+  Bytes b = Cat({U32(t.policy), U32(t.failureFlags), Bytes{t.percentage, t.fullDuplex},
+                 Bytes{static_cast<uint8_t>(t.speed), static_cast<uint8_t>(t.speed >> 8)},
+                 U32(t.teamingFlags), U32(t.numActive), U32(t.numStandby)});
+  b.resize(2616, 0);
   for (size_t i = 0; i < t.names.size(); ++i)
     std::memcpy(b.data() + 24 + 81 * i, t.names[i].data(), std::min<size_t>(t.names[i].size(), 81));
   return b;
@@ -45,19 +36,14 @@ class PersistTeaming : public RoundTripTest {
   Loaded RoundTrip(const std::string &cls, Props global, Props port, uint32_t expect = 0) {
     return RoundTripTest::RoundTrip("sw-t", cls, std::move(global), {std::move(port)}, expect);
   }
+  static Bytes Global(const Loaded &sw) {
+    const Bytes *v = Find(sw.global, kVsGlobal);
+    return v != nullptr ? *v : Bytes{};
+  }
 };
 
 TEST_F(PersistTeaming, VswitchRecordSavesExactObjectAndLoadsBack) {
-  Teaming t;
-  t.policy = 4;
-  t.failureFlags = 0xFFFFFFFF;
-  t.percentage = 50;
-  t.fullDuplex = 7;
-  t.speed = 1000;
-  t.teamingFlags = 0xFFFFFFFF;
-  t.numActive = 2;
-  t.numStandby = 1;
-  t.names = {"u1", "u2", "u3", "left-over"};
+  Teaming t{4, 0xFFFFFFFF, 50, 7, 1000, 0xFFFFFFFF, 2, 1, {"u1", "u2", "u3", "left-over"}};
   Loaded sw = RoundTrip("vswitch", {{kVsGlobal, Record(t)}}, {{kVsPort, Record(t)}});
   const std::string expected =
       R"({"best_effort":true,"failure_criteria":{"@types":{"percentage":"uint16","speed":"int32"},)"
@@ -67,20 +53,18 @@ TEST_F(PersistTeaming, VswitchRecordSavesExactObjectAndLoadsBack) {
       R"("rolling_order":true,"shotgun":true,"uplink_port_order":{)"
       R"("active_uplink_ports":["u1","u2"],"standby_uplink_ports":["u3"]}})";
   const std::string json = Json("sw-t");
-  EXPECT_EQ(ObjectAt(json, kObject), expected) << json;  // switch settings
+  EXPECT_EQ(ObjectAt(json, kObject), expected) << json;
   EXPECT_EQ(ObjectAt(json, kObject, json.find(R"("ports":)")), expected) << json;
 
-  // Only failure bits 5 and 7 (plus 9 from the load) and teaming bits 1-5
-  // survive; slots past the counts come back empty; full duplex reads as 1.
+  // Only failure bits 5 and 7 (plus 9 from the load) and teaming bits 1-5 survive; slots past the
+  // counts come back empty; full duplex reads as 1.
   Teaming back = t;
   back.failureFlags = 0x2A0;
   back.teamingFlags = 0x3E;
   back.fullDuplex = 1;
   back.names = {"u1", "u2", "u3"};
-  ASSERT_NE(Find(sw.global, kVsGlobal), nullptr);
-  EXPECT_EQ(*Find(sw.global, kVsGlobal), Record(back));
-  ASSERT_EQ(sw.ports.size(), 1u);
-  EXPECT_EQ(sw.ports[0].second, (Props{{kVsPort, Record(back)}}));
+  EXPECT_EQ(Global(sw), Record(back));
+  EXPECT_EQ(sw.ports.at(0).second, (Props{{kVsPort, Record(back)}}));
 }
 
 TEST_F(PersistTeaming, PolicyValuesAndNames) {
@@ -98,8 +82,7 @@ TEST_F(PersistTeaming, PolicyValuesAndNames) {
                {0xFFFFFFFF, nullptr, 0}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.value);
-    Teaming t;
-    t.policy = c.value;
+    Teaming t{c.value};
     Loaded sw = RoundTrip("cswitch", {{kVsGlobal, Record(t)}}, {});
     const std::string json = ObjectAt(Json("sw-t"), kObject);
     if (c.name != nullptr)
@@ -108,21 +91,17 @@ TEST_F(PersistTeaming, PolicyValuesAndNames) {
       EXPECT_EQ(json.find(R"("policy")"), std::string::npos) << json;
     t.policy = c.loaded;
     t.failureFlags = 0x200;
-    ASSERT_NE(Find(sw.global, kVsGlobal), nullptr);
-    EXPECT_EQ(*Find(sw.global, kVsGlobal), Record(t));
+    EXPECT_EQ(Global(sw), Record(t));
   }
 }
 
 TEST_F(PersistTeaming, SwitchClassChoosesTheKindThatSavesAndLoads) {
-  Teaming t;
-  t.speed = 1000;
-  t.numActive = 1;
-  t.names = {"uplink1"};
+  const Teaming t{0, 0, 0, 0, 1000, 0, 1, 0, {"uplink1"}};
   Teaming back = t;
   back.failureFlags = 0x200;
 
-  // Any other class: the vswitch property is not saved; the etherswitch port
-  // property saves the speed as uint16 and loads under its own name.
+  // Any other class: the vswitch property is not saved; the etherswitch port property saves the
+  // speed as uint16 and loads under its own name.
   Loaded es = RoundTrip("etherswitch", {{kVsGlobal, Record(t)}}, {{kEsPort, Record(t)}});
   std::string json = Json("sw-t");
   EXPECT_EQ(ObjectAt(json, kObject).find("int32"), std::string::npos) << json;
@@ -132,8 +111,7 @@ TEST_F(PersistTeaming, SwitchClassChoosesTheKindThatSavesAndLoads) {
   EXPECT_EQ(Find(es.global, kVsGlobal), nullptr);
   EXPECT_EQ(es.ports.at(0).second, (Props{{kEsPort, Record(back)}}));
 
-  // vswitch and cswitch: the etherswitch port property is saved but comes
-  // back as the vswitch one.
+  // vswitch and cswitch: the etherswitch port property is saved but comes back as the vswitch one.
   for (const char *cls : {"vswitch", "cswitch"}) {
     SCOPED_TRACE(cls);
     Loaded vs = RoundTrip(cls, {}, {{kEsPort, Record(t)}});
@@ -150,8 +128,7 @@ TEST_F(PersistTeaming, SavedValuesAreCheckedAndCut) {
   RoundTrip("etherswitch", {}, {{kEsPort, Bytes{}}}, kFail);
   EXPECT_EQ(Dump(), before);
 
-  // Counts beyond the 32 slots are cut; a slot without a NUL gives 80
-  // characters.
+  // Counts beyond the 32 slots are cut; a slot without a NUL gives 80 characters.
   Teaming t;
   t.numActive = 40;
   t.numStandby = 5;
@@ -163,14 +140,14 @@ TEST_F(PersistTeaming, SavedValuesAreCheckedAndCut) {
   back.numActive = 32;
   back.numStandby = 0;
   back.names[0] = std::string(80, 'x');
-  EXPECT_EQ(*Find(sw.global, kVsGlobal), Record(back));
+  EXPECT_EQ(Global(sw), Record(back));
 
   t.numActive = 30;
   t.numStandby = 0xFFFFFFFF;
   sw = RoundTrip("vswitch", {{kVsGlobal, Record(t)}}, {});
   back.numActive = 30;
   back.numStandby = 2;
-  EXPECT_EQ(*Find(sw.global, kVsGlobal), Record(back));
+  EXPECT_EQ(Global(sw), Record(back));
 }
 
 TEST_F(PersistTeaming, HandWrittenObjectsLoadWithinTheRecord) {
@@ -184,15 +161,11 @@ TEST_F(PersistTeaming, HandWrittenObjectsLoadWithinTheRecord) {
       R"(],"standby_uplink_ports":[")" + longName + R"(","s1","s2","s3"]}}}})";
   Put("sw-h", content.c_str());
   Loaded sw = LoadOne();
-  Teaming t;
-  t.teamingFlags = 0x10;  // no "failure_criteria": no failure flags
-  t.numActive = 30;
-  t.numStandby = 2;
+  Teaming t{0, 0, 0, 0, 0, 0x10, 30, 2, {}};  // no "failure_criteria": no failure flags
   for (int i = 0; i < 30; ++i) t.names.push_back("a" + std::to_string(i));
   t.names.push_back(longName.substr(0, 80));
   t.names.push_back("s1");
-  ASSERT_NE(Find(sw.global, kVsGlobal), nullptr);
-  EXPECT_EQ(*Find(sw.global, kVsGlobal), Record(t));
+  EXPECT_EQ(Global(sw), Record(t));
 
   // Only the object itself: an all-zero record.
   Put("sw-h", R"({"uuid":"sw-h","max_ports":8,"product":{"forwarding_class":"x",)"
@@ -202,28 +175,13 @@ TEST_F(PersistTeaming, HandWrittenObjectsLoadWithinTheRecord) {
   EXPECT_EQ(sw.ports.at(0).second, (Props{{kEsPort, Record(Teaming{})}}));
 }
 
-// Runs the save case of a kind on a fresh in-memory object; the object's
-// content after it goes to *json.
 uint32_t SaveCase(uint32_t kind, const Bytes &value, std::string *json) {
-  cs::Object *o = nullptr;
-  EXPECT_EQ(cs::CreateObject("switches", "network_zel", "orn", "x", "{}", &o), 0);
-  const zp::SaveArgs args{o, o, "uplink_teaming_policy", "p", value.data(),
-                          static_cast<uint32_t>(value.size()), zp::kTablePort, 16};
-  const uint32_t status = zp::FindKind(kind)->save(args);
-  char *text = nullptr;
-  EXPECT_EQ(cs::ExportObjectJson(o, &text), 0);
-  *json = text != nullptr ? text : "";
-  std::free(text);
-  cs::DestroyConfigStoreObject(o);
-  return status;
+  return PortSaveCase(kind, "p", kObject, value, json);
 }
 
 TEST_F(PersistTeaming, StoreFailuresEndTheConversion) {
   using Op = cs::testing::Op;
-  Teaming t;
-  t.policy = 1;
-  t.numActive = 1;
-  t.names = {"u"};
+  const Teaming t{1, 0, 0, 0, 0, 0, 1, 0, {"u"}};
   zp::currentSwitchClass = zp::kClassVswitch;
   const struct {
     Op op;

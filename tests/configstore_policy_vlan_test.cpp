@@ -1,6 +1,4 @@
-// Port VLAN policies and private-VLAN maps through a real store file: the
-// exact stored objects, the values a load builds, the class and version
-// rules, and values that are refused.
+// Port VLAN policies and private-VLAN maps through a real store file.
 #include <regex>
 #include <string>
 
@@ -89,9 +87,8 @@ TEST_F(PersistVlan, SwitchClassChoosesThePortKind) {
   EXPECT_EQ(PortVlanJson(0), "");
   EXPECT_TRUE(es.ports.at(0).second.empty());
 
-  // vswitch and cswitch: both kinds write the one object (each save first
-  // empties the trunk list); the private VLAN wins on load, and a trunk
-  // range hides both ids.
+  // vswitch and cswitch: both kinds write the one object (each save first empties the trunk list);
+  // the private VLAN wins on load, and a trunk range hides both ids.
   for (const char *cls : {"vswitch", "cswitch"}) {
     SCOPED_TRACE(cls);
     Loaded vs = RoundTrip(cls, {}, {{{kEsVlan, W({0, 100, 0, 0})}, {kVsVlan, W({2, 200, 0, 0})}},

@@ -1,5 +1,4 @@
-// The plain conversions through a real store file: what a save writes (the
-// exact stored content), what a load gives back, and every way the two differ.
+// The plain conversions through a real store file: exact stored content and what loads back.
 #include <optional>
 #include <string>
 
@@ -27,10 +26,8 @@ SwitchDef EtherSwitch() {
   SwitchDef s;
   s.id = "sw-1";
   s.global = {
-      {"com.zorlan.common.alias", Text("sky-a")},
-      {"com.zorlan.common.version", U32(7)},
-      {"com.zorlan.etherswitch.mtu", U32(9000)},
-      {"com.zorlan.common.opaqueZel", Text("true")},
+      {"com.zorlan.common.alias", Text("sky-a")}, {"com.zorlan.common.version", U32(7)},
+      {"com.zorlan.etherswitch.mtu", U32(9000)}, {"com.zorlan.common.opaqueZel", Text("true")},
       {"com.zorlan.common.uplinkPorts", PortNames({"uplink1", "uplink2"})},
       {"com.zorlan.etherswitch.ipv4addr", Bytes{0xC0, 0xA8, 0x01, 0x0A}},
       {"com.zorlan.etherswitch.beaconTimeout", I32(-1)},
@@ -64,9 +61,8 @@ class PersistScalar : public PersistTest {
   // Port p1 is an uplink in some tests; its resource pools are not looked at.
   ScopedKinds pools_{{36}, zp::KindCase{NoSave, NoLoad}};
 
-  // Saves one switch of class `cls` with the version property, a
-  // "resource_management" sub-object (ports load only under one), port p1
-  // and the given properties, and loads it back.
+  // Saves one switch of class `cls` (version, "resource_management", port p1 and the given
+  // properties) and loads it back.
   Loaded RoundTrip(const std::string &cls, Props global, Props host = {}, Props port = {}) {
     SwitchDef s;
     s.id = "sw-rt";
@@ -104,22 +100,19 @@ TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
   EXPECT_EQ(sw.version, 7u);
   EXPECT_EQ(sw.className, Text("etherswitch"));
   EXPECT_EQ(sw.maxPorts, 4096u);  // the class is exempt from the port limit
-  // Row order, which is the saved order here; the MTU key is shared, so the
-  // common row comes back as well.
+  // The MTU key is shared, so the common row comes back as well.
   Props global = EtherSwitch().global;
   global.insert(global.begin() + 2, {"com.zorlan.common.portset.mtu", U32(9000)});
   EXPECT_EQ(sw.global, global);
   EXPECT_EQ(sw.host, EtherSwitch().host);
   ASSERT_EQ(sw.ports.size(), 1u);
   EXPECT_EQ(sw.ports[0].first, "p1");
-  // The "vlan" object that holds the priority loads as a port VLAN policy
-  // too: VLAN 0, no flags.
+  // The "vlan" object holding the priority loads as a port VLAN policy too (VLAN 0).
   Props port = EtherSwitch().ports[0].second;
   port.insert(port.begin() + 6, {"com.zorlan.etherswitch.port.vlan", Bytes(8, 0)});
   EXPECT_EQ(sw.ports[0].second, port);
 }
 
-// Names of the loaded properties of a list, for the class filters.
 std::vector<std::string> Names(const Props &props) {
   std::vector<std::string> names;
   for (const auto &[n, v] : props) names.push_back(n);
@@ -127,42 +120,32 @@ std::vector<std::string> Names(const Props &props) {
 }
 
 TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
-  struct Case {
+  const std::string ether = "com.zorlan.etherswitch.", vswitch = "com.zorlan.vswitch.";
+  const struct Case {
     const char *cls;
-    std::vector<std::string> global, port;
-  } cases[] = {
-      {"etherswitch",
-       {"com.zorlan.common.portset.mtu", "com.zorlan.etherswitch.mtu",
-        "com.zorlan.etherswitch.multicastFilter"},
-       {"com.zorlan.etherswitch.port.txUplink"}},
-      {"pyxswitch",
-       {"com.zorlan.common.portset.mtu", "com.zorlan.etherswitch.mtu",
-        "com.zorlan.etherswitch.multicastFilter"},
-       {"com.zorlan.etherswitch.port.txUplink"}},
-      {"vswitch",
-       {"com.zorlan.common.portset.mtu", "com.zorlan.vswitch.mtu",
-        "com.zorlan.vswitch.multicastFilter"},
-       {"com.zorlan.vswitch.port.txUplink"}},
-      {"cswitch",
-       {"com.zorlan.common.portset.mtu", "com.zorlan.vswitch.multicastFilter"},
-       {"com.zorlan.vswitch.port.txUplink"}},
-  };
+    std::string prefix;  // of the class's own rows
+    bool ownMtu;
+  } cases[] = {{"etherswitch", ether, true}, {"pyxswitch", ether, true},
+               {"vswitch", vswitch, true}, {"cswitch", vswitch, false}};
   for (const Case &c : cases) {
     SCOPED_TRACE(c.cls);
     Loaded sw = RoundTrip(c.cls,
                           {{"com.zorlan.vswitch.mtu", U32(1600)},
                            {"com.zorlan.vswitch.multicastFilter", Text("snooping")}},
                           {}, {{"com.zorlan.vswitch.port.txUplink", Text("always")}});
+    std::vector<std::string> global = {"com.zorlan.common.portset.mtu"};
+    if (c.ownMtu) global.push_back(c.prefix + "mtu");
+    global.push_back(c.prefix + "multicastFilter");
     // A switch without an alias was saved with the name "unknown".
     std::vector<std::string> expected = {"com.zorlan.common.alias", "com.zorlan.common.version"};
-    expected.insert(expected.end(), c.global.begin(), c.global.end());
+    expected.insert(expected.end(), global.begin(), global.end());
     expected.push_back("com.zorlan.common.respools.sched");
     EXPECT_EQ(Names(sw.global), expected);
-    for (const std::string &name : c.global)
+    for (const std::string &name : global)
       EXPECT_EQ(*Find(sw.global, name), name.find("mtu") != std::string::npos ? U32(1600)
                                                                                 : Text("snooping"));
     ASSERT_EQ(sw.ports.size(), 1u);
-    EXPECT_EQ(sw.ports[0].second, (Props{{c.port[0], Text("always")}}));
+    EXPECT_EQ(sw.ports[0].second, (Props{{c.prefix + "port.txUplink", Text("always")}}));
   }
 }
 

@@ -1,7 +1,6 @@
 // The state file: padding, verification on reading, every failure with its
 // host-log message, and the replace-by-rename write surviving failures and a
 // writer killed at any point.
-
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -24,6 +23,16 @@ namespace {
 namespace fs = std::filesystem;
 using Bytes = std::vector<uint8_t>;
 
+Bytes Pattern(size_t n, uint8_t seed) {
+  Bytes b(n);
+  for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(seed + i * 7);
+  return b;
+}
+Bytes Slurp(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return Bytes(std::istreambuf_iterator<char>(in), {});
+}
+
 class StateFileTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -33,26 +42,13 @@ class StateFileTest : public ::testing::Test {
     path_ = dir_ + "/zel.state";
   }
   void TearDown() override { fs::remove_all(dir_); }
-
-  static Bytes Pattern(size_t n, uint8_t seed) {
-    Bytes b(n);
-    for (size_t i = 0; i < n; ++i) b[i] = static_cast<uint8_t>(seed + i * 7);
-    return b;
-  }
-  static Bytes Slurp(const std::string &path) {
-    std::ifstream in(path, std::ios::binary);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
-  }
-  static void Spit(const std::string &path, const Bytes &b) {
-    std::ofstream(path, std::ios::binary).write(reinterpret_cast<const char *>(b.data()), b.size());
-  }
-  // Reads the state file and returns its bytes (status in *status).
-  Bytes ReadBack(ReturnStatus *status) {
+  // Reads the state file back: its bytes, or its status on failure.
+  Bytes ReadBack(ReturnStatus expect = STATUS_OK) {
     void *blob = nullptr;
     int32_t length = -1;
     uint32_t offset = 12345;
-    *status = ZELFile_ReadClassical(path_.c_str(), &blob, &length, &offset);
-    if (*status != STATUS_OK) return {};
+    EXPECT_EQ(ZELFile_ReadClassical(path_.c_str(), &blob, &length, &offset), expect);
+    if (expect != STATUS_OK) return {};
     EXPECT_EQ(reinterpret_cast<uintptr_t>(blob) % 512, 0u);
     EXPECT_LT(offset, 512u);
     Bytes out(static_cast<uint8_t *>(blob), static_cast<uint8_t *>(blob) + length);
@@ -64,19 +60,14 @@ class StateFileTest : public ::testing::Test {
 };
 
 TEST_F(StateFileTest, BlobIsPaddedToWholeBlocks) {
-  for (auto [blobLength, fileLength] : {std::pair{1000u, 1024u}, {1024u, 1024u}, {1u, 512u}, {1025u, 1536u}}) {
-    const Bytes blob = Pattern(blobLength, static_cast<uint8_t>(blobLength));
+  for (auto [blobLength, fileLength] : {std::pair{1000u, 1024u}, {1024u, 1024u}, {1u, 512u}}) {
+    Bytes blob = Pattern(blobLength, static_cast<uint8_t>(blobLength));
     ASSERT_EQ(ZELFile_Write(path_.c_str(), blob.data(), blobLength), STATUS_OK);
     struct stat st {};
     ASSERT_EQ(stat(path_.c_str(), &st), 0);
-    EXPECT_EQ(st.st_size, fileLength);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
-    ReturnStatus status;
-    Bytes back = ReadBack(&status);
-    ASSERT_EQ(status, STATUS_OK);
-    ASSERT_EQ(back.size(), fileLength);
-    EXPECT_TRUE(std::equal(blob.begin(), blob.end(), back.begin()));
-    EXPECT_TRUE(std::all_of(back.begin() + blobLength, back.end(), [](uint8_t b) { return b == 0; }));
+    blob.resize(fileLength);  // zero filler
+    EXPECT_EQ(ReadBack(), blob);
     EXPECT_FALSE(fs::exists(path_ + ".tmp"));
   }
   // Written in place, without a temporary file.
@@ -87,15 +78,12 @@ TEST_F(StateFileTest, BlobIsPaddedToWholeBlocks) {
 
 TEST_F(StateFileTest, ReadFailuresAndTheirMessages) {
   zeltest::LogCapture log;
-  ReturnStatus status;
-  ReadBack(&status);
-  EXPECT_EQ(status, STATUS_NOT_FOUND);
-  Spit(path_, {});
-  ReadBack(&status);
-  EXPECT_EQ(status, STATUS_FILE_EMPTY);
-  Spit(path_, Pattern(1000, 3));
-  ReadBack(&status);
-  EXPECT_EQ(status, STATUS_IO_ERROR);
+  ReadBack(STATUS_NOT_FOUND);
+  std::ofstream(path_).close();
+  ReadBack(STATUS_FILE_EMPTY);
+  const Bytes odd = Pattern(1000, 3);
+  std::ofstream(path_, std::ios::binary).write(reinterpret_cast<const char *>(odd.data()), 1000);
+  ReadBack(STATUS_IO_ERROR);
   const auto lines = log.Host();
   ASSERT_EQ(lines.size(), 2u);  // the empty file logs nothing
   EXPECT_EQ(lines[0].first, 110);
@@ -104,133 +92,104 @@ TEST_F(StateFileTest, ReadFailuresAndTheirMessages) {
   EXPECT_EQ(lines[1].second, "failed to verify zelfile " + path_ + " with length 1000\n");
 }
 
-TEST_F(StateFileTest, WriteRefusalsLeaveTheFileAlone) {
-  zeltest::LogCapture log;
-  const Bytes old = Pattern(512, 9);
-  ASSERT_EQ(ZELFile_Write(path_.c_str(), old.data(), 512), STATUS_OK);
-  EXPECT_EQ(ZELFile_Write(path_.c_str(), old.data(), 0), STATUS_BAD_PARAM);
-  EXPECT_EQ(ZELFile_Write(path_.c_str(), nullptr, 10), STATUS_BAD_PARAM);
-  EXPECT_EQ(ZELFile_Write(path_.c_str(), old.data(), 0xFFFFFE01u), STATUS_BAD_PARAM);
-  EXPECT_EQ(Slurp(path_), old);
-  const std::string nowhere = dir_ + "/missing/zel.state";
-  EXPECT_EQ(ZELFile_Write(nowhere.c_str(), old.data(), 512), STATUS_IO_ERROR);
-  EXPECT_EQ(log.Host().back().second, "failed to open zelfile " + nowhere +
-                                          ".tmp for write, error: No such file or directory\n");
-}
-
-// Fails one chosen call of the write with an error number.
-class FailingIo : public zel::host::SystemFileIo {
+// Fails one chosen step of a write with an error number, or kills the
+// process right after that step.
+class FaultIo : public zel::host::SystemFileIo {
  public:
-  enum class Step { kNone, kTruncate, kPwrite, kShortPwrite, kRename };
-  explicit FailingIo(Step step) : step_(step) { previous_ = zel::host::SetFileIo(this); }
-  ~FailingIo() override { zel::host::SetFileIo(previous_); }
+  enum class Step { kOpen, kTruncate, kPwrite, kShortPwrite, kRename };
+  FaultIo(Step step, bool kill) : step_(step), kill_(kill), previous_(zel::host::SetFileIo(this)) {}
+  ~FaultIo() override { zel::host::SetFileIo(previous_); }
+  int Open(const char *path, int flags, mode_t mode) override {
+    return After(Step::kOpen, SystemFileIo::Open(path, flags, mode));
+  }
   int Ftruncate(int fd, off_t length) override {
-    if (step_ == Step::kTruncate) return errno = EIO, -1;
-    return SystemFileIo::Ftruncate(fd, length);
+    if (Fails(Step::kTruncate)) return errno = EIO, -1;
+    return After(Step::kTruncate, SystemFileIo::Ftruncate(fd, length));
   }
   ssize_t Pwrite(int fd, const void *buf, size_t count, off_t offset) override {
-    if (step_ == Step::kPwrite) return errno = ENOSPC, -1;
-    if (step_ == Step::kShortPwrite) return SystemFileIo::Pwrite(fd, buf, count / 2, offset);
-    return SystemFileIo::Pwrite(fd, buf, count, offset);
+    if (Fails(Step::kPwrite)) return errno = ENOSPC, -1;
+    if (step_ == Step::kShortPwrite) count /= 2;
+    return After(Step::kShortPwrite, SystemFileIo::Pwrite(fd, buf, count, offset));
   }
   int Rename(const char *from, const char *to) override {
-    if (step_ == Step::kRename) return errno = EXDEV, -1;
-    return SystemFileIo::Rename(from, to);
+    if (Fails(Step::kRename)) return errno = EXDEV, -1;
+    return After(Step::kRename, SystemFileIo::Rename(from, to));
   }
 
  private:
+  bool Fails(Step step) const { return step_ == step && !kill_; }
+  template <typename T>
+  T After(Step step, T result) {
+    if (step_ == step && kill_) kill(getpid(), SIGKILL);
+    return result;
+  }
   Step step_;
-  zel::host::FileIo *previous_ = nullptr;
+  bool kill_;
+  zel::host::FileIo *previous_;
 };
 
 TEST_F(StateFileTest, FailedWritesKeepThePreviousState) {
-  const Bytes old = Pattern(1024, 5);
+  const Bytes old = Pattern(1024, 5), fresh = Pattern(2048, 77);
   ASSERT_EQ(ZELFile_Write(path_.c_str(), old.data(), 1024), STATUS_OK);
-  const Bytes fresh = Pattern(2048, 77);
+  EXPECT_EQ(ZELFile_Write(path_.c_str(), old.data(), 0), STATUS_BAD_PARAM);
+  EXPECT_EQ(ZELFile_Write(path_.c_str(), nullptr, 10), STATUS_BAD_PARAM);
+  EXPECT_EQ(ZELFile_Write(path_.c_str(), old.data(), 0xFFFFFE01u), STATUS_BAD_PARAM);
   const std::string tmp = path_ + ".tmp";
-  struct Case {
-    FailingIo::Step step;
+  using Step = FaultIo::Step;
+  const struct {
+    Step step;
     ReturnStatus status;
     std::string message;
   } cases[] = {
-      {FailingIo::Step::kTruncate, STATUS_IO_ERROR,
+      {Step::kTruncate, STATUS_IO_ERROR,
        "failed to truncate zelfile " + tmp + ", error: Input/output error\n"},
-      {FailingIo::Step::kPwrite, STATUS_WRITE_ERROR,
+      {Step::kPwrite, STATUS_WRITE_ERROR,
        "failed to write zelfile " + tmp + ", error: No space left on device\n"},
-      {FailingIo::Step::kShortPwrite, STATUS_WRITE_ERROR, "failed to write zelfile " + tmp},
-      {FailingIo::Step::kRename, STATUS_WRITE_ERROR,
+      {Step::kShortPwrite, STATUS_WRITE_ERROR, "failed to write zelfile " + tmp},
+      {Step::kRename, STATUS_WRITE_ERROR,
        "failed to rename zelfile " + tmp + ", error: Invalid cross-device link\n"},
   };
-  for (const Case &c : cases) {
+  for (const auto &c : cases) {
     zeltest::LogCapture log;
     {
-      FailingIo io(c.step);
+      FaultIo io(c.step, false);
       EXPECT_EQ(ZELFile_Write(path_.c_str(), fresh.data(), 2048), c.status);
     }
     EXPECT_EQ(Slurp(path_), old);
-    if (c.step != FailingIo::Step::kTruncate) {
-      EXPECT_GE(fs::file_size(tmp), 1u);  // truncated to 1, never to 0
-    }
+    EXPECT_GE(fs::file_size(tmp), c.step != Step::kTruncate);  // truncated to 1, never to 0
     ASSERT_EQ(log.Host().size(), 1u);
     EXPECT_EQ(log.Host()[0].second.rfind(c.message, 0), 0u) << log.Host()[0].second;
   }
   // The next write reuses the temporary file.
   ASSERT_EQ(ZELFile_Write(path_.c_str(), fresh.data(), 2048), STATUS_OK);
   EXPECT_EQ(Slurp(path_), fresh);
+  zeltest::LogCapture log;
+  const std::string nowhere = dir_ + "/missing/zel.state";
+  EXPECT_EQ(ZELFile_Write(nowhere.c_str(), old.data(), 512), STATUS_IO_ERROR);
+  EXPECT_EQ(log.Host().back().second, "failed to open zelfile " + nowhere +
+                                          ".tmp for write, error: No such file or directory\n");
 }
 
-// Kills the process when the write reaches a chosen call.
-class KillingIo : public zel::host::SystemFileIo {
- public:
-  explicit KillingIo(int killAt) : killAt_(killAt) {}
-  int Open(const char *p, int f, mode_t m) override { return Step(SystemFileIo::Open(p, f, m)); }
-  int Ftruncate(int fd, off_t l) override { return Step(SystemFileIo::Ftruncate(fd, l)); }
-  ssize_t Pwrite(int fd, const void *b, size_t c, off_t o) override {
-    // Half of the data reaches the file before the process dies.
-    if (calls_ + 1 == killAt_) SystemFileIo::Pwrite(fd, b, c / 2, o), kill(getpid(), SIGKILL);
-    return Step(SystemFileIo::Pwrite(fd, b, c, o));
-  }
-  int Rename(const char *a, const char *b) override { return Step(SystemFileIo::Rename(a, b)); }
-
- private:
-  template <typename T>
-  T Step(T result) {
-    if (++calls_ == killAt_) kill(getpid(), SIGKILL);
-    return result;
-  }
-  int killAt_;
-  int calls_ = 0;
-};
-
+// A writer killed before the rename leaves the old state (also with half the
+// data written), after it the new one.
 TEST_F(StateFileTest, KilledWriterLeavesOldOrNewState) {
-  const Bytes old = Pattern(1536, 1);
-  const Bytes fresh = Pattern(3072, 2);
-  // Calls of a write: open (a second one when direct I/O is refused),
-  // truncate, pwrite, rename.  Every kill point leaves the old or the new
-  // state; killing before the write began leaves the old one, after the
-  // rename the new one.
-  for (int killAt = 1; killAt <= 5; ++killAt) {
+  const Bytes old = Pattern(1536, 1), fresh = Pattern(3072, 2);
+  using Step = FaultIo::Step;
+  for (Step step : {Step::kOpen, Step::kTruncate, Step::kShortPwrite, Step::kRename}) {
+    SCOPED_TRACE(static_cast<int>(step));
     ASSERT_EQ(ZELFile_Write(path_.c_str(), old.data(), 1536), STATUS_OK);
     fs::remove(path_ + ".tmp");
     const pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
-      KillingIo io(killAt);
-      zel::host::SetFileIo(&io);
+      FaultIo io(step, true);
       ZELFile_Write(path_.c_str(), fresh.data(), 3072);
       _exit(0);
     }
     int wstatus = 0;
     ASSERT_EQ(waitpid(child, &wstatus, 0), child);
-    ASSERT_TRUE(WIFSIGNALED(wstatus) || killAt == 5) << "kill point " << killAt;
-    const Bytes now = Slurp(path_);
-    EXPECT_TRUE(now == old || now == fresh) << "kill point " << killAt;
-    if (killAt == 1) {
-      EXPECT_EQ(now, old);
-    }
-    if (killAt == 5) {
-      EXPECT_EQ(now, fresh);
-    }
+    ASSERT_TRUE(WIFSIGNALED(wstatus));
+    EXPECT_EQ(Slurp(path_), step == Step::kRename ? fresh : old);
   }
 }
 

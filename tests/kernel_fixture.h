@@ -1,15 +1,13 @@
-// Shared by the tests of the kernel's property lists and the persistent
-// retrievals: an emulated kernel module installed as the device, and
-// builders of switches, ports and properties inside it.
+// An emulated kernel module installed as the device, and builders of
+// switches, ports and properties inside it.
 #pragma once
 
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "kernel/channel.h"
@@ -22,13 +20,6 @@
 #include "zel/kernel.h"
 #include "zel/state.h"
 
-namespace zel::sim {
-// Readable failures: name, type and value length.
-inline void PrintTo(const PropView &p, std::ostream *os) {
-  *os << p.name << "/" << p.type << "/" << p.value.size() << "B";
-}
-}  // namespace zel::sim
-
 namespace zelkerneltest {
 
 using zelstatetest::Bytes;
@@ -37,11 +28,13 @@ using zelstatetest::U32;
 using Prop = zel::sim::PropView;
 using Props = zel::sim::PropsView;
 using zel::sim::SwitchView;
+using V = std::vector<std::string>;
+using zelstatetest::DatabaseEmpty;
 
 inline Props Entries(PropertyList *list) { return zel::sim::ViewList(list); }
 
-inline std::vector<std::string> Names(const Props &props) {
-  std::vector<std::string> names;
+inline V Names(const Props &props) {
+  V names;
   for (const Prop &p : props) names.push_back(p.name);
   return names;
 }
@@ -74,16 +67,13 @@ inline std::vector<SwitchView> View(const void *blob, uint32_t length) {
   return out;
 }
 
-inline std::vector<std::string> PortIds(const SwitchView &sw) {
-  std::vector<std::string> ids;
+inline V PortIds(const SwitchView &sw) {
+  V ids;
   for (const auto &port : sw.ports) ids.push_back(port.id);
   return ids;
 }
 
-using zelstatetest::DatabaseEmpty;
-
-// Every test drives its own emulated module through the library, with a
-// host limit of 4096 ports on both sides.
+// A host limit of 4096 ports on both sides.
 class KernelTest : public ::testing::Test {
  protected:
   void SetUp() override { zel::state::testing::SetPortLimit(4096); }
@@ -99,14 +89,13 @@ class KernelTest : public ::testing::Test {
   using SetFn = ReturnStatus (*)(const char *, const char *, const void *, uint32_t, uint32_t);
   static void SetProps(SetFn set, const char *sw, const Props &props) {
     for (const Prop &p : props) {
-      ASSERT_EQ(set(sw, p.name.c_str(), p.value.data(), static_cast<uint32_t>(p.value.size()), p.type),
-                STATUS_OK)
-          << p.name;
+      const auto size = static_cast<uint32_t>(p.value.size());
+      ASSERT_EQ(set(sw, p.name.c_str(), p.value.data(), size, p.type), STATUS_OK) << p.name;
     }
   }
-  static void SetGlobal(const char *sw, const Props &props) { SetProps(ZELPYX_GlobalPropSet, sw, props); }
-  static void SetHost(const char *sw, const Props &props) { SetProps(ZELPYX_HostPropSet, sw, props); }
-  // A port of the given kind (normal: no kind property) with initial props.
+  static void SetGlobal(const char *sw, const Props &p) { SetProps(ZELPYX_GlobalPropSet, sw, p); }
+  static void SetHost(const char *sw, const Props &p) { SetProps(ZELPYX_HostPropSet, sw, p); }
+  // A normal port has no kind property.
   static void AddPort(const char *sw, const char *port, const Props &props = {},
                       uint32_t kind = PORT_KIND_NORMAL) {
     Props all = props;

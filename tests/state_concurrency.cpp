@@ -55,14 +55,10 @@ TEST_F(StateConcurrencyTest, SharedSwitchesUnderTheHandleLock) {
             ZELState_SwitchAdd(sw.c_str(), "vswitch", 0, 7);
             break;
           case 1:
-            if (ZELState_SwitchRemove(sw.c_str()) == STATUS_OK) {
-              ++removed;
-            }
+            if (ZELState_SwitchRemove(sw.c_str()) == STATUS_OK) ++removed;
             break;
           case 2:
-            if (AddPort(sw.c_str(), port.c_str()) == STATUS_OK) {
-              ++added;
-            }
+            if (AddPort(sw.c_str(), port.c_str()) == STATUS_OK) ++added;
             break;
           case 3: {
             PortState *p = ZELState_PortFind(sw.c_str(), port.c_str());
@@ -82,9 +78,7 @@ TEST_F(StateConcurrencyTest, SharedSwitchesUnderTheHandleLock) {
       }
     });
   }
-  for (auto &th : threads) {
-    th.join();
-  }
+  for (auto &th : threads) th.join();
   EXPECT_GT(added.load(), 0);
   EXPECT_GT(removed.load(), 0);
   EXPECT_EQ(CountPortsByWalking(), HostPorts());
@@ -123,9 +117,7 @@ TEST_F(StateConcurrencyTest, OwnSwitchesWithoutTheHandleLock) {
       }
     });
   }
-  for (auto &th : threads) {
-    th.join();
-  }
+  for (auto &th : threads) th.join();
   EXPECT_EQ(CountPortsByWalking(), HostPorts());
   for (int t = 0; t < kThreads; ++t) {
     SwitchState *sw = ZELState_SwitchFind(("own" + std::to_string(t)).c_str());

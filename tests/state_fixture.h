@@ -1,5 +1,4 @@
-// Shared by the state database tests: a fixture that starts every test with
-// an empty table and a known system-wide port limit, and small builders.
+// The state database tests' fixture and builders.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -36,7 +35,9 @@ inline Bytes U32(uint32_t v) {
 // A malloc-backed list holding the properties in order (type 16).
 inline PropertyList *MakeList(const Props &props, uint32_t propType = ZELDATA_PROPTYPE_LIBRARY) {
   PropertyList *list = nullptr;
-  EXPECT_EQ(ZELData_Alloc(&list, [](uint64_t n) { return std::malloc(n); }, std::free), STATUS_OK);
+  EXPECT_EQ(ZELData_Alloc(
+                &list, [](uint64_t n) { return std::malloc(n); }, std::free),
+            STATUS_OK);
   for (const auto &[name, value] : props) {
     EXPECT_EQ(ZELData_Append(list, name.c_str(), value.data(), static_cast<uint32_t>(value.size()),
                              propType),
@@ -52,8 +53,8 @@ inline Props ListProps(PropertyList *list) {
   while (ZELData_Next(list, entry, &entry) == STATUS_OK) {
     void *value = nullptr;
     uint32_t length = ZELData_Data(entry, &value);
-    auto *bytes = static_cast<const uint8_t *>(value);
-    props.emplace_back(ZELData_Name(entry), Bytes(bytes, bytes + length));
+    props.emplace_back(ZELData_Name(entry), Bytes(static_cast<uint8_t *>(value),
+                                                  static_cast<uint8_t *>(value) + length));
   }
   return props;
 }
@@ -62,8 +63,7 @@ inline Bytes Serialize(PropertyList *list, uint32_t version = 7) {
   void *buffer = nullptr;
   uint32_t length = 0;
   EXPECT_EQ(ZELData_Serialize(list, &buffer, &length, version), STATUS_OK);
-  auto *bytes = static_cast<const uint8_t *>(buffer);
-  Bytes out(bytes, bytes + length);
+  Bytes out(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length);
   ZELData_FreeAssocData(list, buffer);
   return out;
 }
@@ -80,8 +80,7 @@ inline Bytes StateBlob() {
   void *buffer = nullptr;
   uint32_t length = 0;
   EXPECT_EQ(ZELState_ConfigSerialize(&buffer, &length), STATUS_OK);
-  auto *bytes = static_cast<const uint8_t *>(buffer);
-  Bytes out(bytes, bytes + length);
+  Bytes out(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length);
   std::free(buffer);
   return out;
 }
@@ -90,9 +89,7 @@ inline ReturnStatus AddPort(const char *sw, const char *port, PortKind kind = PO
                             const Props &props = {}) {
   PropertyList *list = MakeList(props);
   ReturnStatus status = ZELStatePortAdd(sw, port, list, kind);
-  if (status != STATUS_OK) {
-    ZELData_Free(list);
-  }
+  if (status != STATUS_OK) ZELData_Free(list);
   return status;
 }
 
@@ -122,14 +119,20 @@ class StateTest : public ::testing::Test {
   void SetUp() override { zel::state::testing::SetPortLimit(4096); }
   void TearDown() override {
     zeltest::failalloc::FailAt(0);
-    // Records go back to the allocator they came from before it is restored.
-    zel::state::testing::SetPortLimit(0);
+    zel::state::testing::SetPortLimit(0);  // empties the table before the allocator changes
     zel::state::testing::SetAllocator(nullptr, nullptr);
   }
   // Output of fn at debug level `level`.
   static std::string Output(int level, const std::function<void()> &fn) {
     zeltest::ScopedLevel scoped(zel_debug, level);
     return zeltest::CaptureStdout(fn);
+  }
+  // Expects fn to return `status` and print exactly `text` at debug level `level`.
+  static void ExpectOutput(int level, const std::function<ReturnStatus()> &fn, ReturnStatus status,
+                           const std::string &text) {
+    ReturnStatus got = STATUS_OK;
+    EXPECT_EQ(Output(level, [&] { got = fn(); }), text);
+    EXPECT_EQ(got, status);
   }
 };
 

@@ -16,15 +16,11 @@ class StatePersistTest : public StateTest {
   void SetUp() override {
     StateTest::SetUp();
     // Garbage the operations must overwrite (or must leave alone).
-    for (auto &entry : array_) {
-      entry = reinterpret_cast<SwitchState *>(0x1);
-    }
+    for (auto &entry : array_) entry = reinterpret_cast<SwitchState *>(0x1);
     std::memset(ids_, 'x', sizeof ids_);
   }
   void TearDown() override {
-    if (array_[0] != reinterpret_cast<SwitchState *>(0x1)) {
-      ZELState_FreeZELArray(array_);
-    }
+    if (array_[0] != reinterpret_cast<SwitchState *>(0x1)) ZELState_FreeZELArray(array_);
     StateTest::TearDown();
   }
   static void Add(const char *id, bool noPersist = false, uint8_t flag = 1) {
@@ -36,16 +32,12 @@ class StatePersistTest : public StateTest {
   }
   std::vector<std::string> ArrayIds() const {
     std::vector<std::string> out;
-    for (SwitchState *sw : array_) {
-      out.push_back(sw != nullptr ? ZEL_SwitchId(sw) : "");
-    }
+    for (SwitchState *sw : array_) out.push_back(sw != nullptr ? ZEL_SwitchId(sw) : "");
     return out;
   }
   static std::vector<std::string> Expect(std::initializer_list<std::pair<int, const char *>> at) {
     std::vector<std::string> v(ZEL_MAX_SWITCHES, "");
-    for (const auto &[slot, id] : at) {
-      v[slot] = id;
-    }
+    for (const auto &[slot, id] : at) v[slot] = id;
     return v;
   }
 
@@ -88,17 +80,13 @@ TEST_F(StatePersistTest, StripListsMarkedSwitchesAndParksTheRest) {
 
 TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitches) {
   // The array holds switches in slots 0 and 2 ...
-  for (const char *id : {"x0", "hole", "x2"}) {
-    Add(id);
-  }
+  for (const char *id : {"x0", "hole", "x2"}) Add(id);
   Add("dummy", true);
   ASSERT_EQ(ZELState_SwitchRemove("hole"), STATUS_OK);
   ASSERT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
   ASSERT_EQ(ArrayIds(), Expect({{0, "x0"}, {2, "x2"}}));
   // ... and the table a named switch in slot 5 and another in slot 6.
-  for (const char *id : {"f0", "f1", "f2", "f3", "f4", "named", "other"}) {
-    Add(id);
-  }
+  for (const char *id : {"f0", "f1", "f2", "f3", "f4", "named", "other"}) Add(id);
   for (const char *id : {"f0", "f1", "f2", "f3", "f4"}) {
     ASSERT_EQ(ZELState_SwitchRemove(id), STATUS_OK);
   }

@@ -7,20 +7,24 @@
 
 namespace zeltest {
 
-std::string CaptureStdout(const std::function<void()> &fn) {
-  fflush(stdout);
-  testing::internal::CaptureStdout();
+namespace {
+template <void (*Start)(), std::string (*Stop)()>
+std::string Capture(FILE *stream, const std::function<void()> &fn) {
+  fflush(stream);
+  Start();
   fn();
-  fflush(stdout);
-  return testing::internal::GetCapturedStdout();
+  fflush(stream);
+  return Stop();
 }
+}  // namespace
 
+std::string CaptureStdout(const std::function<void()> &fn) {
+  return Capture<testing::internal::CaptureStdout, testing::internal::GetCapturedStdout>(stdout,
+                                                                                         fn);
+}
 std::string CaptureStderr(const std::function<void()> &fn) {
-  fflush(stderr);
-  testing::internal::CaptureStderr();
-  fn();
-  fflush(stderr);
-  return testing::internal::GetCapturedStderr();
+  return Capture<testing::internal::CaptureStderr, testing::internal::GetCapturedStderr>(stderr,
+                                                                                         fn);
 }
 
 namespace failalloc {
@@ -39,13 +43,9 @@ int64_t Live() { return g_live; }
 
 void *Alloc(uint64_t bytes) {
   ++g_calls;
-  if (g_failAt != 0 && g_calls == g_failAt) {
-    return nullptr;
-  }
+  if (g_failAt != 0 && g_calls == g_failAt) return nullptr;
   void *p = std::malloc(bytes);
-  if (p != nullptr) {
-    ++g_live;
-  }
+  g_live += p != nullptr;
   return p;
 }
 
