@@ -47,7 +47,7 @@ class ScriptedDevice : public zel::host::DeviceTransport {
   };
   Answer answer = [](unsigned long, ZELPYXCommand *) { return 0; };
   std::atomic<bool> openFails{false};
-  std::atomic<int> opens{0}, failedOpens{0}, closes{0}, openDelayMs{0};
+  std::atomic<int> opens{0}, failedOpens{0}, closes{0}, openDelayMs{0}, firstFd{40};
   int lastFlags = -1;
   std::string lastPath;
 
@@ -56,7 +56,7 @@ class ScriptedDevice : public zel::host::DeviceTransport {
     std::lock_guard<std::mutex> lock(mutex_);
     lastPath = path;
     lastFlags = flags;
-    if (!openFails) return 40 + opens++;
+    if (!openFails) return firstFd + opens++;
     ++failedOpens;
     errno = ENOENT;
     return -1;
@@ -277,6 +277,7 @@ TEST_F(KernelChannelTest, MissingDeviceFailsEveryExchangeAndIsRetried) {
   EXPECT_EQ(device.failedOpens, 3);
   EXPECT_TRUE(device.calls().empty());
   device.openFails = false;
+  device.firstFd = 0;  // a valid descriptor like any other
   EXPECT_EQ(ZELPYX_SwitchRemove("sw"), STATUS_OK);
   EXPECT_EQ(ZELPYX_SwitchRemove("sw"), STATUS_OK);
   EXPECT_EQ(device.opens, 1);
