@@ -101,15 +101,9 @@ class Daemon {
   }
   void Kill(int sig) {
     if (pid_ <= 0) return;
-    ::kill(pid_, sig);
-    if (sig == SIGSTOP) {  // stopped for sure before the caller's next request
-      int status = 0;
-      ::waitpid(pid_, &status, WUNTRACED);
-    }
-    if (sig == SIGKILL) {
-      ::waitpid(pid_, nullptr, 0);
-      pid_ = -1;
-    }
+    ::kill(pid_, sig);  // SIGSTOP or SIGKILL: stopped or gone before the caller goes on
+    ::waitpid(pid_, nullptr, sig == SIGSTOP ? WUNTRACED : 0);
+    if (sig == SIGKILL) pid_ = -1;
   }
   // Descriptors and threads of the daemon, to see that nothing leaks.
   std::pair<size_t, int> Resources() const {
@@ -128,13 +122,13 @@ class Daemon {
     return ::popen(("ZEL_KMOD_SOCKET=" + socket_ + shim + ZEL_AGENT " " + args + " 2>&1").c_str(),
                    "r");
   }
-  int RunAgent(const std::string &args, std::string *out = nullptr) const {
+  // An agent's exit code and output.
+  std::pair<int, std::string> RunAgent(const std::string &args) const {
     FILE *f = Agent(args);
     std::string text;
     for (char buf[256]; std::fgets(buf, sizeof buf, f) != nullptr;) text += buf;
-    if (out != nullptr) *out = text;
     const int status = ::pclose(f);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, text};
   }
   const std::string &socket() const { return socket_; }
 
@@ -144,22 +138,18 @@ class Daemon {
   pid_t pid_ = -1;
 };
 
-TEST(KmodProcess, TwoAgentsAddingPortsToOneSwitchAtOnceLoseNone) {
+// Agents adding ports at once lose none; a client killed in the middle of a
+// frame leaves nothing behind; malformed frames are refused and the daemon
+// serves on.
+TEST(KmodProcess, AgentsDeadClientsAndMalformedFramesLeaveTheDaemonServing) {
   Daemon daemon;
   daemon.Start();
-  ASSERT_EQ(daemon.RunAgent("add-switch sw-blue"), 0);
+  ASSERT_EQ(daemon.RunAgent("add-switch sw-blue").first, 0);
   FILE *a = daemon.Agent("add-ports sw-blue a 150"), *b = daemon.Agent("add-ports sw-blue b 150");
   EXPECT_EQ(::pclose(a), 0);
   EXPECT_EQ(::pclose(b), 0);
-  std::string count;
-  EXPECT_EQ(daemon.RunAgent("count sw-blue", &count), 0);
-  EXPECT_EQ(count, "300\n");
-}
+  EXPECT_EQ(daemon.RunAgent("count sw-blue"), std::pair(0, std::string("300\n")));
 
-TEST(KmodProcess, AClientKilledMidRequestLeavesTheDaemonServingAndNothingBehind) {
-  Daemon daemon;
-  daemon.Start();
-  ASSERT_EQ(daemon.RunAgent("add-switch sw-blue"), 0);
   // Idle: the accepting thread alone, every earlier connection gone.
   ASSERT_TRUE(WaitFor([&] { return daemon.Resources().second == 1; }));
   const auto before = daemon.Resources();
@@ -178,50 +168,64 @@ TEST(KmodProcess, AClientKilledMidRequestLeavesTheDaemonServingAndNothingBehind)
   ::waitpid(child, nullptr, 0);
   ASSERT_TRUE(connected);
   EXPECT_TRUE(WaitFor([&] { return daemon.Resources() == before; }));
-  EXPECT_EQ(daemon.RunAgent("add-ports sw-blue a 3"), 0);
-  std::string count;
-  EXPECT_EQ(daemon.RunAgent("count sw-blue", &count), 0);
-  EXPECT_EQ(count, "3\n");
+
+  const ZELPYXCommand cap = Record(zel::kmod::kMaxBuffer + 1), lying = Record(8), none = Record();
+  Bytes badMagic = OpenFrame(), huge = Frame(zel::kmod::kOpIoctl, 1), shortBody = huge;
+  badMagic[0] ^= 1;
+  reinterpret_cast<RequestHeader *>(huge.data())->bodyLen = zel::kmod::kMaxBody + 1;
+  reinterpret_cast<RequestHeader *>(shortBody.data())->bodyLen = 10;
+  shortBody.resize(shortBody.size() + 10);
+  const struct {
+    const char *what;
+    Bytes frame;
+    int error;
+    bool kept;  // the connection still serves
+  } rows[] = {
+      {"wrong magic", badMagic, EPROTO, false},
+      {"unknown op", Frame(7, 0), EPROTO, false},
+      {"body over the limit", huge, EMSGSIZE, false},
+      {"body shorter than a record", shortBody, EINVAL, true},
+      {"carried bytes other than dataLen",
+       Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_SET, &lying, Bytes(4)), EINVAL, true},
+      {"output capacity over the limit",
+       Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_GET, &cap), EMSGSIZE, true},
+      {"a second open", OpenFrame(), EINVAL, true},
+  };
+  for (const auto &r : rows) {
+    SCOPED_TRACE(r.what);
+    const int s = Connect(daemon.socket());
+    Bytes frames = OpenFrame();
+    frames.insert(frames.end(), r.frame.begin(), r.frame.end());
+    ASSERT_EQ(::write(s, frames.data(), frames.size()), ssize_t(frames.size()));
+    ReplyHeader opened{}, refused{}, next{};
+    ASSERT_EQ(::read(s, &opened, sizeof opened), ssize_t(sizeof opened));
+    EXPECT_EQ(opened.result, 0);
+    ASSERT_EQ(::recv(s, &refused, sizeof refused, MSG_WAITALL), ssize_t(sizeof refused));
+    EXPECT_EQ(refused.result, -1);
+    EXPECT_EQ(refused.error, r.error);
+    const Bytes cleanup = Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_STATE_CLEANUP, &none);
+    ::send(s, cleanup.data(), cleanup.size(), MSG_NOSIGNAL);
+    const ssize_t got = ::recv(s, &next, sizeof next, MSG_WAITALL);
+    EXPECT_EQ(got == ssize_t(sizeof next) && next.result == 0, r.kept);
+    ::close(s);
+  }
+  EXPECT_EQ(daemon.RunAgent("add-ports sw-blue c 3").first, 0);
+  EXPECT_EQ(daemon.RunAgent("count sw-blue"), std::pair(0, std::string("303\n")));
 }
 
-TEST(KmodProcess, ADaemonKilledDuringARequestFailsItAndARestartedOneServesTheNext) {
+// Without a daemon the device is missing.  The same requests through the
+// daemon and through the in-process module give the same statuses, records
+// and bytes.  A daemon killed during a request fails it; a restarted one
+// serves the next through the same descriptor, with an empty module.
+TEST(KmodProcess, BuffersAsInProcessAndADaemonKilledMidRequest) {
   Daemon daemon;
   zel::kmod::SocketTransport transport(daemon.socket());
-  EXPECT_EQ(transport.Open(ZELPYX_DEVICE_PATH, O_RDWR), -1);
-  EXPECT_EQ(errno, ENOENT);  // as the device fails without a module
-  std::string out;
-  EXPECT_EQ(daemon.RunAgent("count sw-blue", &out), 2);
-  EXPECT_NE(out.find("failed to open zeldev device " ZELPYX_DEVICE_PATH), std::string::npos);
-  daemon.Start();
-  zel::kernel::ScopedTransport use(&transport);
-  ASSERT_EQ(ZELPYX_SwitchAdd("sw-blue", "vswitch", 0, 7), STATUS_OK);
-
-  daemon.Kill(SIGSTOP);
-  auto add = [] { return ZELPYX_SwitchAdd("sw-green", "vswitch", 0, 7); };
-  auto pending = std::async(std::launch::async, add);
-  EXPECT_EQ(pending.wait_for(200ms), std::future_status::timeout);
-  daemon.Kill(SIGKILL);
-  EXPECT_EQ(pending.get(), STATUS_FAILURE);
-  EXPECT_EQ(add(), STATUS_FAILURE);
-  EXPECT_EQ(transport.Open(ZELPYX_DEVICE_PATH, O_RDWR), -1);
-  EXPECT_EQ(errno, ECONNREFUSED);  // the dead daemon's socket
-
-  daemon.Start();  // the same descriptor reaches it; its module starts empty
-  EXPECT_EQ(add(), STATUS_OK);
-  EXPECT_EQ(ZELPYX_SwitchRemove("sw-blue"), STATUS_NOT_FOUND);
-}
-
-// The same requests through the daemon and through the in-process module
-// give the same statuses, records and bytes.
-TEST(KmodProcess, BuffersTravelBothWaysAsInProcess) {
-  Daemon daemon;
-  daemon.Start();
-  zel::kmod::SocketTransport remote(daemon.socket());
   zel::sim::EmulatedKernel local;
+  std::vector<std::string> seen;
   const std::vector<uint8_t> big(40000, 0x5a);  // a state past the first reply buffer
   auto script = [&](zel::host::DeviceTransport *device) {
     zel::kernel::ScopedTransport use(device);
-    std::vector<std::string> seen;
+    seen.clear();
     auto keep = [&](ReturnStatus status, void *bytes, uint32_t length, bool owned = true) {
       seen.push_back(std::to_string(status) + ":" +
                      std::string(static_cast<char *>(bytes), bytes ? length : 0));
@@ -256,61 +260,31 @@ TEST(KmodProcess, BuffersTravelBothWaysAsInProcess) {
     keep(ZELPYX_Ioctl(ZELPYX_REQ_PORT_DATA_GET, &rec), small, sizeof small, false);
     return seen;
   };
-  const std::vector<std::string> viaDaemon = script(&remote);
-  const std::vector<std::string> inProcess = script(&local);
-  EXPECT_EQ(viaDaemon, inProcess);
-  EXPECT_EQ(viaDaemon[viaDaemon.size() - 2], "4 " + std::to_string(STATUS_LIMIT_EXCEEDED));
-  EXPECT_EQ(viaDaemon.back(), std::string("0:abc\0\5\6\7\x08", 10));
-}
-
-TEST(KmodProcess, AMalformedFrameIsAnsweredAndTheDaemonServesOn) {
-  Daemon daemon;
+  EXPECT_EQ(transport.Open(ZELPYX_DEVICE_PATH, O_RDWR), -1);
+  EXPECT_EQ(errno, ENOENT);  // as the device fails without a module
+  const auto [rc, out] = daemon.RunAgent("count sw-blue");
+  EXPECT_EQ(rc, 2);
+  EXPECT_NE(out.find("failed to open zeldev device " ZELPYX_DEVICE_PATH), std::string::npos);
   daemon.Start();
-  const ZELPYXCommand cap = Record(zel::kmod::kMaxBuffer + 1);
-  ZELPYXCommand lying = Record(8);
-  struct Row {
-    const char *what;
-    Bytes frame;
-    int error;
-    bool kept;  // the connection still serves
-  };
-  Bytes badMagic = OpenFrame(), huge = Frame(zel::kmod::kOpIoctl, 1), shortBody = huge;
-  badMagic[0] ^= 1;
-  reinterpret_cast<RequestHeader *>(huge.data())->bodyLen = zel::kmod::kMaxBody + 1;
-  reinterpret_cast<RequestHeader *>(shortBody.data())->bodyLen = 10;
-  shortBody.resize(shortBody.size() + 10);
-  const Row rows[] = {
-      {"wrong magic", badMagic, EPROTO, false},
-      {"unknown op", Frame(7, 0), EPROTO, false},
-      {"body over the limit", huge, EMSGSIZE, false},
-      {"body shorter than a record", shortBody, EINVAL, true},
-      {"carried bytes other than dataLen",
-       Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_SET, &lying, Bytes(4)), EINVAL, true},
-      {"output capacity over the limit",
-       Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_GLOBAL_PROP_GET, &cap), EMSGSIZE, true},
-      {"a second open", OpenFrame(), EINVAL, true},
-  };
-  for (const Row &r : rows) {
-    SCOPED_TRACE(r.what);
-    const int s = Connect(daemon.socket());
-    Bytes frames = OpenFrame();
-    frames.insert(frames.end(), r.frame.begin(), r.frame.end());
-    ASSERT_EQ(::write(s, frames.data(), frames.size()), ssize_t(frames.size()));
-    ReplyHeader opened{}, refused{};
-    ASSERT_EQ(::read(s, &opened, sizeof opened), ssize_t(sizeof opened));
-    EXPECT_EQ(opened.result, 0);
-    ASSERT_EQ(::recv(s, &refused, sizeof refused, MSG_WAITALL), ssize_t(sizeof refused));
-    EXPECT_EQ(refused.result, -1);
-    EXPECT_EQ(refused.error, r.error);
-    const ZELPYXCommand none = Record();
-    const Bytes cleanup = Frame(zel::kmod::kOpIoctl, ZELPYX_REQ_STATE_CLEANUP, &none);
-    ::send(s, cleanup.data(), cleanup.size(), MSG_NOSIGNAL);
-    ReplyHeader next{};
-    const ssize_t got = ::recv(s, &next, sizeof next, MSG_WAITALL);
-    EXPECT_EQ(got == ssize_t(sizeof next) && next.result == 0, r.kept);
-    ::close(s);
-  }
-  EXPECT_EQ(daemon.RunAgent("add-switch sw-blue"), 0);
+  EXPECT_EQ(script(&transport), script(&local));
+  EXPECT_EQ(seen[seen.size() - 2], "4 " + std::to_string(STATUS_LIMIT_EXCEEDED));
+  EXPECT_EQ(seen.back(), std::string("0:abc\0\5\6\7\x08", 10));
+
+  zel::kernel::ScopedTransport use(&transport);
+  ASSERT_EQ(ZELPYX_PortFind("sw-blue", "p1"), STATUS_OK);  // the plain descriptor, opened
+  daemon.Kill(SIGSTOP);
+  auto add = [] { return ZELPYX_SwitchAdd("sw-green", "vswitch", 0, 7); };
+  auto pending = std::async(std::launch::async, add);
+  EXPECT_EQ(pending.wait_for(200ms), std::future_status::timeout);
+  daemon.Kill(SIGKILL);
+  EXPECT_EQ(pending.get(), STATUS_FAILURE);
+  EXPECT_EQ(add(), STATUS_FAILURE);
+  EXPECT_EQ(transport.Open(ZELPYX_DEVICE_PATH, O_RDWR), -1);
+  EXPECT_EQ(errno, ECONNREFUSED);  // the dead daemon's socket
+
+  daemon.Start();  // the same descriptor reaches it; its module starts empty
+  EXPECT_EQ(add(), STATUS_OK);
+  EXPECT_EQ(ZELPYX_SwitchRemove("sw-blue"), STATUS_NOT_FOUND);
 }
 
 // Every answer to a damaged stream is a well-formed reply; the module descriptor is closed.
