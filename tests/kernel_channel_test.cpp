@@ -223,6 +223,13 @@ TEST_F(KernelChannelTest, FailuresStatusesAndMessages) {
   const Answer cut = [](unsigned long r, ZELPYXCommand *c) {
     return GrowTo(32768)(r, c), c->dataLen = 50000, 0;
   };
+  const Answer claimsOk = [](unsigned long, ZELPYXCommand *c) { return Fail(c, STATUS_OK, EIO); };
+  const Answer endless = [](unsigned long r, ZELPYXCommand *c) {  // always 4 KiB more
+    (r == ZELPYX_REQ_CMD_EXEC ? c->cmdOutLen : c->dataLen) += 4096;
+    return Fail(c, STATUS_LIMIT_EXCEEDED, ENOSPC);
+  };
+  const uint32_t kMax = zel::kernel::ZELPYX_MAX_REPLY_SIZE;
+  const uint32_t kRounds = zel::kernel::ZELPYX_MAX_REPLY_ROUNDS, kLast = 32768 + kRounds * 4096;
   const std::string noAlloc = "failed to alloc buffer memory";
   const struct {
     const char *label;
@@ -247,6 +254,13 @@ TEST_F(KernelChannelTest, FailuresStatusesAndMessages) {
       {"reply: limit with a smaller size", kReply, smaller, STATUS_LIMIT_EXCEEDED, "", 100, 1},
       {"reply: kernel status", kReply, notFound, STATUS_NOT_FOUND, "", 32768, 1},
       {"reply: no status written", kReply, noStatus, STATUS_FAILURE, "", 32768, 1},
+      {"reply: a failure that claims success", kReply, claimsOk, STATUS_FAILURE, "", 32768, 1},
+      {"command: a failure that claims success", kCmd, claimsOk, STATUS_FAILURE, "", 32768, 1},
+      {"reply: endless growth", kReply, endless, STATUS_LIMIT_EXCEEDED, "", kLast, kRounds},
+      {"command: endless growth", kCmd, endless, STATUS_LIMIT_EXCEEDED, "", kLast, kRounds},
+      {"reply: a size over the limit", kReply, GrowTo(kMax + 1), STATUS_LIMIT_EXCEEDED, "",
+       kMax + 1, 1},
+      {"command: the largest size", kCmd, GrowTo(~0u), STATUS_LIMIT_EXCEEDED, "", ~0u, 1},
       {"reply: no first buffer", kReply, {}, STATUS_NO_MEMORY, "", 32768, 0, 1},
       {"reply: no grown buffer", kReply, GrowTo(40000), STATUS_NO_MEMORY, "", 40000, 1, 2},
       {"command: no first buffer", kCmd, {}, STATUS_NO_MEMORY, noAlloc, 32768, 0, 1},
