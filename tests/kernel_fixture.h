@@ -5,10 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <cstring>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "kernel/channel.h"
 #include "sim/emulated_kernel.h"
@@ -67,9 +64,11 @@ inline std::vector<SwitchView> View(const void *blob, uint32_t length) {
   return out;
 }
 
-inline V PortIds(const SwitchView &sw) {
+// The ids of switches or ports.
+template <typename T>
+V Ids(const std::vector<T> &items) {
   V ids;
-  for (const auto &port : sw.ports) ids.push_back(port.id);
+  for (const T &item : items) ids.push_back(item.id);
   return ids;
 }
 

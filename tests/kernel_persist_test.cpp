@@ -3,16 +3,14 @@
 // properties and ports are left out; one port's persistable data; the search
 // by external id; the save into the configuration store; and all of it run
 // from several threads at once.
-#include <stdlib.h>
-
 #include <algorithm>
 #include <atomic>
-#include <filesystem>
 #include <latch>
 #include <thread>
 
 #include "host/configstore_client.h"
 #include "host/feature_flags.h"
+#include "hardening_support.h"
 #include "host/status_text.h"
 #include "kernel_fixture.h"
 #include "log_capture.h"
@@ -36,52 +34,58 @@ std::vector<SwitchView> Persistent(const char *statePath, ReturnStatus expect = 
   return out;
 }
 
-V Ids(const std::vector<SwitchView> &switches) {
-  V ids;
-  for (const SwitchView &sw : switches) ids.push_back(sw.id);
-  return ids;
-}
-
 class KernelPersistTest : public KernelTest {
  protected:
   void SetUp() override {
     KernelTest::SetUp();
     zel::host::SetConfigStoreFeatures(false, false);
-    char tmpl[] = "/tmp/zel-kpersist-XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
-    statePath_ = dir_ + "/zel.state";
+    zel::cfgstore::testing::UsePath((tmp_.path() + "/configstore.db").c_str());
+    zel::cfgstore::testing::ClearFailures();
   }
   void TearDown() override {
+    zel::cfgstore::testing::UsePath(nullptr);
+    zel::cfgstore::testing::ClearFailures();
     zel::host::ClearConfigStoreFeatures();
-    std::filesystem::remove_all(dir_);
     KernelTest::TearDown();
   }
-  std::string dir_, statePath_;
+  hardening::TempDir tmp_;
+  const std::string statePath_ = tmp_.path() + "/zel.state";
 };
 
 // Names with ".volatile." go at every level; only normal ports without the
-// persist marker stay.
-TEST_F(KernelPersistTest, VolatileNamesAndPortKinds) {
+// persist marker stay, and of an opaque portset's only those with ids that
+// are not numbers from 1000 on.
+TEST_F(KernelPersistTest, VolatileNamesPortKindsAndOpaquePortsets) {
   AddSwitch("a");
-  SetGlobal("a", {{"com.zorlan.common.alias", Text("blue"), 16},
-                  {"com.zorlan.common.foo.volatile.bar", {1}, 16},
-                  {ZEL_PROP_NOPERSIST, {0}, 16}});  // zero first byte: persisted
-  SetHost("a", {{"h.volatile.x", {1}, 16}, {"h.keep", {2}, 24}});
-  AddPort("a", "n1", {{"keep", {1}, 16}, {"x.volatile.y", {2}, 16}});
-  AddPort("a", "n2", {{ZEL_PROP_PORT_PERSIST, {1}, 16}});
-  AddPort("a", "s1", {}, PORT_KIND_SHADOW);
-  AddPort("a", "z1", {}, PORT_KIND_ZOMBIE);
-  AddPort("a", "c1", {}, PORT_KIND_LOCAL_CACHE);
+  SetGlobal("a", {{"com.zorlan.common.alias", Text("blue")},
+                  {"com.zorlan.common.foo.volatile.bar", {1}},
+                  {ZEL_PROP_NOPERSIST, {0}}});  // zero first byte: persisted
+  SetHost("a", {{"h.volatile.x", {1}}, {"h.keep", {2}, 24}});
+  AddPort("a", "n1", {{"keep", {1}}, {"x.volatile.y", {2}}});
+  AddPort("a", "n2", {{ZEL_PROP_PORT_PERSIST, {1}}});
+  for (uint32_t kind : {PORT_KIND_SHADOW, PORT_KIND_ZOMBIE, PORT_KIND_LOCAL_CACHE})
+    AddPort("a", std::to_string(kind).c_str(), {}, kind);
   AddPort("a", "n3");
+  const V ids = {"999", "0999", "1000", "p1000", "4000", "12", "2147483648"};
+  for (const auto &[sw, opaque] : {std::pair{"o", "true"}, {"t", "trueish"}, {"f", "false"}}) {
+    AddSwitch(sw);
+    SetHost(sw, {{"com.zorlan.common.portset.opaque", Text(opaque)}});
+    for (const std::string &id : ids) AddPort(sw, id.c_str());
+  }
+  AddPort("o", "5000", {}, PORT_KIND_SHADOW);  // no normal port of that id to remove
 
   // Nothing flagged: the state path is never read (the file does not exist).
   const auto result = Persistent(statePath_.c_str());
-  ASSERT_EQ(Ids(result), V{"a"});
-  EXPECT_EQ(result[0].global, (Props{{"com.zorlan.common.alias", Text("blue"), 16}}));
+  ASSERT_EQ(Ids(result), (V{"a", "o", "t", "f"}));
+  EXPECT_EQ(result[0].global, (Props{{"com.zorlan.common.alias", Text("blue")}}));
   EXPECT_EQ(result[0].host, (Props{{"h.keep", {2}, 24}}));
-  EXPECT_EQ(PortIds(result[0]), (V{"n1", "n3"}));
-  EXPECT_EQ(result[0].ports[0].props, (Props{{"keep", {1}, 16}}));
+  EXPECT_EQ(Ids(result[0].ports), (V{"n1", "n3"}));
+  EXPECT_EQ(result[0].ports[0].props, (Props{{"keep", {1}}}));
+  // 2147483648 overflows a 32-bit integer as the C library converts it: kept.
+  const V kept = {"999", "0999", "p1000", "12", "2147483648"};
+  EXPECT_EQ(Ids(result[1].ports), kept);
+  EXPECT_EQ(Ids(result[2].ports), kept);
+  EXPECT_EQ(Ids(result[3].ports), ids);
 
   // The caller's own buffer is used when given; too small a one is refused.
   uint8_t small[16];
@@ -92,31 +96,13 @@ TEST_F(KernelPersistTest, VolatileNamesAndPortKinds) {
   EXPECT_EQ(ZELPYX_PersistentStateGet(nullptr, &capacity), STATUS_BAD_PARAM);
 }
 
-TEST_F(KernelPersistTest, HighNumericPortsOfOpaquePortsets) {
-  const V ids = {"999", "0999", "1000", "p1000", "4000", "12", "2147483648"};
-  for (const auto &[sw, opaque] : {std::pair{"o", "true"}, {"t", "trueish"}, {"f", "false"}}) {
-    AddSwitch(sw);
-    SetHost(sw, {{"com.zorlan.common.portset.opaque", Text(opaque), 16}});
-    for (const std::string &id : ids) AddPort(sw, id.c_str());
-  }
-  AddPort("o", "5000", {}, PORT_KIND_SHADOW);  // no normal port of that id to remove
-
-  const auto result = Persistent(nullptr);
-  ASSERT_EQ(Ids(result), (V{"o", "t", "f"}));
-  // 2147483648 overflows a 32-bit integer as the C library converts it: kept.
-  const V kept = {"999", "0999", "p1000", "12", "2147483648"};
-  EXPECT_EQ(PortIds(result[0]), kept);
-  EXPECT_EQ(PortIds(result[1]), kept);
-  EXPECT_EQ(PortIds(result[2]), ids);
-}
-
 TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
   AddSwitch("keep");
   AddSwitch("flag", "etherswitch", 6);
-  SetGlobal("flag", {{ZEL_PROP_NOPERSIST, {1}, 16}, {"com.zorlan.common.alias", Text("x"), 16}});
+  SetGlobal("flag", {{ZEL_PROP_NOPERSIST, {1}}, {"com.zorlan.common.alias", Text("x")}});
   AddPort("flag", "kp");
   AddSwitch("flag2", "etherswitch", 6);
-  SetGlobal("flag2", {{ZEL_PROP_NOPERSIST, {2}, 16}});
+  SetGlobal("flag2", {{ZEL_PROP_NOPERSIST, {2}}});
 
   // Without a state path the flagged switches are simply missing.
   EXPECT_EQ(Ids(Persistent(nullptr)), V{"keep"});
@@ -132,8 +118,8 @@ TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
     zel::kernel::ScopedTransport useStored(&stored);
     AddSwitch("other");
     AddSwitch("flag", "limited", 5, 16);
-    SetGlobal("flag", {{"com.zorlan.common.alias", Text("stored"), 16}, {"a.volatile.b", {1}, 16}});
-    AddPort("flag", "sp", {{"v", {1}, 16}});
+    SetGlobal("flag", {{"com.zorlan.common.alias", Text("stored")}, {"a.volatile.b", {1}}});
+    AddPort("flag", "sp", {{"v", {1}}});
     AddPort("flag", "ss", {}, PORT_KIND_SHADOW);
     void *blob = nullptr;
     uint32_t length = 0;
@@ -146,8 +132,8 @@ TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
   EXPECT_EQ(result[1].className, "limited");
   EXPECT_EQ(result[1].version, 5u);
   EXPECT_EQ(result[1].maxPorts, 16u);
-  EXPECT_EQ(result[1].global, (Props{{"com.zorlan.common.alias", Text("stored"), 16}}));
-  EXPECT_EQ(PortIds(result[1]), V{"sp"});
+  EXPECT_EQ(result[1].global, (Props{{"com.zorlan.common.alias", Text("stored")}}));
+  EXPECT_EQ(Ids(result[1].ports), V{"sp"});
 
   // A stored state that does not load: its status, with a message.
   const Bytes garbage(700, 0x42);
@@ -162,9 +148,9 @@ TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
 
 TEST_F(KernelPersistTest, PersistentPortState) {
   AddSwitch("sw");
-  const Props kept = {{"com.zorlan.common.port.alias", Text("a"), 16}, {"acme", {1, 2}, 24}};
-  AddPort("sw", "p", {kept[0], {"com.zorlan.common.port.volatile.persist", {1}, 16}, kept[1],
-                      {"x.volatile.", {3}, 16}});
+  const Props kept = {{"com.zorlan.common.port.alias", Text("a")}, {"acme", {1, 2}, 24}};
+  AddPort("sw", "p", {kept[0], {"com.zorlan.common.port.volatile.persist", {1}}, kept[1],
+                      {"x.volatile.", {3}}});
   void *buffer = nullptr;
   uint32_t length = 0;
   for (uint32_t version : {5u, 7u}) {
@@ -185,13 +171,13 @@ TEST_F(KernelPersistTest, PortByExternalId) {
   const std::string longId(50, 'L');
   AddSwitch("sw");
   AddPort("sw", "p0");
-  AddPort("sw", "p1", {{kVnic, Text("abc"), 16}});
-  AddPort("sw", "p2", {{kPyxnic, Text("xyz"), 16}});
-  AddPort("sw", "p3", {{kVnic, Text("v"), 16}, {kPyxnic, Text("q"), 16}});
-  AddPort("sw", "p4", {{kVnic, Text(longId), 16}});
-  AddPort("sw", "p5", {{kVnic, Text(""), 16}});  // an empty id matches any search
+  AddPort("sw", "p1", {{kVnic, Text("abc")}});
+  AddPort("sw", "p2", {{kPyxnic, Text("xyz")}});
+  AddPort("sw", "p3", {{kVnic, Text("v")}, {kPyxnic, Text("q")}});
+  AddPort("sw", "p4", {{kVnic, Text(longId)}});
+  AddPort("sw", "p5", {{kVnic, Text("")}});  // an empty id matches any search
   AddSwitch("none");
-  AddPort("none", "p1", {{kVnic, Text("abc"), 16}});
+  AddPort("none", "p1", {{kVnic, Text("abc")}});
   // p3's vnic id hides its pyxnic id; a search longer than the field is
   // matched whole and echoed cut to 47 characters.
   const struct {
@@ -215,23 +201,7 @@ TEST_F(KernelPersistTest, PortByExternalId) {
   EXPECT_EQ(ZELPYX_PortGetByExternalId("sw", nullptr, &untouched), STATUS_BAD_PARAM);
 }
 
-// --- the save into the configuration store ---
-
-class KernelSaveTest : public KernelPersistTest {
- protected:
-  void SetUp() override {
-    KernelPersistTest::SetUp();
-    zel::cfgstore::testing::UsePath((dir_ + "/configstore.db").c_str());
-    zel::cfgstore::testing::ClearFailures();
-  }
-  void TearDown() override {
-    zel::cfgstore::testing::UsePath(nullptr);
-    zel::cfgstore::testing::ClearFailures();
-    KernelPersistTest::TearDown();
-  }
-};
-
-TEST_F(KernelSaveTest, FetchFailureLeavesTheStoreAlone) {
+TEST_F(KernelPersistTest, FetchFailureLeavesTheStoreAlone) {
   kernel.InjectFault({Kind::kFailWithStatus, ZELPYX_REQ_STATE_GET, STATUS_NO_MEMORY, ENOMEM});
   uint32_t status = 0;
   EXPECT_EQ(zeltest::CaptureStdout([&] { status = ZELState_SaveToConfigStore(); }),
@@ -250,23 +220,26 @@ TEST_F(KernelSaveTest, FetchFailureLeavesTheStoreAlone) {
 
 // From the emulated module into a store file, and back through the state
 // file's reader with the configuration-store features on.
-TEST_F(KernelSaveTest, SavedStateLoadsBackThroughTheStateFileReader) {
+TEST_F(KernelPersistTest, SavedStateLoadsBackThroughTheStateFileReader) {
+  // Mapped properties come back with type 16; vendor text and opaque bytes
+  // with their types; volatile names and types the store does not keep not at all.
+  const Props global = {{"acme.blob", {1, 2, 3}, 24},
+                        {"acme.rate", Text("x"), 32},
+                        {"acme.vendor", Text("v1")},
+                        {"com.zorlan.common.alias", Text("blue")},
+                        {"com.zorlan.common.respools.sched", {1}},
+                        {"com.zorlan.common.resv.threshold", U32(75), 24},
+                        {"com.zorlan.common.version", U32(7)},
+                        {"com.zorlan.common.x.volatile.y", {1}}};
+  const Props port = {{"com.zorlan.common.port.alias", Text("uplink")},
+                      {"com.zorlan.common.port.connectid", U32(77)}};
   AddSwitch("sw-1", "vswitch", 7);
-  SetGlobal("sw-1", {{"com.zorlan.common.alias", Text("blue"), 16},
-                      {"com.zorlan.common.respools.sched", {1}, 16},
-                      {"com.zorlan.common.version", U32(7), 16},
-                      {"com.zorlan.common.resv.threshold", U32(75), 24},
-                      {"acme.vendor", Text("v1"), 16},
-                      {"acme.blob", {1, 2, 3}, 24},
-                      {"acme.rate", Text("x"), 32},  // a type the store does not keep
-                      {"com.zorlan.common.x.volatile.y", {1}, 16}});
-  SetHost("sw-1", {{"com.zorlan.common.host.portset", Text("ps0"), 16}});
-  AddPort("sw-1", "10", {{"com.zorlan.common.port.alias", Text("uplink"), 16},
-                          {"com.zorlan.common.port.connectid", U32(77), 16}});
-  AddPort("sw-1", "11", {{ZEL_PROP_PORT_PERSIST, {1}, 16}});
+  SetGlobal("sw-1", global);
+  SetHost("sw-1", {{"com.zorlan.common.host.portset", Text("ps0")}});
+  AddPort("sw-1", "10", port);
+  AddPort("sw-1", "11", {{ZEL_PROP_PORT_PERSIST, {1}}});
   AddSwitch("es-2", "etherswitch", 6);
-  SetGlobal("es-2", {{"com.zorlan.common.alias", Text("green"), 16},
-                     {ZEL_PROP_NOPERSIST, {1}, 16}});
+  SetGlobal("es-2", {{"com.zorlan.common.alias", Text("green")}, {ZEL_PROP_NOPERSIST, {1}}});
 
   zeltest::ScopedLevel quiet(zelconfigstore_debug, -1);
   zeltest::LogCapture log;
@@ -286,20 +259,13 @@ TEST_F(KernelSaveTest, SavedStateLoadsBackThroughTheStateFileReader) {
   EXPECT_EQ(sw.className, "vswitch");
   EXPECT_EQ(sw.version, 7u);
   EXPECT_EQ(sw.maxPorts, 4096u);
-  // Mapped properties come back with type 16; vendor text and opaque bytes
-  // with their types; volatile names and types the store does not keep not at all.
-  Props global = sw.global;
-  std::sort(global.begin(), global.end(), [](auto &x, auto &y) { return x.name < y.name; });
-  EXPECT_EQ(global, (Props{{"acme.blob", {1, 2, 3}, 24},
-                           {"acme.vendor", Text("v1"), 16},
-                           {"com.zorlan.common.alias", Text("blue"), 16},
-                           {"com.zorlan.common.respools.sched", {1}, 16},
-                           {"com.zorlan.common.resv.threshold", U32(75), 16},
-                           {"com.zorlan.common.version", U32(7), 16}}));
-  EXPECT_EQ(sw.host, (Props{{"com.zorlan.common.host.portset", Text("ps0"), 16}}));
-  ASSERT_EQ(PortIds(sw), V{"10"});
-  EXPECT_EQ(sw.ports[0].props, (Props{{"com.zorlan.common.port.alias", Text("uplink"), 16},
-                                      {"com.zorlan.common.port.connectid", U32(77), 16}}));
+  Props saved = sw.global;
+  std::sort(saved.begin(), saved.end(), [](auto &x, auto &y) { return x.name < y.name; });
+  EXPECT_EQ(saved, (Props{global[0], global[2], global[3], global[4],
+                          {global[5].name, global[5].value}, global[6]}));
+  EXPECT_EQ(sw.host, (Props{{"com.zorlan.common.host.portset", Text("ps0")}}));
+  ASSERT_EQ(Ids(sw.ports), V{"10"});
+  EXPECT_EQ(sw.ports[0].props, port);
 
   // Saving one switch that the kernel no longer has deletes its object.
   ASSERT_EQ(ZELPYX_SwitchRemove("sw-1"), STATUS_OK);
@@ -319,11 +285,11 @@ TEST_F(KernelConcurrency, RetrievalsAndSlicesRunTogether) {
   for (int s = 0; s < 4; ++s) {
     const std::string sw = "sw" + std::to_string(s);
     AddSwitch(sw.c_str());
-    SetGlobal(sw.c_str(), {{"acme.g", Text("x"), 16}});
+    SetGlobal(sw.c_str(), {{"acme.g", Text("x")}});
     for (int p = 0; p < 8; ++p) {
       const std::string port = std::to_string(p);
       AddPort(sw.c_str(), port.c_str(), {{"com.zorlan.port.extraConfig.vnic.external.id",
-                                          Text("ext-" + sw + "-" + port), 16}});
+                                          Text("ext-" + sw + "-" + port)}});
     }
   }
   constexpr int kThreads = 6, kRounds = 25;
@@ -381,6 +347,39 @@ TEST_F(KernelConcurrency, RetrievalsAndSlicesRunTogether) {
   });
   for (auto &th : threads) th.join();
   EXPECT_FALSE(sawScratch.load());
+}
+
+// Many clients driving one emulated module through the channel at once.
+TEST(SimKernelConcurrency, ParallelClientsSeeAConsistentModule) {
+  zel::sim::EmulatedKernel kernel;
+  zel::kernel::ScopedTransport use(&kernel);
+  constexpr int kThreads = 6, kPorts = 40;
+  std::latch start(kThreads);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      const std::string sw = "sw" + std::to_string(t);
+      start.arrive_and_wait();
+      EXPECT_EQ(ZELPYX_SwitchAdd(sw.c_str(), "vswitch", 0, 7), STATUS_OK);
+      for (int p = 0; p < kPorts; ++p) {
+        const std::string port = std::to_string(p);
+        EXPECT_EQ(ZELPYX_PortAdd(sw.c_str(), port.c_str(), nullptr, 0), STATUS_OK);
+        EXPECT_EQ(ZELPYX_PortDataSet(sw.c_str(), port.c_str(), "n", &p, sizeof p, 16), STATUS_OK);
+        void *state = nullptr;
+        uint32_t len = 0;
+        EXPECT_EQ(ZELPYX_StateGet(&state, &len), STATUS_OK);
+        ZELPYX_DataFree(state);
+      }
+    });
+  }
+  for (auto &th : threads) th.join();
+  void *out = nullptr;
+  uint32_t len = 0;
+  ASSERT_EQ(ZELPYX_CmdExec("", "stats", nullptr, 0, &out, &len), STATUS_OK);
+  EXPECT_EQ(std::string(static_cast<char *>(out), len),
+            "switches 6\nports 240\nhostPortLimit 4096\n");
+  ZELPYX_DataFree(out);
+  EXPECT_EQ(kernel.counters().opens, kernel.counters().closes + 1);
 }
 
 }  // namespace

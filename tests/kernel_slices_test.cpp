@@ -8,8 +8,8 @@ namespace {
 using namespace zelkerneltest;
 
 TEST(KernelNamePatterns, StripExtractAndPrefixes) {
-  const Props base = {{"a.com.zorlan.x", {1}, 16}, {"b", {2}, 32}, {"com.zorlan.x.c", {3}, 16},
-                      {"keep.me", {4}, 16},        {"d", {5}, 24}};
+  const Props base = {{"a.com.zorlan.x", {1}}, {"b", {2}, 32}, {"com.zorlan.x.c", {3}},
+                      {"keep.me", {4}},        {"d", {5}, 24}};
   // Other types go, the pattern goes, exception names (whole names only) stay
   // whatever their type.  Lists from outside may repeat a name: removal by
   // name must never free an entry the walk still stands on.
@@ -29,15 +29,15 @@ TEST(KernelNamePatterns, StripExtractAndPrefixes) {
        {base[1], base[2], base[3]}},
       {base, [](PropertyList *l) { return ZELPYXExtractNamedPropForType(l, "com.zorlan.x", 16); },
        {base[0], base[2]}},
-      {{{"com.zorlan.x.X", {1}, 16}, {"com.zorlan.x.", {1}, 16}},
+      {{{"com.zorlan.x.X", {1}}, {"com.zorlan.x.", {1}}},
        [&](PropertyList *l) { return ZELPYXStripNamedPropForType(l, "com.zorlan.x", whole, 16); },
-       {{"com.zorlan.x.", {1}, 16}}},
-      {{{"dup", {1}, 16}, {"keep", {2}, 16}, {"dup", {3}, 32}},
+       {{"com.zorlan.x.", {1}}}},
+      {{{"dup", {1}}, {"keep", {2}}, {"dup", {3}, 32}},
        [](PropertyList *l) { return ZELPYXStripNamedPropForType(l, "zzz", nullptr, 16); },
-       {{"keep", {2}, 16}}},
-      {{{"dup", {1}, 32}, {"dup", {2}, 16}, {"x", {3}, 32}},
+       {{"keep", {2}}}},
+      {{{"dup", {1}, 32}, {"dup", {2}}, {"x", {3}, 32}},
        [](PropertyList *l) { return ZELPYXStripNamedPropForType(l, "zzz", nullptr, 16); },
-       {{"dup", {2}, 16}}},
+       {{"dup", {2}}}},
   };
   for (const auto &c : cases) {
     PropertyList *list = MakeList(c.in);
@@ -85,22 +85,22 @@ class KernelSlicesTest : public KernelTest {
 
 TEST_F(KernelSlicesTest, VendorListsAndTheVersion107Strip) {
   AddSwitch("sky");
-  SetGlobal("sky", {{"com.zorlan.common.alias", Text("sky"), 16},
-                    {"acme.feature", Text("on"), 16},
+  SetGlobal("sky", {{"com.zorlan.common.alias", Text("sky")},
+                    {"acme.feature", Text("on")},
                     {"acme.other", Text("x"), 32},
-                    {"com.zorlan.vswitch.disabled", Text("no"), 16},
-                    {"com.zorlan.vswitch.mtu", U32(9000), 16},
-                    {"com.zorlan.etherswitch.lacp", {1}, 16},
-                    {"dvfilter-generic-acme", {1}, 16},
-                    {"com.zorlan.qorData.a", {1}, 16},
-                    {"com.zorlan.extraconfig.k", Text("v"), 16},
-                    {"vendor.com.zorlan.common.inside", {1}, 16},
-                    {"com.zorlan.qor.vdr.dvptracking", {1}, 16}});
-  SetHost("sky", {{"com.zorlan.common.host.portset", Text("ps"), 16},
-                  {"com.zorlan.extraconfig.h", Text("v"), 16},
-                  {"acme.host", Text("h"), 16},
+                    {"com.zorlan.vswitch.disabled", Text("no")},
+                    {"com.zorlan.vswitch.mtu", U32(9000)},
+                    {"com.zorlan.etherswitch.lacp", {1}},
+                    {"dvfilter-generic-acme", {1}},
+                    {"com.zorlan.qorData.a", {1}},
+                    {"com.zorlan.extraconfig.k", Text("v")},
+                    {"vendor.com.zorlan.common.inside", {1}},
+                    {"com.zorlan.qor.vdr.dvptracking", {1}}});
+  SetHost("sky", {{"com.zorlan.common.host.portset", Text("ps")},
+                  {"com.zorlan.extraconfig.h", Text("v")},
+                  {"acme.host", Text("h")},
                   {"acme.host24", {7}, 24},
-                  {"com.zorlan.qor.vdr.dvptracking", {1}, 16}});
+                  {"com.zorlan.qor.vdr.dvptracking", {1}}});
 
   // No version property: the query fails and is ignored.
   const uint64_t queries = kernel.IoctlCount(ZELPYX_REQ_GLOBAL_PROP_GET);
@@ -112,30 +112,30 @@ TEST_F(KernelSlicesTest, VendorListsAndTheVersion107Strip) {
   EXPECT_EQ(Slice(ZELPYX_VendorHostPropList, "sky", 16),
             (V{"com.zorlan.extraconfig.h", "acme.host", "com.zorlan.qor.vdr.dvptracking"}));
 
-  SetGlobal("sky", {{"com.zorlan.common.version", U32(107), 16}});
+  SetGlobal("sky", {{"com.zorlan.common.version", U32(107)}});
   EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "sky", 16),
             (V{"acme.feature", "com.zorlan.vswitch.disabled"}));
   EXPECT_EQ(Slice(ZELPYX_VendorHostPropList, "sky", 24), V{"acme.host24"});
   EXPECT_EQ(Slice(ZELPYX_VendorHostPropList, "sky", 16),
             (V{"com.zorlan.extraconfig.h", "acme.host"}));
-  SetGlobal("sky", {{"com.zorlan.common.version", U32(7), 16}});
+  SetGlobal("sky", {{"com.zorlan.common.version", U32(7)}});
   EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "sky", 16).size(), 3u);
   EXPECT_EQ(ZELPYXVendorPropList("sky", nullptr, 16, 0), STATUS_BAD_PARAM);
 }
 
 TEST_F(KernelSlicesTest, ExtraConfigAndQorLists) {
   AddSwitch("sw", "etherswitch", 6);
-  SetGlobal("sw", {{"com.zorlan.extraconfig.k", Text("1"), 16},
+  SetGlobal("sw", {{"com.zorlan.extraconfig.k", Text("1")},
                    {"com.zorlan.extraconfig.j", Text("2"), 24},
-                   {"x.com.zorlan.extraconfig.m", Text("3"), 16},
-                   {"com.zorlan.extraconfigX", Text("4"), 16},
-                   {"com.zorlan.qor.a", {1}, 16},
+                   {"x.com.zorlan.extraconfig.m", Text("3")},
+                   {"com.zorlan.extraconfigX", Text("4")},
+                   {"com.zorlan.qor.a", {1}},
                    {"com.zorlan.qor.b", {2}, 24},
                    {"com.zorlan.net.portset.fc.x", {3}, 32},
                    {"com.zorlan.net.portset.fc.y", {4}, 24},
-                   {"x.com.zorlan.qor.c", {5}, 16},
-                   {"com.zorlan.vswitch.teamingPolicy", {6}, 16}});
-  SetHost("sw", {{"com.zorlan.host.feature.container", {1}, 16}, {"com.zorlan.qor.h", {2}, 32}});
+                   {"x.com.zorlan.qor.c", {5}},
+                   {"com.zorlan.vswitch.teamingPolicy", {6}}});
+  SetHost("sw", {{"com.zorlan.host.feature.container", {1}}, {"com.zorlan.qor.h", {2}, 32}});
 
   EXPECT_EQ(Slice(ZELPYX_ExtraConfigPropList, "sw", 16),
             (V{"com.zorlan.extraconfig.k", "x.com.zorlan.extraconfig.m"}));
@@ -152,10 +152,10 @@ TEST_F(KernelSlicesTest, ExtraConfigAndQorLists) {
 // The port list: 8 bytes of header, then 52-byte entries without gaps.
 TEST_F(KernelSlicesTest, SwitchPortListLayout) {
   AddSwitch("sw");
-  AddPort("sw", "p1", {{"com.zorlan.common.port.connectid", U32(0x11223344), 16}});
-  AddPort("sw", "p2", {{"com.zorlan.common.port.connectid", U32(9), 16}}, PORT_KIND_SHADOW);
+  AddPort("sw", "p1", {{"com.zorlan.common.port.connectid", U32(0x11223344)}});
+  AddPort("sw", "p2", {{"com.zorlan.common.port.connectid", U32(9)}}, PORT_KIND_SHADOW);
   AddPort("sw", "p3");
-  AddPort("sw", "p4", {{"com.zorlan.common.port.connectid", {0x05, 0x06}, 16}});  // short value
+  AddPort("sw", "p4", {{"com.zorlan.common.port.connectid", {0x05, 0x06}}});  // short value
   AddPort("sw", "p5", {}, PORT_KIND_ZOMBIE);
   AddSwitch("empty");
   const struct {
@@ -203,16 +203,16 @@ TEST_F(KernelSlicesTest, FailuresLeaveNothingBehind) {
 
 TEST_F(KernelSlicesTest, PortLists) {
   AddSwitch("sw");
-  AddPort("sw", "p", {{"com.zorlan.common.port.alias", Text("a"), 16},
-                      {"acme.port", Text("1"), 16},
+  AddPort("sw", "p", {{"com.zorlan.common.port.alias", Text("a")},
+                      {"acme.port", Text("1")},
                       {"acme.port32", Text("2"), 32},
                       {"com.zorlan.net.foo", Text("3"), 32},
                       {"com.zorlan.net.bar", Text("4"), 24},
-                      {"com.zorlan.port.extraConfig.a", Text("5"), 16},
-                      {"com.zorlan.port.extraConfigB", Text("6"), 16},
-                      {"com.zorlan.port.opaque.networkX", Text("7"), 16},
-                      {"com.zorlan.vswitch.port.vlan", Text("8"), 16},
-                      {"dvfilter-generic-1", Text("9"), 16}});
+                      {"com.zorlan.port.extraConfig.a", Text("5")},
+                      {"com.zorlan.port.extraConfigB", Text("6")},
+                      {"com.zorlan.port.opaque.networkX", Text("7")},
+                      {"com.zorlan.vswitch.port.vlan", Text("8")},
+                      {"dvfilter-generic-1", Text("9")}});
   auto port = [](ReturnStatus (*fn)(const char *, const char *, PropertyList **, uint32_t),
                  uint32_t type) {
     return Take([&](PropertyList **list) { return fn("sw", "p", list, type); });
