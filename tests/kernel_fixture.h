@@ -49,11 +49,7 @@ inline PropertyList *MakeList(const Props &props) {
 
 inline Bytes Encode(const Props &props, uint32_t version = 7) {
   PropertyList *list = MakeList(props);
-  void *buffer = nullptr;
-  uint32_t length = 0;
-  EXPECT_EQ(ZELData_Serialize(list, &buffer, &length, version), STATUS_OK);
-  Bytes out(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length);
-  ZELData_FreeAssocData(list, buffer);
+  const Bytes out = zelstatetest::Serialize(list, version);
   ZELData_Free(list);
   return out;
 }

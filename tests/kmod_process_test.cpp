@@ -16,6 +16,7 @@
 #include <random>
 #include <thread>
 
+#include "hardening_support.h"
 #include "kernel/channel.h"
 #include "sim/emulated_kernel.h"
 #include "sim/kmod/session.h"
@@ -83,11 +84,7 @@ ZELPYXCommand Record(uint32_t dataLen = 0, uint32_t cmdInLen = 0, uint32_t cmdOu
 // A zel-kmodd process on a socket of its own directory.
 class Daemon {
  public:
-  Daemon() : dir_(::mkdtemp(tmpl_)), socket_(dir_ + "/run/kmod.sock") {}
-  ~Daemon() {
-    Kill(SIGKILL);
-    fs::remove_all(dir_);
-  }
+  ~Daemon() { Kill(SIGKILL); }
   void Start() {
     pid_ = ::fork();
     if (pid_ == 0) {
@@ -133,8 +130,8 @@ class Daemon {
   const std::string &socket() const { return socket_; }
 
  private:
-  char tmpl_[32] = "/tmp/kmod-test-XXXXXX";
-  std::string dir_, socket_;
+  hardening::TempDir dir_;
+  const std::string socket_ = dir_.path() + "/run/kmod.sock";
   pid_t pid_ = -1;
 };
 

@@ -10,31 +10,23 @@
 #include <iterator>
 #include <nlohmann/json.hpp>
 
-#include "zel/data.h"
+#include "hardening_support.h"
+#include "kernel_fixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
-using Bytes = std::vector<uint8_t>;
+using zelkerneltest::Bytes;
+using zelkerneltest::Props;
+using zelkerneltest::Text;
+using zelkerneltest::U32;
 
-Bytes U32(uint32_t v) { return {uint8_t(v), uint8_t(v >> 8), uint8_t(v >> 16), uint8_t(v >> 24)}; }
-Bytes Text(const std::string &s, size_t size = 0) {
-  Bytes b(s.begin(), s.end());
-  b.resize(std::max(size, s.size() + 1), 0);
-  return b;
-}
 Bytes Cat(std::initializer_list<Bytes> parts) {
   Bytes b;
   for (const Bytes &p : parts) b.insert(b.end(), p.begin(), p.end());
   return b;
 }
 
-struct Prop {
-  std::string name;
-  Bytes value;
-  uint32_t type = 16;
-};
-using Props = std::vector<Prop>;
 struct Port {
   std::string id;
   Props props;
@@ -97,29 +89,17 @@ std::vector<Switch> Fixture() {
   return {blue, green};
 }
 
-void *Malloc(uint64_t n) { return std::malloc(n); }
-
 // Named values as serialized property data, through the library.
-Bytes Encode(const Props &props) {
-  PropertyList *list = nullptr;
-  ZELData_Alloc(&list, Malloc, std::free);
-  for (const Prop &p : props)
-    ZELData_Append(list, p.name.c_str(), p.value.data(), uint32_t(p.value.size()), p.type);
-  void *buffer = nullptr;
-  uint32_t length = 0;
-  ZELData_Serialize(list, &buffer, &length, 5);
-  Bytes out(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length);
-  ZELData_FreeAssocData(list, buffer);
-  ZELData_Free(list);
-  return out;
-}
+Bytes Encode(const Props &props) { return zelkerneltest::Encode(props, 5); }
 
 // The state blob as the library nests it (class name in its 128-byte field).
 Bytes Blob(const std::vector<Switch> &switches) {
   Props outer;
   for (const Switch &sw : switches) {
-    Props fields = {{"switchVersion", U32(sw.version)},   {"className", Text(sw.cls, 128)},
-                    {"maxPorts", U32(sw.maxPorts)},       {"globalPropList", Encode(sw.global)},
+    Bytes cls = Text(sw.cls);
+    cls.resize(128);
+    Props fields = {{"switchVersion", U32(sw.version)}, {"className", cls},
+                    {"maxPorts", U32(sw.maxPorts)},     {"globalPropList", Encode(sw.global)},
                     {"hostPropList", Encode(sw.host)}};
     for (const Port &p : sw.ports) fields.push_back({p.id, Encode(p.props)});
     outer.push_back({sw.id, Encode(fields)});
@@ -149,8 +129,6 @@ struct Result {
 // Runs zelctl in a scratch directory of its own.
 class ZelctlTest : public ::testing::Test {
  protected:
-  void TearDown() override { fs::remove_all(dir_); }
-
   std::string Path(const std::string &name) const { return dir_ + "/" + name; }
 
   Result Run(const std::string &args) {
@@ -171,8 +149,8 @@ class ZelctlTest : public ::testing::Test {
     return "file:" + name;
   }
 
-  char tmpl_[32] = "/tmp/zelctl_test_XXXXXX";
-  std::string dir_ = mkdtemp(tmpl_);
+  hardening::TempDir tmp_;
+  const std::string dir_ = tmp_.path();
 };
 
 // Compares with a golden file beside this source; ZELCTL_GOLDEN=update rewrites it.
