@@ -278,7 +278,8 @@ TEST_F(KernelPersistTest, SavedStateLoadsBackThroughTheStateFileReader) {
 // Retrievals and slices from several threads share the one state database
 // as scratch space: each must see only its own load, nobody else may ever
 // see it (a thread holding both locks in the right order finds the table
-// empty), and the lock order is checked on every acquisition.
+// empty), and the lock order is checked on every acquisition.  Meanwhile
+// every thread adds ports, and the module counts them all.
 class KernelConcurrency : public KernelTest {};
 
 TEST_F(KernelConcurrency, RetrievalsAndSlicesRunTogether) {
@@ -298,9 +299,14 @@ TEST_F(KernelConcurrency, RetrievalsAndSlicesRunTogether) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) {
     threads.emplace_back([&, t] {
-      const std::string sw = "sw" + std::to_string(t % 4);
+      const std::string sw = "sw" + std::to_string(t % 4), own = "x" + std::to_string(t);
       start.arrive_and_wait();
+      EXPECT_EQ(ZELPYX_SwitchAdd(own.c_str(), "vswitch", 0, 7), STATUS_OK);
       for (int r = 0; r < kRounds; ++r) {
+        // Each thread also grows a switch of its own as the others read.
+        const std::string id = std::to_string(r);
+        EXPECT_EQ(ZELPYX_PortAdd(own.c_str(), id.c_str(), nullptr, 0), STATUS_OK);
+        EXPECT_EQ(ZELPYX_PortDataSet(own.c_str(), id.c_str(), "n", &r, sizeof r, 16), STATUS_OK);
         void *blob = nullptr;
         uint32_t length = 0;
         PropertyList *list = nullptr;
@@ -310,7 +316,7 @@ TEST_F(KernelConcurrency, RetrievalsAndSlicesRunTogether) {
         switch ((t + r) % 5) {
           case 0:
             ASSERT_EQ(ZELPYX_PersistentStateGet(&blob, &length), STATUS_OK);
-            EXPECT_EQ(View(blob, length).size(), 4u);
+            EXPECT_GE(View(blob, length).size(), 4u);
             break;
           case 1:
             ASSERT_EQ(ZELPYX_VendorGlobalPropList(sw.c_str(), &list, 16), STATUS_OK);
@@ -347,37 +353,11 @@ TEST_F(KernelConcurrency, RetrievalsAndSlicesRunTogether) {
   });
   for (auto &th : threads) th.join();
   EXPECT_FALSE(sawScratch.load());
-}
-
-// Many clients driving one emulated module through the channel at once.
-TEST(SimKernelConcurrency, ParallelClientsSeeAConsistentModule) {
-  zel::sim::EmulatedKernel kernel;
-  zel::kernel::ScopedTransport use(&kernel);
-  constexpr int kThreads = 6, kPorts = 40;
-  std::latch start(kThreads);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&, t] {
-      const std::string sw = "sw" + std::to_string(t);
-      start.arrive_and_wait();
-      EXPECT_EQ(ZELPYX_SwitchAdd(sw.c_str(), "vswitch", 0, 7), STATUS_OK);
-      for (int p = 0; p < kPorts; ++p) {
-        const std::string port = std::to_string(p);
-        EXPECT_EQ(ZELPYX_PortAdd(sw.c_str(), port.c_str(), nullptr, 0), STATUS_OK);
-        EXPECT_EQ(ZELPYX_PortDataSet(sw.c_str(), port.c_str(), "n", &p, sizeof p, 16), STATUS_OK);
-        void *state = nullptr;
-        uint32_t len = 0;
-        EXPECT_EQ(ZELPYX_StateGet(&state, &len), STATUS_OK);
-        ZELPYX_DataFree(state);
-      }
-    });
-  }
-  for (auto &th : threads) th.join();
   void *out = nullptr;
   uint32_t len = 0;
   ASSERT_EQ(ZELPYX_CmdExec("", "stats", nullptr, 0, &out, &len), STATUS_OK);
   EXPECT_EQ(std::string(static_cast<char *>(out), len),
-            "switches 6\nports 240\nhostPortLimit 4096\n");
+            "switches 10\nports 182\nhostPortLimit 4096\n");
   ZELPYX_DataFree(out);
   EXPECT_EQ(kernel.counters().opens, kernel.counters().closes + 1);
 }

@@ -123,8 +123,26 @@ TEST_F(KernelSlicesTest, VendorListsAndTheVersion107Strip) {
   EXPECT_EQ(ZELPYXVendorPropList("sky", nullptr, 16, 0), STATUS_BAD_PARAM);
 }
 
-TEST_F(KernelSlicesTest, ExtraConfigAndQorLists) {
+// Failures hand nothing out, leave the database empty and release the lock.
+// Then the extra-config and policy lists of a switch, and a port's lists.
+TEST_F(KernelSlicesTest, ExtraConfigQorAndPortListsAfterFailures) {
   AddSwitch("sw", "etherswitch", 6);
+  PropertyList *sentinel = reinterpret_cast<PropertyList *>(&kernel);
+  PropertyList *list = sentinel;
+  ZELPYXPortList *ports = reinterpret_cast<ZELPYXPortList *>(&kernel);
+  EXPECT_EQ(ZELPYX_VendorGlobalPropList("nosw", &list, 16), STATUS_NOT_FOUND);
+  EXPECT_EQ(ZELPYX_QorPropList("nosw", 16, 1, &list), STATUS_NOT_FOUND);
+  EXPECT_EQ(ZELPYX_ExtraConfigPropList(nullptr, &list, 16), STATUS_NOT_FOUND);
+  EXPECT_EQ(ZELPYX_SwitchPortList("nosw", &ports, 1), STATUS_NOT_FOUND);
+  EXPECT_EQ(ports, reinterpret_cast<ZELPYXPortList *>(&kernel));
+  using Kind = zel::sim::EmulatedKernel::FaultKind;
+  kernel.InjectFault({Kind::kFailWithStatus, ZELPYX_REQ_STATE_GET, STATUS_NO_MEMORY, ENOMEM});
+  EXPECT_EQ(ZELPYX_VendorHostPropList("sw", &list, 16), STATUS_NO_MEMORY);
+  kernel.InjectFault({Kind::kFailWithStatus, ZELPYX_REQ_PORT_STATE_GET, STATUS_NOT_FOUND, ENOENT});
+  EXPECT_EQ(ZELPYX_VendorPortPropList("sw", "p", &list, 16), STATUS_NOT_FOUND);
+  EXPECT_EQ(list, sentinel);
+  EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "sw", 16), V{});
+
   SetGlobal("sw", {{"com.zorlan.extraconfig.k", Text("1")},
                    {"com.zorlan.extraconfig.j", Text("2"), 24},
                    {"x.com.zorlan.extraconfig.m", Text("3")},
@@ -147,6 +165,29 @@ TEST_F(KernelSlicesTest, ExtraConfigAndQorLists) {
   EXPECT_EQ(Qor("sw", 24, 1), (V{"com.zorlan.qor.b", "com.zorlan.net.portset.fc.y"}));
   EXPECT_EQ(Qor("sw", 16, 0), V{"com.zorlan.host.feature.container"});
   EXPECT_EQ(Qor("sw", 32, 0), V{"com.zorlan.qor.h"});
+
+  AddPort("sw", "p", {{"com.zorlan.common.port.alias", Text("a")},
+                      {"acme.port", Text("1")},
+                      {"acme.port32", Text("2"), 32},
+                      {"com.zorlan.net.foo", Text("3"), 32},
+                      {"com.zorlan.net.bar", Text("4"), 24},
+                      {"com.zorlan.port.extraConfig.a", Text("5")},
+                      {"com.zorlan.port.extraConfigB", Text("6")},
+                      {"com.zorlan.port.opaque.networkX", Text("7")},
+                      {"com.zorlan.vswitch.port.vlan", Text("8")},
+                      {"dvfilter-generic-1", Text("9")}});
+  auto port = [](ReturnStatus (*fn)(const char *, const char *, PropertyList **, uint32_t),
+                 uint32_t type) {
+    return Take([&](PropertyList **list) { return fn("sw", "p", list, type); });
+  };
+  EXPECT_EQ(port(ZELPYX_VendorPortPropList, 16), (V{"acme.port", "com.zorlan.port.extraConfigB"}));
+  EXPECT_EQ(port(ZELPYX_VendorPortPropList, 32), V{"acme.port32"});
+  EXPECT_EQ(port(ZELPYX_VendorPortPropList, 24), V{"com.zorlan.net.bar"});
+  // Port-level slices use neither the channel lock's scratch space nor the database.
+  const uint64_t stateGets = kernel.IoctlCount(ZELPYX_REQ_STATE_GET);
+  EXPECT_EQ(port(ZELPYX_ExtraConfigPortPropList, 16),
+            (V{"com.zorlan.port.extraConfig.a", "com.zorlan.port.extraConfigB"}));
+  EXPECT_EQ(kernel.IoctlCount(ZELPYX_REQ_STATE_GET), stateGets);
 }
 
 // The port list: 8 bytes of header, then 52-byte entries without gaps.
@@ -179,52 +220,6 @@ TEST_F(KernelSlicesTest, SwitchPortListLayout) {
     EXPECT_EQ(Bytes(raw, raw + expected.size()), expected);
     ZELPYX_DataFree(list);
   }
-}
-
-// Failures hand nothing out, leave the database empty and release the lock.
-TEST_F(KernelSlicesTest, FailuresLeaveNothingBehind) {
-  AddSwitch("sw");
-  PropertyList *sentinel = reinterpret_cast<PropertyList *>(&kernel);
-  PropertyList *list = sentinel;
-  ZELPYXPortList *ports = reinterpret_cast<ZELPYXPortList *>(&kernel);
-  EXPECT_EQ(ZELPYX_VendorGlobalPropList("nosw", &list, 16), STATUS_NOT_FOUND);
-  EXPECT_EQ(ZELPYX_QorPropList("nosw", 16, 1, &list), STATUS_NOT_FOUND);
-  EXPECT_EQ(ZELPYX_ExtraConfigPropList(nullptr, &list, 16), STATUS_NOT_FOUND);
-  EXPECT_EQ(ZELPYX_SwitchPortList("nosw", &ports, 1), STATUS_NOT_FOUND);
-  EXPECT_EQ(ports, reinterpret_cast<ZELPYXPortList *>(&kernel));
-  using Kind = zel::sim::EmulatedKernel::FaultKind;
-  kernel.InjectFault({Kind::kFailWithStatus, ZELPYX_REQ_STATE_GET, STATUS_NO_MEMORY, ENOMEM});
-  EXPECT_EQ(ZELPYX_VendorHostPropList("sw", &list, 16), STATUS_NO_MEMORY);
-  kernel.InjectFault({Kind::kFailWithStatus, ZELPYX_REQ_PORT_STATE_GET, STATUS_NOT_FOUND, ENOENT});
-  EXPECT_EQ(ZELPYX_VendorPortPropList("sw", "p", &list, 16), STATUS_NOT_FOUND);
-  EXPECT_EQ(list, sentinel);
-  EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "sw", 16), V{});
-}
-
-TEST_F(KernelSlicesTest, PortLists) {
-  AddSwitch("sw");
-  AddPort("sw", "p", {{"com.zorlan.common.port.alias", Text("a")},
-                      {"acme.port", Text("1")},
-                      {"acme.port32", Text("2"), 32},
-                      {"com.zorlan.net.foo", Text("3"), 32},
-                      {"com.zorlan.net.bar", Text("4"), 24},
-                      {"com.zorlan.port.extraConfig.a", Text("5")},
-                      {"com.zorlan.port.extraConfigB", Text("6")},
-                      {"com.zorlan.port.opaque.networkX", Text("7")},
-                      {"com.zorlan.vswitch.port.vlan", Text("8")},
-                      {"dvfilter-generic-1", Text("9")}});
-  auto port = [](ReturnStatus (*fn)(const char *, const char *, PropertyList **, uint32_t),
-                 uint32_t type) {
-    return Take([&](PropertyList **list) { return fn("sw", "p", list, type); });
-  };
-  EXPECT_EQ(port(ZELPYX_VendorPortPropList, 16), (V{"acme.port", "com.zorlan.port.extraConfigB"}));
-  EXPECT_EQ(port(ZELPYX_VendorPortPropList, 32), V{"acme.port32"});
-  EXPECT_EQ(port(ZELPYX_VendorPortPropList, 24), V{"com.zorlan.net.bar"});
-  // Port-level slices use neither the channel lock's scratch space nor the database.
-  const uint64_t stateGets = kernel.IoctlCount(ZELPYX_REQ_STATE_GET);
-  EXPECT_EQ(port(ZELPYX_ExtraConfigPortPropList, 16),
-            (V{"com.zorlan.port.extraConfig.a", "com.zorlan.port.extraConfigB"}));
-  EXPECT_EQ(kernel.IoctlCount(ZELPYX_REQ_STATE_GET), stateGets);
 }
 
 }  // namespace
