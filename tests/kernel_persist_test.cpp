@@ -8,9 +8,9 @@
 #include <latch>
 #include <thread>
 
+#include "hardening_support.h"
 #include "host/configstore_client.h"
 #include "host/feature_flags.h"
-#include "hardening_support.h"
 #include "host/status_text.h"
 #include "kernel_fixture.h"
 #include "log_capture.h"
