@@ -7,12 +7,10 @@
 #include <filesystem>
 
 #include "hardening_support.h"
-#include "state/state_testing.h"
+#include "state_fixture.h"
 #include "zel/configstore.h"
-#include "zel/data.h"
 #include "zel/file.h"
 #include "zel/kernel.h"
-#include "zel/state.h"
 
 namespace {
 
@@ -22,10 +20,8 @@ struct Row {
   const char *call;
   std::function<bool()> ok;
 };
-// clang-format off
 #define GIVES(call, result) Row{#call, [&] { return (call) == (result); }}
 #define RETURNS(call) Row{#call, [&] { return (call), true; }}
-// clang-format on
 
 TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
   namespace fs = std::filesystem;
@@ -36,9 +32,7 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
   hardening::FakeModule device;
   device.answer = [](unsigned long, ZELPYXCommand *c) { return c->status = STATUS_FAILURE, -1; };
   zel::kernel::ScopedTransport use(&device);
-  PropertyList *list = nullptr, *portList = nullptr, *out = nullptr;
-  ASSERT_EQ(ZELData_Alloc(&list, Alloc, std::free), STATUS_OK);
-  ASSERT_EQ(ZELData_Append(list, "x", "v", 2, 16), STATUS_OK);
+  PropertyList *list = zelstatetest::MakeList({{"x", {'v', 0}}}), *out = nullptr;
   PropertyEntry *entry = nullptr;
   ZELData_Lookup(list, "x", &entry);
   void *buf = nullptr, *value = nullptr;
@@ -46,13 +40,11 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
   int32_t slen = 0;
   ASSERT_EQ(ZELData_Serialize(list, &buf, &len, 7), STATUS_OK);
   ASSERT_EQ(ZELState_SwitchAdd("sw", "vswitch", 8, 7), STATUS_OK);
-  ZELData_Alloc(&portList, Alloc, std::free);
-  ASSERT_EQ(ZELState_PortAdd("sw", "1", portList), STATUS_OK);
+  ASSERT_EQ(zelstatetest::AddPort("sw", "1"), STATUS_OK);
   SwitchState *sw = ZELState_SwitchFind("sw");
   PortState *port = ZELState_PortFind("sw", "1");
   const ReturnStatus kBad = STATUS_BAD_PARAM;
   const Row rows[] = {
-      // clang-format off
       GIVES(ZELData_Alloc(nullptr, Alloc, std::free), kBad),
       RETURNS(ZELData_Free(nullptr)),
       RETURNS(ZELData_FreeAssocData(nullptr, nullptr)),
@@ -214,7 +206,6 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
       GIVES(ZELState_SaveBufToConfigStore_ByInstance(nullptr, 64, "sw") != 0, true),
       GIVES(ZELState_LoadFromConfigStoreAsBuf(nullptr, &len, false), ZEL_CONFIGSTORE_FAILURE),
       GIVES(StringExistInArray(nullptr, nullptr, 1), false),
-      // clang-format on
   };
   for (const Row &r : rows) {
     const int code = hardening::InChild([&] { return r.ok() ? 0 : 1; });
