@@ -86,7 +86,8 @@ TEST(PropertyListTest, UpdateKeepsPlaceOnSameLengthAndMovesOtherwise) {
   ASSERT_EQ(ZELData_Lookup(g.list, "d", &e), STATUS_OK);
   ZELData_Data(e, &data);
   ASSERT_EQ(ZELData_Update(g.list, "d", data, 4, 16), STATUS_OK);
-  EXPECT_EQ(ListProps(g.list).back(), (std::pair<std::string, Bytes>{"d", Bytes{'a', 'b', 'c', 'd'}}));
+  EXPECT_EQ(ListProps(g.list).back(),
+            (std::pair<std::string, Bytes>{"d", Bytes{'a', 'b', 'c', 'd'}}));
 }
 
 TEST(PropertyListTest, RemoveReportsTypeOrTheDefault) {
@@ -105,25 +106,29 @@ TEST(PropertyListTest, RemoveReportsTypeOrTheDefault) {
   EXPECT_EQ(g.Size(), 16u + 2 * 144);
 }
 
+// Level 1 shows the allocation of a list, level 2 every change too.
 TEST(PropertyListTest, DiagnosticsFollowTheLevel) {
-  zeltest::ScopedLevel level(zeldata_debug, 2);
-  PropertyList *list = nullptr;
-  EXPECT_EQ(zeltest::CaptureStdout([&] {
-              list = MakeList({{"p", {'a', 'b'}}});
-              ASSERT_EQ(ZELData_UpdateProp(list, "p", "xy", 2), STATUS_OK);
-              ASSERT_EQ(ZELData_UpdateProp(list, "p", "abcdef", 6), STATUS_OK);
-              ASSERT_EQ(ZELData_Remove(list, "p"), STATUS_OK);
-            }),
-            "Allocing new handle\n"
-            "ZELData handle allocated, serialSize = 16\n"
-            "added data p, len 2, start serialSize = 16\n"
-            "added data p, serialSize = 164\n"
-            "updated data p, datalen = 2, serialSize = 164\n"
-            "remove data p, datalen = 2, serialSize = 16\n"
-            "added data p, len 6, start serialSize = 16\n"
-            "added data p, serialSize = 168\n"
-            "removed data p, serialSize = 16\n");
-  ZELData_Free(list);
+  const std::string alloc = "Allocing new handle\nZELData handle allocated, serialSize = 16\n";
+  for (int level : {1, 2}) {
+    zeltest::ScopedLevel scoped(zeldata_debug, level);
+    PropertyList *list = nullptr;
+    const std::string out = zeltest::CaptureStdout([&] {
+      list = MakeList({{"p", {'a', 'b'}}});
+      ASSERT_EQ(ZELData_UpdateProp(list, "p", "xy", 2), STATUS_OK);
+      ASSERT_EQ(ZELData_UpdateProp(list, "p", "abcdef", 6), STATUS_OK);
+      ASSERT_EQ(ZELData_Remove(list, "p"), STATUS_OK);
+    });
+    EXPECT_EQ(out, level == 1 ? alloc
+                              : alloc +
+                                    "added data p, len 2, start serialSize = 16\n"
+                                    "added data p, serialSize = 164\n"
+                                    "updated data p, datalen = 2, serialSize = 164\n"
+                                    "remove data p, datalen = 2, serialSize = 16\n"
+                                    "added data p, len 6, start serialSize = 16\n"
+                                    "added data p, serialSize = 168\n"
+                                    "removed data p, serialSize = 16\n");
+    ZELData_Free(list);
+  }
 }
 
 // Values too large for the format are refused before the value is read or
@@ -140,7 +145,6 @@ TEST(PropertyListTest, ValuesTooLargeForTheFormatAreRefused) {
 }
 
 TEST(PropertyListTest, AllocationFailureAtEveryPoint) {
-  // Alloc: the only allocation fails and out stays as it was.
   fa::FailAt(1);
   PropertyList *list = reinterpret_cast<PropertyList *>(0x1);
   EXPECT_EQ(ZELData_Alloc(&list, fa::Alloc, fa::Free), STATUS_NO_MEMORY);
@@ -156,7 +160,7 @@ TEST(PropertyListTest, AllocationFailureAtEveryPoint) {
     std::vector<std::string> names;  // left after the failure
     uint32_t size;
   } rows[] = {{"c", "1", STATUS_NO_MEMORY, {"a", "b"}, 16 + 2 * 148},
-              {"a", "4321", STATUS_OK, {"a", "b"}, 16 + 2 * 148},  // allocates nothing
+              {"a", "4321", STATUS_OK, {"a", "b"}, 16 + 2 * 148},   // allocates nothing
               {"a", "123456", STATUS_NO_MEMORY, {"b"}, 16 + 148}};  // the property is gone
   for (const auto &r : rows) {
     fa::FailAt(1);

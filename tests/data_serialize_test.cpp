@@ -12,7 +12,6 @@ void *SysAlloc(uint64_t n) { return std::malloc(n); }
 const Bytes kGolden = Encode({{"maxPorts", U32(256)}});
 const Bytes kEmpty{16, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0};
 
-// Recomputes the checksum after a test changed the data.
 void Reseal(Bytes &b) { Put32(b, 4, zel::data::Checksum(b.data(), Get32(b, 0))); }
 
 ReturnStatus Decode(const Bytes &b, PropertyList **out) {
@@ -20,7 +19,6 @@ ReturnStatus Decode(const Bytes &b, PropertyList **out) {
                                          std::free, 0x3C);
 }
 
-// fn's output with the library's messages on.
 std::string Out(const std::function<void()> &fn) {
   zeltest::ScopedLevel level(zeldata_debug, 0);
   return zeltest::CaptureStdout(fn);
@@ -44,7 +42,8 @@ TEST(SerializedDataTest, GoldenBytes) {
   void *p = own;
   for (uint32_t size : {163u, 164u}) {
     len = size;
-    EXPECT_EQ(ZELData_Serialize(list, &p, &len, 5), size == 164 ? STATUS_OK : STATUS_LIMIT_EXCEEDED);
+    EXPECT_EQ(ZELData_Serialize(list, &p, &len, 5),
+              size == 164 ? STATUS_OK : STATUS_LIMIT_EXCEEDED);
   }
   EXPECT_EQ(AsBytes(own, len), kGolden);
   len = 163;
@@ -62,7 +61,8 @@ TEST(SerializedDataTest, RoundTripKeepsTypesOfTheMask) {
   PropertyList *back = nullptr;
   ASSERT_EQ(Decode(Serialize(list, 5), &back), STATUS_OK);
   Props expected;
-  for (const char *name : {"type4", "type16", "type24", "type32"}) expected.push_back({name, Text(name)});
+  for (const char *name : {"type4", "type16", "type24", "type32"})
+    expected.push_back({name, Text(name)});
   EXPECT_EQ(ListProps(back), expected);
   EXPECT_EQ(ZELData_SerializedSize(back, 0), 16u + 4 * 152);
   ZELData_Free(back);
@@ -80,17 +80,15 @@ TEST(SerializedDataTest, InconsistentSizeIsRefusedAndOwnBufferReleased) {
     list->serialSize = row.serialSize;  // disagrees with its entries now
     void *buf = nullptr;
     uint32_t len = 0;
-    EXPECT_EQ(Out([&] {
-                EXPECT_EQ(ZELData_Serialize(list, &buf, &len, 5), STATUS_LIMIT_EXCEEDED);
-              }),
-              "ZELData length changed during serialization, " + row.text);
+    EXPECT_EQ(
+        Out([&] { EXPECT_EQ(ZELData_Serialize(list, &buf, &len, 5), STATUS_LIMIT_EXCEEDED); }),
+        "ZELData length changed during serialization, " + row.text);
     EXPECT_EQ(buf, nullptr);
   }
   list->serialSize = 16 + 148;
   ZELData_Free(list);
 }
 
-// Runs both readers and returns {status of each, output}.
 struct ReaderResult {
   ReturnStatus whole, single;
   std::string out;

@@ -25,8 +25,7 @@ uint32_t ReferenceChecksum(const uint8_t *d, uint32_t size) {
   return sum;
 }
 
-// Runs fn under the baseline and, when this processor has it, AVX2, and
-// expects the same result.
+// Expects the same result of fn under the baseline and (where present) AVX2.
 template <class F>
 void ExpectSameUnderEachIsa(F fn) {
   std::vector<decltype(fn())> results;

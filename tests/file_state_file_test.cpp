@@ -1,13 +1,14 @@
 // The state file: padding, verification on reading, every failure with its
 // host-log message, and the replace-by-rename write surviving failures and a
 // writer killed at any point.
+#include "zel/file.h"
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include "hardening_support.h"
 #include "host/file_io.h"
 #include "log_capture.h"
-#include "zel/file.h"
 
 namespace {
 
@@ -72,7 +73,6 @@ using Step = FaultIo::Step;
 
 class StateFileTest : public ::testing::Test {
  protected:
-  // Reads the state file back: its bytes, or its status on failure.
   Bytes ReadBack(ReturnStatus expect = STATUS_OK) {
     void *blob = nullptr;
     int32_t length = -1;

@@ -14,17 +14,19 @@
 
 namespace {
 
+namespace fs = std::filesystem;
 void *Alloc(uint64_t n) { return std::malloc(n); }
 
 struct Row {
   const char *call;
   std::function<bool()> ok;
 };
+// clang-format off
 #define GIVES(call, result) Row{#call, [&] { return (call) == (result); }}
 #define RETURNS(call) Row{#call, [&] { return (call), true; }}
+// clang-format on
 
 TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
-  namespace fs = std::filesystem;
   const fs::path cwd = fs::current_path();
   hardening::TempDir tmp;
   fs::current_path(tmp.path());  // a file a row leaves behind shows here
@@ -45,6 +47,7 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
   PortState *port = ZELState_PortFind("sw", "1");
   const ReturnStatus kBad = STATUS_BAD_PARAM;
   const Row rows[] = {
+      // clang-format off
       GIVES(ZELData_Alloc(nullptr, Alloc, std::free), kBad),
       RETURNS(ZELData_Free(nullptr)),
       RETURNS(ZELData_FreeAssocData(nullptr, nullptr)),
@@ -206,6 +209,7 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
       GIVES(ZELState_SaveBufToConfigStore_ByInstance(nullptr, 64, "sw") != 0, true),
       GIVES(ZELState_LoadFromConfigStoreAsBuf(nullptr, &len, false), ZEL_CONFIGSTORE_FAILURE),
       GIVES(StringExistInArray(nullptr, nullptr, 1), false),
+      // clang-format on
   };
   for (const Row &r : rows) {
     const int code = hardening::InChild([&] { return r.ok() ? 0 : 1; });

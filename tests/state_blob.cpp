@@ -67,7 +67,8 @@ TEST_F(StateBlobTest, RoundTripKeepsOrderAndClosesSlotGaps) {
   ASSERT_EQ(ZELState_GlobalPropSet("a", "g", "gv", 3, 16), STATUS_OK);
   ASSERT_EQ(ZELState_HostPropSet("b", "h", "hv", 3, 4), STATUS_OK);
   for (uint32_t i = 0; i < 8; ++i) {
-    ASSERT_EQ(AddPort("a", std::to_string(i).c_str(), PORT_KIND_NORMAL, {{"n", U32(i)}}), STATUS_OK);
+    ASSERT_EQ(AddPort("a", std::to_string(i).c_str(), PORT_KIND_NORMAL, {{"n", U32(i)}}),
+              STATUS_OK);
   }
   for (const char *p : {"1", "2", "4", "5", "6"}) ASSERT_EQ(ZELState_PortRemove("a", p), STATUS_OK);
   const Bytes blob = StateBlob();
@@ -94,8 +95,8 @@ TEST_F(StateBlobTest, PortKindComesFromTheTypeProperty) {
       Encode({{"s", SwitchBlob(7, "vswitch", 0, {}, {},
                                {{"p", Encode({{"keep", Text("1")}, {ZEL_PROP_PORT_TYPE, U32(2)}})},
                                 {"q", Encode({})}})}});
-  ExpectOutput(
-      0, [&] { return Load(blob); }, STATUS_OK, "ZELState_PortDeserialize: no type for s, q\n");
+  ExpectOutput(0, STATUS_OK, "ZELState_PortDeserialize: no type for s, q\n",
+               [&] { return Load(blob); });
   PortState *shadow = ZELState_PortFindShadow("s", "p");
   ASSERT_NE(shadow, nullptr);
   EXPECT_EQ(ListProps(ZEL_PortData(shadow)), (Props{{"keep", Text("1")}}));
@@ -144,8 +145,8 @@ TEST_F(StateBlobTest, FailedSwitchEmptiesTheWholeTable) {
        STATUS_BAD_PARAM, ""},
       {Encode({{"switchVersion", U32(7)}, {"className", Bytes(8, 'c')}, {"maxPorts", U32(0)}}),
        STATUS_BAD_PARAM, ""},
-      {SwitchBlob(7, "vswitch", 0, {}, {}, {{"1", Encode({})}, {"2", shortKind}}),
-       STATUS_BAD_PARAM, ""},
+      {SwitchBlob(7, "vswitch", 0, {}, {}, {{"1", Encode({})}, {"2", shortKind}}), STATUS_BAD_PARAM,
+       ""},
   };
   for (const auto &row : rows) {
     SCOPED_TRACE(&row - rows);
@@ -164,11 +165,12 @@ TEST_F(StateBlobTest, FailedSwitchEmptiesTheWholeTable) {
             STATUS_BAD_PARAM);
   EXPECT_EQ(Slots()[0], "dup");
   ExpectOutput(
-      0, [&] { return Load(Encode({{"dup", SwitchBlob(7, "mine", 3, {}, {}, {})}})); },
-      STATUS_EXISTS,
-      "ZELState_SwitchAdd failed ZEL:dup Error: Already exists\n"
-      "ZELState_SwitchDeserialize Switch add failed dup/mine//3\n"
-      "ZELState_SwitchDeserialize failed Already exists\n");
+      0, STATUS_EXISTS,
+      "ZELState_SwitchAdd failed ZEL:dup Error: Already exists\nZELState_SwitchDeserialize Switch "
+      "add failed dup/mine//3\nZELState_SwitchDeserialize failed Already exists\n",
+      [&] {
+        return Load(Encode({{"dup", SwitchBlob(7, "mine", 3, {}, {}, {})}}));
+      });
   EXPECT_TRUE(DatabaseEmpty());
 }
 
@@ -179,9 +181,10 @@ TEST_F(StateBlobTest, SerializeFailuresProduceNoBuffer) {
   uint32_t length = 0;
   const auto serialize = [&] { return ZELState_ConfigSerialize(&buffer, &length); };
   fa::FailAt(1);
-  ExpectOutput(0, serialize, STATUS_NO_MEMORY, "ZELState_ConfigSerialize, alloc failed\n");
+  ExpectOutput(0, STATUS_NO_MEMORY, "ZELState_ConfigSerialize, alloc failed\n", serialize);
   fa::FailAt(2);
-  ExpectOutput(0, serialize, STATUS_EXISTS, "ZELStateConfigSerializeCB ZEL a failed Out of memory\n");
+  ExpectOutput(0, STATUS_EXISTS, "ZELStateConfigSerializeCB ZEL a failed Out of memory\n",
+               serialize);
   EXPECT_EQ(buffer, nullptr);
   EXPECT_EQ(fa::Live(), 0);
   uint8_t small[16];  // a caller's buffer that is too small

@@ -15,7 +15,6 @@ using StateConcurrencyTest = StateTest;
 
 constexpr int kThreads = 4;
 
-// Runs fn(t) on kThreads threads at once.
 void OnThreads(const std::function<void(int)> &fn) {
   std::vector<std::thread> threads;
   for (int t = 0; t < kThreads; ++t) threads.emplace_back(fn, t);

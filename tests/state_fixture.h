@@ -76,7 +76,6 @@ inline PropertyList *MakeList(const Props &props, uint32_t propType = ZELDATA_PR
   return list;
 }
 
-// The properties of a list, in order.
 inline Props ListProps(PropertyList *list) {
   Props props;
   PropertyEntry *entry = nullptr;
@@ -97,7 +96,6 @@ inline Bytes Serialize(PropertyList *list, uint32_t version = 7, const char *pat
   return out;
 }
 
-// The whole table as a state blob.
 inline Bytes StateBlob() {
   void *buffer = nullptr;
   uint32_t length = 0;
@@ -129,8 +127,7 @@ inline uint32_t HostPorts() { return zel::state::testing::NumActivePortsSystemWi
 
 inline bool DatabaseEmpty() { return Slots() == std::vector<std::string>(ZEL_MAX_SWITCHES, ""); }
 
-// Every test starts with an empty table and a limit of 4096 ports, and ends
-// with the table emptied and the allocator restored.
+// A limit of 4096 ports; the table is emptied and the allocator restored after.
 class StateTest : public ::testing::Test {
  protected:
   void SetUp() override { zel::state::testing::SetPortLimit(4096); }
@@ -139,14 +136,13 @@ class StateTest : public ::testing::Test {
     zel::state::testing::SetPortLimit(0);  // empties the table before the allocator changes
     zel::state::testing::SetAllocator(nullptr, nullptr);
   }
-  // Output of fn at debug level `level`.
   static std::string Output(int level, const std::function<void()> &fn) {
     zeltest::ScopedLevel scoped(zel_debug, level);
     return zeltest::CaptureStdout(fn);
   }
   // Expects fn to return `status` and print exactly `text` at debug level `level`.
-  static void ExpectOutput(int level, const std::function<ReturnStatus()> &fn, ReturnStatus status,
-                           const std::string &text) {
+  static void ExpectOutput(int level, ReturnStatus status, const std::string &text,
+                           const std::function<ReturnStatus()> &fn) {
     ReturnStatus got = STATUS_OK;
     EXPECT_EQ(Output(level, [&] { got = fn(); }), text);
     EXPECT_EQ(got, status);

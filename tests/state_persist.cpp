@@ -88,7 +88,8 @@ TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitchesAndFreeReleasesTh
   ASSERT_EQ(ArrayIds(), Expect({{0, "x0"}, {2, "x2"}}));
   // ... and the table a named switch in slot 5 and another in slot 6.
   for (const char *id : {"f0", "f1", "f2", "f3", "f4", "named", "other"}) Add(id);
-  for (const char *id : {"f0", "f1", "f2", "f3", "f4"}) ASSERT_EQ(ZELState_SwitchRemove(id), STATUS_OK);
+  for (const char *id : {"f0", "f1", "f2", "f3", "f4"})
+    ASSERT_EQ(ZELState_SwitchRemove(id), STATUS_OK);
   std::memset(ids_, 0, 2 * sizeof ids_[0]);
   std::strcpy(ids_[0], "named");
   std::strcpy(ids_[1], "nosuch");  // a row that matches nothing moves nothing

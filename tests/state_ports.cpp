@@ -16,9 +16,8 @@ TEST_F(StatePortTest, IdLengthDependsOnTheSwitchVersion) {
   ASSERT_EQ(ZELState_SwitchAdd("v6", "vswitch", 0, 6), STATUS_OK);
   ASSERT_EQ(ZELState_SwitchAdd("v7", "vswitch", 0, 7), STATUS_OK);
   ASSERT_EQ(ZELState_SwitchAdd("q", "vswitch", 0, 100), STATUS_OK);
-  ExpectOutput(
-      0, [] { return AddPort("v6", "0123456789abcdef"); }, STATUS_BAD_PARAM,
-      "ZELStatePortAdd 0123456789abcdef, id length too long\n");
+  ExpectOutput(0, STATUS_BAD_PARAM, "ZELStatePortAdd 0123456789abcdef, id length too long\n",
+               [] { return AddPort("v6", "0123456789abcdef"); });
   EXPECT_EQ(AddPort("v6", "0123456789abcde"), STATUS_OK);
   for (const char *sw : {"v7", "q"}) {
     EXPECT_EQ(AddPort(sw, std::string(47, 'p').c_str()), STATUS_OK) << sw;
@@ -49,9 +48,8 @@ TEST_F(StatePortTest, KindsDuplicatesAndZombies) {
   // The freed slots 1 and 2 are reused lowest first.
   EXPECT_EQ(AddPort("a", "11"), STATUS_OK);
   EXPECT_EQ(st::PortSlot(ZELState_PortFind("a", "11")), 1);
-  ExpectOutput(
-      1, [] { return ZELState_PortRemove("zz", "1"); }, STATUS_NOT_FOUND,
-      "ZELState_PortRemove zz, 1\nFailed to find the ZEL zz\n");
+  ExpectOutput(0, STATUS_NOT_FOUND, "Failed to find the ZEL zz\n",
+               [] { return ZELState_PortRemove("zz", "1"); });
 }
 
 TEST_F(StatePortTest, PerSwitchAndHostLimits) {
@@ -64,21 +62,21 @@ TEST_F(StatePortTest, PerSwitchAndHostLimits) {
   for (const char *p : {"1", "2", "3"}) EXPECT_EQ(AddPort("unl", p), STATUS_OK);
   // The host is full: every switch is refused with the host message.
   const std::string full = " has already used up max num ports (";
-  EXPECT_EQ(Output(0, [] {
-              EXPECT_EQ(AddPort("unl", "4"), STATUS_LIMIT_EXCEEDED);
-              EXPECT_EQ(ZELState_PortRemove("lim", "1"), STATUS_OK);
-              EXPECT_EQ(AddPort("unl", "4"), STATUS_OK);
-              EXPECT_EQ(AddPort("lim", "9"), STATUS_LIMIT_EXCEEDED);
-              EXPECT_EQ(ZELState_PortRemove("unl", "1"), STATUS_OK);
-              EXPECT_EQ(AddPort("zero", "1"), STATUS_LIMIT_EXCEEDED);
-              EXPECT_EQ(AddPort("lim", "3"), STATUS_OK);
-            }),
+  EXPECT_EQ(Output(0,
+                   [] {
+                     EXPECT_EQ(AddPort("unl", "4"), STATUS_LIMIT_EXCEEDED);
+                     EXPECT_EQ(ZELState_PortRemove("lim", "1"), STATUS_OK);
+                     EXPECT_EQ(AddPort("unl", "4"), STATUS_OK);
+                     EXPECT_EQ(AddPort("lim", "9"), STATUS_LIMIT_EXCEEDED);
+                     EXPECT_EQ(ZELState_PortRemove("unl", "1"), STATUS_OK);
+                     EXPECT_EQ(AddPort("zero", "1"), STATUS_LIMIT_EXCEEDED);
+                     EXPECT_EQ(AddPort("lim", "3"), STATUS_OK);
+                   }),
             "ZELStatePortAdd unl, host" + full + "5)\nZELStatePortAdd lim, host" + full +
                 "5)\nZELStatePortAdd zero, switch" + full + "0)\n");
   EXPECT_EQ(ZELState_PortRemove("unl", "2"), STATUS_OK);
-  ExpectOutput(
-      0, [] { return AddPort("lim", "4"); }, STATUS_LIMIT_EXCEEDED,
-      "ZELStatePortAdd lim, switch" + full + "2)\n");
+  ExpectOutput(0, STATUS_LIMIT_EXCEEDED, "ZELStatePortAdd lim, switch" + full + "2)\n",
+               [] { return AddPort("lim", "4"); });
 }
 
 TEST_F(StatePortTest, FailedAddsKeepCountsAndTheCallersList) {
@@ -124,6 +122,30 @@ TEST_F(StatePortTest, LookupPreferencesNormalBeforeLocalCache) {
                             0x88, 0x99, 0xAA, 0xBB, 0xCC, 0xDD, 0xEE, 0xFF};
   EXPECT_EQ(ZELState_PortFindByUUID(uuid, "7"), nullptr);
   EXPECT_STREQ(ZEL_PortId(ZELState_PortFindShadowByUUID(uuid, "7")), "7");
+}
+
+// Set, get and clear of a port's properties print at level 2, failures at 1;
+// a set without a value fails quietly.
+TEST_F(StatePortTest, PortDataAndItsMessages) {
+  ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
+  ASSERT_EQ(AddPort("a", "1", PORT_KIND_SHADOW), STATUS_OK);
+  PortState *port = ZELState_PortFindShadow("a", "1");
+  void *value = nullptr;
+  uint32_t length = 0;
+  const std::string out = Output(2, [&] {
+    EXPECT_EQ(ZELState_PortDataSet(port, "k", "v", 0, 16), STATUS_FAILURE);
+    EXPECT_EQ(ZELState_PortDataSet(port, "k", "val", 4, 16), STATUS_OK);
+    EXPECT_EQ(ZELState_PortDataGet(port, "k", &value, &length), STATUS_OK);
+    EXPECT_EQ(AsBytes(value, length), Text("val"));
+    EXPECT_EQ(ZELState_PortDataClear(port, "k"), STATUS_OK);
+    EXPECT_EQ(ZELState_PortDataGet(port, "k", &value, &length), STATUS_NOT_FOUND);
+  });
+  EXPECT_EQ(
+      out,
+      "ZELState_PortDataSet a, 1, k\nZELState_PortDataSet a, 1, k\nZELState_PortDataGet a, 1, k\n"
+      "ZELState_PortDataClear a, 1, k\nZELState_PortDataGet a, 1, k\n"
+      "ZELStatePortDataCommon failed to set/get data switch a,port 1, data k type 2\n");
+  EXPECT_EQ(Output(0, [&] { ZELState_PortDataClear(port, "k"); }), "");
 }
 
 // Adds, removes and finds of ids that collide in the index, checked against
