@@ -27,7 +27,7 @@ Bytes Pattern(size_t n, uint8_t seed) {
 // flushes and the rename.
 class FaultIo : public zel::host::SystemFileIo {
  public:
-  enum class Step { kNone, kOpen, kTruncate, kPwrite, kShortPwrite, kFileSync, kRename };
+  enum class Step { kNone, kOpen, kTruncate, kPwrite, kShortPwrite, kFileSync, kDirSync, kRename };
   explicit FaultIo(Step step = Step::kNone, bool kill = false)
       : step_(step), kill_(kill), previous_(zel::host::SetFileIo(this)) {}
   ~FaultIo() override { zel::host::SetFileIo(previous_); }
@@ -47,7 +47,7 @@ class FaultIo : public zel::host::SystemFileIo {
     struct stat st {};
     fstat(fd, &st);
     steps.push_back(S_ISDIR(st.st_mode) ? "sync directory" : "sync file");
-    if (Fails(Step::kFileSync) && !S_ISDIR(st.st_mode)) return errno = EIO, -1;
+    if (Fails(S_ISDIR(st.st_mode) ? Step::kDirSync : Step::kFileSync)) return errno = EIO, -1;
     return SystemFileIo::Fsync(fd);
   }
   int Rename(const char *from, const char *to) override {
@@ -165,6 +165,12 @@ TEST_F(StateFileTest, FailedWritesKeepThePreviousState) {
   EXPECT_EQ(io.steps, (std::vector<std::string>{"sync file", "rename", "sync directory"}));
   EXPECT_EQ(Slurp(path_), fresh);
   zeltest::LogCapture log;
+  {
+    FaultIo dirSync(Step::kDirSync);  // after the rename: the new state may not survive a crash
+    EXPECT_EQ(Write(old), STATUS_WRITE_ERROR);
+  }
+  EXPECT_EQ(log.Host().at(0).second,
+            "failed to sync directory of zelfile " + path_ + ", error: Input/output error\n");
   const std::string nowhere = dir_ + "/missing/zel.state";
   EXPECT_EQ(Write(old, nowhere), STATUS_IO_ERROR);
   EXPECT_EQ(log.Host().back().second, "failed to open zelfile " + nowhere +
