@@ -7,15 +7,14 @@
 #include <filesystem>
 
 #include "hardening_support.h"
-#include "state/state_testing.h"
+#include "state_fixture.h"
 #include "zel/configstore.h"
-#include "zel/data.h"
 #include "zel/file.h"
 #include "zel/kernel.h"
-#include "zel/state.h"
 
 namespace {
 
+namespace fs = std::filesystem;
 void *Alloc(uint64_t n) { return std::malloc(n); }
 
 struct Row {
@@ -28,7 +27,6 @@ struct Row {
 // clang-format on
 
 TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
-  namespace fs = std::filesystem;
   const fs::path cwd = fs::current_path();
   hardening::TempDir tmp;
   fs::current_path(tmp.path());  // a file a row leaves behind shows here
@@ -36,9 +34,7 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
   hardening::FakeModule device;
   device.answer = [](unsigned long, ZELPYXCommand *c) { return c->status = STATUS_FAILURE, -1; };
   zel::kernel::ScopedTransport use(&device);
-  PropertyList *list = nullptr, *portList = nullptr, *out = nullptr;
-  ASSERT_EQ(ZELData_Alloc(&list, Alloc, std::free), STATUS_OK);
-  ASSERT_EQ(ZELData_Append(list, "x", "v", 2, 16), STATUS_OK);
+  PropertyList *list = zelstatetest::MakeList({{"x", {'v', 0}}}), *out = nullptr;
   PropertyEntry *entry = nullptr;
   ZELData_Lookup(list, "x", &entry);
   void *buf = nullptr, *value = nullptr;
@@ -46,8 +42,7 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
   int32_t slen = 0;
   ASSERT_EQ(ZELData_Serialize(list, &buf, &len, 7), STATUS_OK);
   ASSERT_EQ(ZELState_SwitchAdd("sw", "vswitch", 8, 7), STATUS_OK);
-  ZELData_Alloc(&portList, Alloc, std::free);
-  ASSERT_EQ(ZELState_PortAdd("sw", "1", portList), STATUS_OK);
+  ASSERT_EQ(zelstatetest::AddPort("sw", "1"), STATUS_OK);
   SwitchState *sw = ZELState_SwitchFind("sw");
   PortState *port = ZELState_PortFind("sw", "1");
   const ReturnStatus kBad = STATUS_BAD_PARAM;

@@ -1,5 +1,5 @@
-// Shared by the hardening tests: a scratch directory, a child process that may
-// crash or block, and a scripted device.
+// Shared by the hardening and state file tests: a scratch directory, a child
+// process that may crash or block, and a scripted device.
 #pragma once
 
 #include <signal.h>
@@ -8,8 +8,11 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
+#include <vector>
 
 #include "kernel/channel.h"
 
@@ -25,6 +28,11 @@ class TempDir {
   char tmpl_[32] = "/tmp/zel-harden-XXXXXX";
   std::string path_;
 };
+
+inline std::vector<uint8_t> Slurp(const std::string &path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
 
 // fn's exit code in a child; -1 when it blocks for five seconds (it is killed),
 // -2 when it dies.

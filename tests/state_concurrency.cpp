@@ -15,6 +15,12 @@ using StateConcurrencyTest = StateTest;
 
 constexpr int kThreads = 4;
 
+void OnThreads(const std::function<void(int)> &fn) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) threads.emplace_back(fn, t);
+  for (auto &th : threads) th.join();
+}
+
 // Ports found by walking every switch, under the table lock.
 uint32_t CountPortsByWalking() {
   uint32_t total = 0;
@@ -22,12 +28,7 @@ uint32_t CountPortsByWalking() {
       [](SwitchState *sw, void *ctx) {
         uint32_t seen = 0;
         ZELState_PortForEach(
-            sw,
-            [](PortState *, void *c) {
-              ++*static_cast<uint32_t *>(c);
-              return false;
-            },
-            &seen);
+            sw, [](PortState *, void *c) { return ++*static_cast<uint32_t *>(c), false; }, &seen);
         EXPECT_EQ(seen, ZEL_NumPorts(sw)) << ZEL_SwitchId(sw);
         *static_cast<uint32_t *>(ctx) += seen;
         return false;
@@ -40,45 +41,26 @@ uint32_t CountPortsByWalking() {
 // so adds and removes of the same switches race between threads.
 TEST_F(StateConcurrencyTest, SharedSwitchesUnderTheHandleLock) {
   ASSERT_EQ(ZELState_SwitchAdd("warm", "vswitch", 0, 7), STATUS_OK);  // reads the limit
-  std::atomic<int> added{0};
-  std::atomic<int> removed{0};
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([t, &added, &removed] {
-      std::mt19937 rng(static_cast<unsigned>(t));
-      for (int i = 0; i < 1500; ++i) {
-        std::string sw = "sw" + std::to_string(rng() % 6);
-        std::string port = std::to_string(rng() % 10);
-        ZelRecLock *lock = ZelSwitchHandleLock();
-        switch (rng() % 5) {
-          case 0:
-            ZELState_SwitchAdd(sw.c_str(), "vswitch", 0, 7);
-            break;
-          case 1:
-            if (ZELState_SwitchRemove(sw.c_str()) == STATUS_OK) ++removed;
-            break;
-          case 2:
-            if (AddPort(sw.c_str(), port.c_str()) == STATUS_OK) ++added;
-            break;
-          case 3: {
-            PortState *p = ZELState_PortFind(sw.c_str(), port.c_str());
-            if (p != nullptr) {
-              EXPECT_STREQ(ZEL_PortId(p), port.c_str());
-              EXPECT_EQ(ZELState_PortRemove(sw.c_str(), port.c_str()), STATUS_OK);
-            }
-            break;
-          }
-          default:
-            if (SwitchState *s = ZELState_SwitchFind(sw.c_str())) {
-              EXPECT_STREQ(ZEL_SwitchId(s), sw.c_str());
-            }
-            break;
-        }
-        ZelSwitchHandleUnlock(lock);
+  std::atomic<int> added{0}, removed{0};
+  OnThreads([&](int t) {
+    std::mt19937 rng(static_cast<unsigned>(t));
+    for (int i = 0; i < 1500; ++i) {
+      const std::string sw = "sw" + std::to_string(rng() % 6), port = std::to_string(rng() % 10);
+      ZelRecLock *lock = ZelSwitchHandleLock();
+      const unsigned op = rng() % 5;
+      if (op == 0) ZELState_SwitchAdd(sw.c_str(), "vswitch", 0, 7);
+      if (op == 1) removed += ZELState_SwitchRemove(sw.c_str()) == STATUS_OK;
+      if (op == 2) added += AddPort(sw.c_str(), port.c_str()) == STATUS_OK;
+      if (PortState *p = op == 3 ? ZELState_PortFind(sw.c_str(), port.c_str()) : nullptr) {
+        EXPECT_STREQ(ZEL_PortId(p), port.c_str());
+        EXPECT_EQ(ZELState_PortRemove(sw.c_str(), port.c_str()), STATUS_OK);
       }
-    });
-  }
-  for (auto &th : threads) th.join();
+      if (SwitchState *s = op == 4 ? ZELState_SwitchFind(sw.c_str()) : nullptr) {
+        EXPECT_STREQ(ZEL_SwitchId(s), sw.c_str());
+      }
+      ZelSwitchHandleUnlock(lock);
+    }
+  });
   EXPECT_GT(added.load(), 0);
   EXPECT_GT(removed.load(), 0);
   EXPECT_EQ(CountPortsByWalking(), HostPorts());
@@ -89,35 +71,25 @@ TEST_F(StateConcurrencyTest, SharedSwitchesUnderTheHandleLock) {
 // remove switches of their own.
 TEST_F(StateConcurrencyTest, OwnSwitchesWithoutTheHandleLock) {
   ASSERT_EQ(ZELState_SwitchAdd("warm", "vswitch", 0, 7), STATUS_OK);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([t] {
-      std::string own = "own" + std::to_string(t);
-      std::string temp = "temp" + std::to_string(t);
-      ASSERT_EQ(ZELState_SwitchAdd(own.c_str(), "mine", 40, 7), STATUS_OK);
-      auto churnOthers = [&] {
+  OnThreads([](int t) {
+    const std::string own = "own" + std::to_string(t), temp = "temp" + std::to_string(t);
+    ASSERT_EQ(ZELState_SwitchAdd(own.c_str(), "mine", 40, 7), STATUS_OK);
+    // Ten rounds of adding 30 ports and removing them; the last round
+    // removes only every third one.
+    for (int round = 0; round < 10; ++round) {
+      for (int i = 0; i < 30; ++i) {
+        EXPECT_EQ(AddPort(own.c_str(), std::to_string(i).c_str()), STATUS_OK);
         EXPECT_EQ(ZELState_SwitchAdd(temp.c_str(), "vswitch", 0, 7), STATUS_OK);
         EXPECT_EQ(AddPort(temp.c_str(), "t"), STATUS_OK);
         EXPECT_NE(ZELState_SwitchFind(own.c_str()), nullptr);
         EXPECT_EQ(ZELState_SwitchRemove(temp.c_str()), STATUS_OK);
-      };
-      // Ten rounds of adding 30 ports and removing them; the last round
-      // removes only every third one.
-      for (int round = 0; round < 10; ++round) {
-        for (int i = 0; i < 30; ++i) {
-          EXPECT_EQ(AddPort(own.c_str(), std::to_string(i).c_str()), STATUS_OK);
-          churnOthers();
-        }
-        EXPECT_EQ(AddPort(own.c_str(), "0"), STATUS_EXISTS);
-        for (int i = 0; i < 30; ++i) {
-          if (round < 9 || i % 3 == 0) {
-            EXPECT_EQ(ZELState_PortRemove(own.c_str(), std::to_string(i).c_str()), STATUS_OK);
-          }
-        }
       }
-    });
-  }
-  for (auto &th : threads) th.join();
+      EXPECT_EQ(AddPort(own.c_str(), "0"), STATUS_EXISTS);
+      for (int i = 0; i < 30; i += round < 9 ? 1 : 3) {
+        EXPECT_EQ(ZELState_PortRemove(own.c_str(), std::to_string(i).c_str()), STATUS_OK);
+      }
+    }
+  });
   EXPECT_EQ(CountPortsByWalking(), HostPorts());
   for (int t = 0; t < kThreads; ++t) {
     SwitchState *sw = ZELState_SwitchFind(("own" + std::to_string(t)).c_str());

@@ -19,16 +19,46 @@ namespace zelstatetest {
 using Bytes = std::vector<uint8_t>;
 using Props = std::vector<std::pair<std::string, Bytes>>;
 
-// A string value with its NUL, as the library stores text.
-inline Bytes Text(const std::string &s) {
-  Bytes b(s.begin(), s.end());
-  b.push_back(0);
-  return b;
+inline Bytes AsBytes(const void *data, size_t length) {
+  const auto *p = static_cast<const uint8_t *>(data);
+  return Bytes(p, p + length);
 }
 
-inline Bytes U32(uint32_t v) {
-  Bytes b(4);
-  std::memcpy(b.data(), &v, 4);
+// A string value with its NUL, as the library stores text.
+inline Bytes Text(const std::string &s) { return AsBytes(s.c_str(), s.size() + 1); }
+inline Bytes U32(uint32_t v) { return AsBytes(&v, 4); }
+inline void Put32(Bytes &b, size_t at, uint32_t v) { std::memcpy(b.data() + at, &v, 4); }
+inline uint32_t Get32(const Bytes &b, size_t at) {
+  uint32_t v;
+  std::memcpy(&v, b.data() + at, 4);
+  return v;
+}
+
+// An independent encoder of serialized property data (the checksum sums the
+// words from byte 32 on).
+struct Entry {
+  std::string name;
+  Bytes value;
+  uint32_t type = 16;
+};
+inline Bytes Encode(const std::vector<Entry> &entries) {
+  Bytes b(12, 0);
+  for (const Entry &e : entries) {
+    const size_t at = b.size();
+    const auto entryLength = (static_cast<uint32_t>(e.value.size()) + 146) & ~3u;
+    b.resize(at + entryLength, 0);
+    Put32(b, at, entryLength);
+    std::memcpy(b.data() + at + 4, e.name.data(), e.name.size());
+    Put32(b, at + 132, e.type);
+    Put32(b, at + 136, static_cast<uint32_t>(e.value.size()));
+    std::memcpy(b.data() + at + 140, e.value.data(), e.value.size());
+  }
+  b.resize(b.size() + 4, 0);
+  Put32(b, 0, static_cast<uint32_t>(b.size()));
+  b[8] = 1;
+  uint32_t sum = 0;
+  for (size_t off = 32; off + 4 <= b.size(); off += 4) sum += Get32(b, off);
+  Put32(b, 4, sum);
   return b;
 }
 
@@ -46,41 +76,31 @@ inline PropertyList *MakeList(const Props &props, uint32_t propType = ZELDATA_PR
   return list;
 }
 
-// The properties of a list, in order.
 inline Props ListProps(PropertyList *list) {
   Props props;
   PropertyEntry *entry = nullptr;
   while (ZELData_Next(list, entry, &entry) == STATUS_OK) {
     void *value = nullptr;
-    uint32_t length = ZELData_Data(entry, &value);
-    props.emplace_back(ZELData_Name(entry), Bytes(static_cast<uint8_t *>(value),
-                                                  static_cast<uint8_t *>(value) + length));
+    const uint32_t length = ZELData_Data(entry, &value);
+    props.emplace_back(ZELData_Name(entry), AsBytes(value, length));
   }
   return props;
 }
 
-inline Bytes Serialize(PropertyList *list, uint32_t version = 7) {
+inline Bytes Serialize(PropertyList *list, uint32_t version = 7, const char *pattern = nullptr) {
   void *buffer = nullptr;
   uint32_t length = 0;
-  EXPECT_EQ(ZELData_Serialize(list, &buffer, &length, version), STATUS_OK);
-  Bytes out(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length);
+  EXPECT_EQ(ZELData_SerializeExNamedProp(list, &buffer, &length, version, pattern), STATUS_OK);
+  Bytes out = AsBytes(buffer, length);
   ZELData_FreeAssocData(list, buffer);
   return out;
 }
 
-inline Bytes SerializeProps(const Props &props) {
-  PropertyList *list = MakeList(props);
-  Bytes out = Serialize(list);
-  ZELData_Free(list);
-  return out;
-}
-
-// The whole table as a state blob.
 inline Bytes StateBlob() {
   void *buffer = nullptr;
   uint32_t length = 0;
   EXPECT_EQ(ZELState_ConfigSerialize(&buffer, &length), STATUS_OK);
-  Bytes out(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length);
+  Bytes out = AsBytes(buffer, length);
   std::free(buffer);
   return out;
 }
@@ -105,15 +125,9 @@ inline std::vector<std::string> Slots() {
 
 inline uint32_t HostPorts() { return zel::state::testing::NumActivePortsSystemWide(); }
 
-// True when the state database holds no switch.
-inline bool DatabaseEmpty() {
-  for (const std::string &id : Slots())
-    if (!id.empty()) return false;
-  return true;
-}
+inline bool DatabaseEmpty() { return Slots() == std::vector<std::string>(ZEL_MAX_SWITCHES, ""); }
 
-// Every test starts with an empty table and a limit of 4096 ports, and ends
-// with the table emptied and the allocator restored.
+// A limit of 4096 ports; the table is emptied and the allocator restored after.
 class StateTest : public ::testing::Test {
  protected:
   void SetUp() override { zel::state::testing::SetPortLimit(4096); }
@@ -122,14 +136,13 @@ class StateTest : public ::testing::Test {
     zel::state::testing::SetPortLimit(0);  // empties the table before the allocator changes
     zel::state::testing::SetAllocator(nullptr, nullptr);
   }
-  // Output of fn at debug level `level`.
   static std::string Output(int level, const std::function<void()> &fn) {
     zeltest::ScopedLevel scoped(zel_debug, level);
     return zeltest::CaptureStdout(fn);
   }
   // Expects fn to return `status` and print exactly `text` at debug level `level`.
-  static void ExpectOutput(int level, const std::function<ReturnStatus()> &fn, ReturnStatus status,
-                           const std::string &text) {
+  static void ExpectOutput(int level, ReturnStatus status, const std::string &text,
+                           const std::function<ReturnStatus()> &fn) {
     ReturnStatus got = STATUS_OK;
     EXPECT_EQ(Output(level, [&] { got = fn(); }), text);
     EXPECT_EQ(got, status);

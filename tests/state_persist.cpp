@@ -5,30 +5,33 @@
 #include "state_fixture.h"
 
 using namespace zelstatetest;
-namespace st = zel::state::testing;
 
 namespace {
 
-using IdList = char[ZEL_MAX_SWITCHES][ZEL_SWITCH_ID_SIZE];
+SwitchState *const kUnset = reinterpret_cast<SwitchState *>(0x1);
 
 class StatePersistTest : public StateTest {
  protected:
+  // Garbage the operations must overwrite (or must leave alone).
   void SetUp() override {
     StateTest::SetUp();
-    // Garbage the operations must overwrite (or must leave alone).
-    for (auto &entry : array_) entry = reinterpret_cast<SwitchState *>(0x1);
+    Reset();
+  }
+  void Reset() {
+    for (auto &entry : array_) entry = kUnset;
     std::memset(ids_, 'x', sizeof ids_);
   }
   void TearDown() override {
-    if (array_[0] != reinterpret_cast<SwitchState *>(0x1)) ZELState_FreeZELArray(array_);
+    if (array_[0] != kUnset) ZELState_FreeZELArray(array_);
     StateTest::TearDown();
   }
-  static void Add(const char *id, bool noPersist = false, uint8_t flag = 1) {
+  // A switch with one port, marked with `flag` unless it is negative.
+  static void Add(const char *id, int flag = -1) {
     ASSERT_EQ(ZELState_SwitchAdd(id, "vswitch", 0, 7), STATUS_OK);
     ASSERT_EQ(AddPort(id, "p"), STATUS_OK);
-    if (noPersist) {
-      ASSERT_EQ(ZELState_GlobalPropSet(id, ZEL_PROP_NOPERSIST, &flag, 1, 0), STATUS_OK);
-    }
+    const auto byte = static_cast<uint8_t>(flag);
+    if (flag < 0) return;
+    ASSERT_EQ(ZELState_GlobalPropSet(id, ZEL_PROP_NOPERSIST, &byte, 1, 0), STATUS_OK);
   }
   std::vector<std::string> ArrayIds() const {
     std::vector<std::string> out;
@@ -42,7 +45,7 @@ class StatePersistTest : public StateTest {
   }
 
   SwitchState *array_[ZEL_MAX_SWITCHES];
-  IdList ids_;
+  char ids_[ZEL_MAX_SWITCHES][ZEL_SWITCH_ID_SIZE];
 };
 
 // Without a marked switch nothing moves (a zero first byte does not mark);
@@ -59,56 +62,45 @@ TEST_F(StatePersistTest, StripListsMarkedSwitchesAndParksTheRest) {
       {1, true, true, Expect({}), Expect({{0, "a"}, {1, "b"}})},
   };
   for (const auto &c : cases) {
-    SCOPED_TRACE(c.stateFile);
+    SCOPED_TRACE(&c - cases);
     Add("a");
     Add("b");
-    Add("marked", true, c.flag);
-    std::memset(ids_, 'x', sizeof ids_);
+    Add("marked", c.flag);
     EXPECT_EQ(ZELState_StripZelWithNoPersistFlag(array_, ids_, c.stateFile), c.stripped);
-    if (c.flag != 0) {
-      EXPECT_STREQ(ids_[0], "marked");
-    }
-    EXPECT_EQ(ids_[c.flag != 0 ? 1 : 0][0], 'x') << "rows past the last id are left alone";
+    EXPECT_STREQ(c.flag != 0 ? ids_[0] : "marked", "marked");
+    EXPECT_EQ(ids_[c.flag][0], 'x') << "rows past the last id are left alone";
     EXPECT_EQ(ArrayIds(), c.parked);
     EXPECT_EQ(Slots(), c.slots);
     EXPECT_EQ(HostPorts(), c.flag != 0 ? 2u : 3u);
     if (c.stripped) ZELState_FreeZELArray(array_);
     ZELState_ConfigReset();
-    for (auto &entry : array_) entry = reinterpret_cast<SwitchState *>(0x1);
+    Reset();
   }
 }
 
-TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitches) {
+TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitchesAndFreeReleasesTheRest) {
+  zel::state::testing::SetAllocator(zeltest::failalloc::Alloc, zeltest::failalloc::Free);
   // The array holds switches in slots 0 and 2 ...
   for (const char *id : {"x0", "hole", "x2"}) Add(id);
-  Add("dummy", true);
+  Add("dummy", 1);
   ASSERT_EQ(ZELState_SwitchRemove("hole"), STATUS_OK);
   ASSERT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
   ASSERT_EQ(ArrayIds(), Expect({{0, "x0"}, {2, "x2"}}));
   // ... and the table a named switch in slot 5 and another in slot 6.
   for (const char *id : {"f0", "f1", "f2", "f3", "f4", "named", "other"}) Add(id);
-  for (const char *id : {"f0", "f1", "f2", "f3", "f4"}) {
+  for (const char *id : {"f0", "f1", "f2", "f3", "f4"})
     ASSERT_EQ(ZELState_SwitchRemove(id), STATUS_OK);
-  }
-  std::memset(ids_[0], 0, sizeof ids_[0]);
+  std::memset(ids_, 0, 2 * sizeof ids_[0]);
   std::strcpy(ids_[0], "named");
-  std::memset(ids_[1], 0, sizeof ids_[1]);
   std::strcpy(ids_[1], "nosuch");  // a row that matches nothing moves nothing
   ZELState_UpdateGlobalSwsArray(array_, ids_);
   EXPECT_EQ(Slots(), Expect({{0, "x0"}, {1, "named"}, {2, "x2"}}));
   EXPECT_EQ(ArrayIds(), Expect({{6, "other"}}));
-}
-
-TEST_F(StatePersistTest, FreeZelArrayReleasesTableAndArray) {
-  st::SetAllocator(zeltest::failalloc::Alloc, zeltest::failalloc::Free);
-  Add("a");
-  Add("b");
-  Add("marked", true);
-  ASSERT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
+  // Freeing releases what is parked and what is in the table.
   Add("c");
   ZELState_FreeZELArray(array_);
-  array_[0] = reinterpret_cast<SwitchState *>(0x1);  // nothing left to free
-  EXPECT_EQ(Slots(), Expect({}));
+  array_[0] = kUnset;  // nothing left to free
+  EXPECT_TRUE(DatabaseEmpty());
   EXPECT_EQ(HostPorts(), 0u);
   EXPECT_EQ(zeltest::failalloc::Live(), 0);
 }

@@ -8,9 +8,8 @@
 
 namespace zeltest {
 
-// Runs fn with standard output captured and returns what it printed.
+// Runs fn with standard output (error) captured and returns what it printed.
 std::string CaptureStdout(const std::function<void()> &fn);
-// Same for standard error.
 std::string CaptureStderr(const std::function<void()> &fn);
 
 // Sets an int debug level for the life of the object and restores it after.
@@ -31,7 +30,6 @@ class ScopedLevel {
 // FailAt(0) never fails.  Live() is the number of blocks not yet freed.
 namespace failalloc {
 void FailAt(uint64_t k);
-uint64_t Calls();
 int64_t Live();
 void *Alloc(uint64_t bytes);
 void Free(void *ptr);
