@@ -5,6 +5,7 @@
 #include <optional>
 #include <regex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "configstore_persist_support.h"
@@ -36,23 +37,6 @@ struct Record {
 inline Bytes U16(uint16_t v) { return Record(2).u16(0, v).b; }
 inline Bytes U64(uint64_t v) { return Record(8).le(0, v, 8).b; }
 
-// Holds the class and QOR flag the conversions read, restored afterwards.
-class ScopedSwitch {
- public:
-  ScopedSwitch(int32_t cls, bool qor) : cls_(zp::currentSwitchClass), qor_(zp::currentSwitchIsQor) {
-    zp::currentSwitchClass = cls;
-    zp::currentSwitchIsQor = qor;
-  }
-  ~ScopedSwitch() {
-    zp::currentSwitchClass = cls_;
-    zp::currentSwitchIsQor = qor_;
-  }
-
- private:
-  int32_t cls_;
-  bool qor_;
-};
-
 struct Fault {
   Op op = Op::kGetSubObject;
   int status = 0;  // 0: none
@@ -67,9 +51,8 @@ struct Case {
   Props loaded;               // what the load adds (no load after a failing save)
   uint32_t status = 0;        // of the save, or of the load
   Fault fault = {};           // injected before the save, or the load
-  const char *out = nullptr;  // the debug output, when compared
-  const char *loadName = nullptr;
   int32_t cls = zp::kClassOther;
+  const char *out = nullptr;  // the debug output, when compared
   bool qor = false;
   uint32_t version = 7, table = zp::kTableGlobal, type = 16;
   std::vector<uint32_t> types = {};  // of the loaded entries; empty: all 16
@@ -108,10 +91,12 @@ inline uint32_t LoadFrom(cs::Object *o, uint32_t kind, const char *key, const ch
   return status;
 }
 
-inline void Check(const Case &c) {
+// Runs a case on the switch class and QOR flag it names; returns the content after its save.
+inline std::string Check(const Case &c) {
   SCOPED_TRACE(::testing::Message() << "kind " << c.kind << " " << c.name << " "
                                     << (c.save ? c.save->size() : 0));
-  ScopedSwitch sw(c.cls, c.qor);
+  const int32_t cls = std::exchange(zp::currentSwitchClass, c.cls);
+  const bool qor = std::exchange(zp::currentSwitchIsQor, c.qor);
   cfgtest::ObjectPtr o = Stored(c.save ? "{}" : c.json);
   std::optional<uint32_t> saved, loaded;
   std::string json;
@@ -125,10 +110,11 @@ inline void Check(const Case &c) {
       json = Masked(cfgtest::Json(o.get()));
     }
     if (saved.value_or(0) == 0 && (!c.save || c.status == 0))
-      loaded = LoadFrom(o.get(), c.kind, c.key, c.loadName ? c.loadName : c.name, &props, &types,
-                        c.table, c.version);
+      loaded = LoadFrom(o.get(), c.kind, c.key, c.name, &props, &types, c.table, c.version);
   });
   cs::testing::ClearFailures();
+  zp::currentSwitchClass = cls;
+  zp::currentSwitchIsQor = qor;
   if (c.save) {
     EXPECT_EQ(saved, c.status);
     EXPECT_EQ(json, c.json == "-" ? json : c.json) << "saved";
@@ -141,6 +127,7 @@ inline void Check(const Case &c) {
   if (c.out != nullptr) {
     EXPECT_EQ(out, c.out);
   }
+  return json;
 }
 
 inline void Check(const std::vector<Case> &cases) {

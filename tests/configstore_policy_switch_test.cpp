@@ -74,7 +74,7 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
       {16, "lacp_groups", kLacp, Cat({U32(1), Group("n", "g1", 0xFFFFFFFF, 21, 1)}),
        R"({"lacp_groups":[{"@types":{"uplink_num":"uint32"},"key":"g1",)"
        R"("load_balance_algorithm":"21","mode":"4294967295","name":"n","uplink_num":1}]})",
-       {{kLacp, Cat({U32(1), Group("n", "g1", 0xFFFFFFFF, 0xFFFFFFFF, 1)})}}, 0, {},
+       {{kLacp, Cat({U32(1), Group("n", "g1", 0xFFFFFFFF, 0xFFFFFFFF, 1)})}}, 0, {}, zp::kClassOther,
        "Unknown lacp mode 4294967295\nUnknown lacp lb policy 21\n"},
       // Stored texts longer than their slots are cut to 64 and 15 characters.
       {16, "lacp_groups", kLacp, {},
@@ -82,7 +82,7 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
        R"("load_balance_algorithm":"NONE","mode":"FAST","uplink_num":3,"name":")" + longName +
            R"("}]})",
        {{kLacp, Cat({U32(1), Group(longName.substr(0, 64), "k0123456789abcd", 0xFFFFFFFF, 0, 3)})}},
-       0, {}, "Unknown lacp mode FAST\n"},
+       0, {}, zp::kClassOther, "Unknown lacp mode FAST\n"},
       {16, "lacp_groups", kLacp, {},
        R"({"lacp_groups":[{"key":"g1","load_balance_algorithm":"NONE","mode":"ACTIVE"}]})", {}, 6},
       {16, "lacp_groups", kLacp, Bytes{1, 0}, "{}", {}, kFail},
@@ -184,7 +184,6 @@ TEST_F(PolicySwitch, MirrorSessions) {
   Session one{"s1", "n"};
   one.destinations = 1;
   const int32_t vs = zp::kClassVswitch, other = zp::kClassOther;
-  const char *bad = nullptr;  // the row loads
   Check({
       {9, "vspans", kEther, saved,
        R"({"settings":{"promiscuous_mode_vspan_session":"s-b"},"vspans":[)"
@@ -222,9 +221,9 @@ TEST_F(PolicySwitch, MirrorSessions) {
        {{kEther, Table({x2}, {Entry(0, "odd")})}}},
       // Each class loads its own row only.
       {9, "vspans", kVswitch, {}, bogus, {{kVswitch, Table({defaults}, {})}}, 0, {},
-       "Unknown vspan session type in schema: BOGUS\n", bad, vs},
-      {9, "vspans", kEther, {}, bogus, {}, 0, {}, bad, bad, vs},
-      {9, "vspans", kVswitch, {}, bogus, {}, 0, {}, bad, bad, other},
+       vs, "Unknown vspan session type in schema: BOGUS\n"},
+      {9, "vspans", kEther, {}, bogus, {}, 0, {}, vs},
+      {9, "vspans", kVswitch, {}, bogus, {}, 0, {}, other},
       {9, "vspans", "com.other.mirror", {}, bogus, {}},
       // A session bool of the wrong type fails the load; no sessions add nothing.
       {9, "vspans", kEther, {}, R"({"vspans":[{"key":"s1","legacy_mode":"yes"}]})", {},
@@ -238,8 +237,7 @@ TEST_F(PolicySwitch, MirrorSessions) {
       {9, "vspans", kEther, Table({one}, {}, false), "{}", {}, kFail},
       {9, "vspans", kEther, Table({one}, {Bytes(35, 0)}, false), "{}", {}, kFail},
       {9, "vspans", kEther, Table({Session{"", "n"}}, {}, false), "{}", {}, kFail},
-      {9, "vspans", kEther, Table({one}, {Entry(0, "p1")}, false), "{}", {}, kFail, {}, bad, bad,
-       other, true},
+      {9, "vspans", kEther, Table({one}, {Entry(0, "p1")}, false), "{}", {}, kFail, {}, other, nullptr, true},
   });
 }
 
@@ -249,27 +247,22 @@ TEST_F(PolicySwitch, RemoteMirrorSessionsAndEntryWidth) {
   Session d{"s-d", "rspan-dst", 3, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 0, 0};
   const Bytes saved = Table({c, d}, {Entry(0, uplink47, 52), Entry(1, "u2", 52), Entry(0, "p9", 52),
                                      Record(52).u16(4, 100).b, Record(52).u16(4, 200).b});
-  {
-    ScopedSwitch sw(zp::kClassOther, true);
-    cfgtest::ObjectPtr o = Stored("{}");
-    ASSERT_EQ(SaveOn(o.get(), 9, "vspans", kEther, saved), 0u);
-    const std::string json = cfgtest::Json(o.get());
-    EXPECT_NE(json.find(R"("destination_port":{"uplink_port_names":[")" + uplink47 + R"(","u2"]})"),
-              std::string::npos);
-    EXPECT_NE(json.find(R"("source_recv_port":{"vlans":[100,200],)"), std::string::npos);
-    EXPECT_NE(json.find(R"("destination_port":{"port_keys":["p9"]})"), std::string::npos);
-  }
   // Remote-source destinations all load as uplink names; VLAN lists load empty. Below version 100
   // entries are 36 bytes and names are cut to 31 characters.
-  d.recvSources = 0;
-  d.firstEntry = 2;
+  Session d2 = d;
+  d2.recvSources = 0;
+  d2.firstEntry = 2;
   for (uint32_t version : {107u, 100u, 7u}) {
     const size_t width = version >= 100 ? 52 : 36;
     const std::string first = version >= 100 ? uplink47 : uplink47.substr(0, 31);
     const Bytes loaded =
-        Table({c, d}, {Entry(1, first, width), Entry(1, "u2", width), Entry(0, "p9", width)});
-    Check({9, "vspans", kEther, saved, "-", {{kEther, loaded}}, 0, {}, nullptr, nullptr,
-         zp::kClassOther, true, version});
+        Table({c, d2}, {Entry(1, first, width), Entry(1, "u2", width), Entry(0, "p9", width)});
+    const std::string json = Check({9, "vspans", kEther, saved, "-", {{kEther, loaded}}, 0, {},
+                                    zp::kClassOther, nullptr, true, version});
+    EXPECT_NE(json.find(R"("destination_port":{"uplink_port_names":[")" + uplink47 + R"(","u2"]})"),
+              std::string::npos);
+    EXPECT_NE(json.find(R"("source_recv_port":{"vlans":[100,200],)"), std::string::npos);
+    EXPECT_NE(json.find(R"("destination_port":{"port_keys":["p9"]})"), std::string::npos);
   }
 }
 
@@ -319,7 +312,7 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
       {11, hc, kTeaming, {}, R"({"health_checks":[{"key":"TEAMING","enabled":true}]})",
        {{kTeaming, {1, 0, 0, 0, 0}}}},
       {11, hc, kVlanMtu, {}, R"({"health_checks":[{"key":"TEAMING","enabled":true}]})", {}},
-      {11, hc, "com.x.check", HealthCheck(1, 1), "{}", {}, kFail, {},
+      {11, hc, "com.x.check", HealthCheck(1, 1), "{}", {}, kFail, {}, zp::kClassOther,
        "Unknown health check type com.x.check\n"},
       {11, hc, "com.x.check", {}, check, {}, kFail},
       {11, hc, kVlanMtu, Bytes{1, 0, 0, 0}, "{}", {}, kFail},
@@ -490,7 +483,7 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
     EXPECT_EQ(types, c.types);
   }
   // Absent data or lists load nothing; other data without a usable type is passed over.
-  const char *bad = nullptr;
+  const int32_t other = zp::kClassOther;
   std::vector<Case> rows = {
       {22, "data", "DEFAULT", {}, R"({"data":{"vendor_specific_config":[{"key":"a.b","value":"v"}]}})",
        {{"a.b", Text("v")}}},
@@ -499,14 +492,13 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
        R"("binary"}},{"key":"bad.type","opaque_data":"AQ==","prop_type":4,"@types":{)"
        R"("opaque_data":"binary","prop_type":"uint32"}},{"key":"good","opaque_data":"AQ==",)"
        R"("prop_type":9,"@types":{"opaque_data":"binary","prop_type":"uint32"}}]}})",
-       {{"good", {1}}}, 0, {}, bad, bad, zp::kClassOther, false, 7, zp::kTablePort, 16, {9}},
-      {22, "data", "com.v.p", Text("v"), "{}", {}, kFail, {}, bad, bad, zp::kClassOther, false, 7,
-       zp::kTablePort},
+       {{"good", {1}}}, 0, {}, other, nullptr, false, 7, zp::kTablePort, 16, {9}},
+      {22, "data", "com.v.p", Text("v"), "{}", {}, kFail, {}, other, nullptr, false, 7, zp::kTablePort},
   };
   for (const char *content : {"{}", R"({"data":{}})", R"({"data":{"extra_config":[]}})"})
     for (uint32_t table : {zp::kTableGlobal, zp::kTableHost, zp::kTablePort})
       rows.push_back({table == zp::kTablePort ? 33u : 22u, "data", "DEFAULT", {}, content, {}, 0, {},
-                      bad, bad, zp::kClassOther, false, 7, table});
+                      other, nullptr, false, 7, table});
   Check(rows);
 }
 
