@@ -1,8 +1,7 @@
 // The plain conversions through a real store file: exact stored content and what loads back.
-#include <optional>
 #include <string>
 
-#include "configstore_persist_support.h"
+#include "configstore_policy_support.h"
 
 using namespace persisttest;
 
@@ -140,51 +139,30 @@ TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
   }
 }
 
-TEST_F(PersistScalar, SaveThenLoadNormalizesFlagsAndTexts) {
-  struct Case {
-    int where;  // 0 global, 1 host, 2 port
-    const char *name;
-    Bytes saved;
-    std::optional<Bytes> loaded;  // nullopt: no property comes back
-  } cases[] = {
-      {0, "com.zorlan.common.respools.sched", Bytes{7}, Bytes{1}},
-      {0, "com.zorlan.common.opaqueZel", Text("yes"), Text("false")},
-      {0, "com.zorlan.common.opaqueZel", Text("truex"), Text("false")},
-      {0, "com.zorlan.common.opaqueZel", Text("tru"), Text("false")},
+TEST_F(PersistScalar, FlagsAndTextsAreNormalized) {
+  const char *sched = "com.zorlan.common.respools.sched", *opaque = "com.zorlan.common.opaqueZel";
+  const char *qor = "com.zorlan.common.portset.qor", *block = "com.zorlan.common.port.block";
+  const char *tx = "com.zorlan.etherswitch.port.txUplink", *ipfix = "com.zorlan.etherswitch.port.ipfix";
+  const char *pt = "com.zorlan.common.port.ptAllowed";
+  policytest::Check({
+      {3, "enable", sched, Bytes{7}, R"({"enable":true})", {{sched, {1}}}},
+      {4, "is_opaque", opaque, Text("yes"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
+      {4, "is_opaque", opaque, Text("truex"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
+      {4, "is_opaque", opaque, Text("tru"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
       // A text without its NUL is read to the value's end.
-      {0, "com.zorlan.common.opaqueZel", Bytes{'t', 'r', 'u', 'e'}, Text("true")},
-      {1, "com.zorlan.common.portset.qor", Text("TRUE"), Text("false")},
-      {1, "com.zorlan.common.portset.qor", Text("true"), Text("true")},
-      {2, "com.zorlan.common.port.block", Text("1"), Text("false")},
-      {2, "com.zorlan.etherswitch.port.txUplink", Text("sometimes"), Text("normal")},
-      {2, "com.zorlan.common.port.ptAllowed", U32(1), U32(0)},
-      {2, "com.zorlan.etherswitch.port.ipfix", Text("disabled"), std::nullopt},
-      {0, "com.zorlan.common.uplinkPorts", PortNames({}), std::nullopt},
-      {1, "com.zorlan.common.host.uplinkPorts", PortIds({}), std::nullopt},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.name);
-    Props props = {{c.name, c.saved}};
-    Loaded sw = c.where == 0   ? RoundTrip("etherswitch", props)
-                : c.where == 1 ? RoundTrip("etherswitch", {}, props)
-                               : RoundTrip("etherswitch", {}, {}, props);
-    const Props &list = c.where == 0 ? sw.global : c.where == 1 ? sw.host : sw.ports.at(0).second;
-    const Bytes *got = Find(list, c.name);
-    if (c.loaded) {
-      ASSERT_NE(got, nullptr);
-      EXPECT_EQ(*got, *c.loaded);
-    } else {
-      EXPECT_EQ(got, nullptr);
-    }
-  }
-}
-
-TEST_F(PersistScalar, EmptyUplinkListsAreStoredDifferently) {
-  RoundTrip("etherswitch", {{"com.zorlan.common.uplinkPorts", PortNames({})}},
-            {{"com.zorlan.common.host.uplinkPorts", PortIds({})}});
-  const std::string json = Json("sw-rt");
-  EXPECT_NE(json.find(R"("uplink_port_keys":[])"), std::string::npos) << json;
-  EXPECT_EQ(json.find("uplink_port_names"), std::string::npos) << json;
+      {4, "is_opaque", opaque, Bytes{'t', 'r', 'u', 'e'}, R"({"is_opaque":true})",
+       {{opaque, Text("true")}}},
+      {19, "qor_enabled", qor, Text("TRUE"), R"({"qor_enabled":false})", {{qor, Text("false")}}},
+      {19, "qor_enabled", qor, Text("true"), R"({"qor_enabled":true})", {{qor, Text("true")}}},
+      {31, "blocked", block, Text("1"), R"({"blocked":false})", {{block, Text("false")}}},
+      {23, "tx_uplink", tx, Text("sometimes"), R"({"tx_uplink":false})", {{tx, Text("normal")}}},
+      {32, "ferrox_gen2_allowed", pt, U32(1), R"({"ferrox_gen2_allowed":false})", {{pt, U32(0)}}},
+      {34, "ipfix_enabled", ipfix, Text("disabled"), R"({"ipfix_enabled":false})", {}},
+      // An empty list of uplink names is not stored; one of uplink keys is.
+      {20, "uplink_port_names", "com.zorlan.common.uplinkPorts", PortNames({}), "{}", {}},
+      {14, "uplink_port_keys", "com.zorlan.common.host.uplinkPorts", PortIds({}),
+       R"({"uplink_port_keys":[]})", {}},
+  });
 }
 
 TEST_F(PersistScalar, VersionCodeComesBackFromTextAndQorFlag) {
@@ -226,26 +204,21 @@ TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
             "Set prop: com.zorlan.common.version failed\n"
             "Failed to save zel: sw-m to configstore\n"
             "Failed to save zel to configstore");
-  zelconfigstore_debug = -1;
-  // Numbers and list counts shorter than 4 bytes are refused.
-  for (const auto &[name, value] : Props{{"com.zorlan.common.resv.threshold", Bytes{1, 2}},
-                                         {"com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}},
-                                         {"com.zorlan.common.uplinkPorts", Bytes{1, 0}}}) {
-    s.global = {{"com.zorlan.common.version", U32(7)}, {name, value}};
-    EXPECT_EQ(Save({s}), kFail) << name;
-  }
   EXPECT_EQ(Dump(), before);
-
-  // A count beyond the value's slots: only the whole slots present are read.
+  // Numbers and list counts shorter than 4 bytes are refused; of a count beyond the value's slots
+  // only the whole slots present are read.
   Bytes names = NameList({"u1", "u2"}, 81, 5);
-  names.resize(names.size() - 1);  // the second slot is cut short
-  Bytes keys = NameList({"k1", "k2"}, 48, 3);
-  s.global = {{"com.zorlan.common.version", U32(7)}, {"com.zorlan.common.uplinkPorts", names}};
-  s.host = {{"com.zorlan.common.host.uplinkPorts", keys}};
-  ASSERT_EQ(Save({s}), 0u);
-  const std::string json = Json("sw-m");
-  EXPECT_NE(json.find(R"("uplink_port_names":["u1"])"), std::string::npos) << json;
-  EXPECT_NE(json.find(R"("uplink_port_keys":["k1","k2"])"), std::string::npos) << json;
+  names.pop_back();
+  const char *uplinks = "com.zorlan.common.uplinkPorts", *keys = "com.zorlan.common.host.uplinkPorts";
+  policytest::Check({
+      {0, "ratio", "com.zorlan.common.resv.threshold", Bytes{1, 2}, "{}", {}, kFail},
+      {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}, "{}", {}, kFail},
+      {20, "uplink_port_names", uplinks, Bytes{1, 0}, "{}", {}, kFail},
+      {20, "uplink_port_names", uplinks, names, R"({"uplink_port_names":["u1"]})",
+       {{uplinks, NameList({"u1"}, 81, 1)}}},
+      {14, "uplink_port_keys", keys, NameList({"k1", "k2"}, 48, 3),
+       R"({"uplink_port_keys":["k1","k2"]})", {{keys, NameList({"k1", "k2"}, 48, 2)}}},
+  });
 }
 
 TEST_F(PersistScalar, LoadedListNamesAreCutToTheirSlot) {
