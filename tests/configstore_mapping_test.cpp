@@ -76,14 +76,16 @@ class PersistPaths : public ::testing::Test {
 TEST_F(PersistPaths, GetOrCreateReportsOnlyRealFailures) {
   zeltest::ScopedLevel level(zelconfigstore_debug, 0);
   cs::Object *child = nullptr;
-  std::string out = zeltest::CaptureStdout(
-      [&] { EXPECT_EQ(zp::GetOrCreateSubObject(false, sw_.get(), "settings", nullptr, &child), 6u); });
+  std::string out = zeltest::CaptureStdout([&] {
+    EXPECT_EQ(zp::GetOrCreateSubObject(false, sw_.get(), "settings", nullptr, &child), 6u);
+  });
   EXPECT_EQ(out, "");
   EXPECT_EQ(child, nullptr);
 
   cs::testing::FailNext(cs::testing::Op::kGetSubObject, cs::kTypeMismatch);
-  out = zeltest::CaptureStdout(
-      [&] { EXPECT_EQ(zp::GetOrCreateSubObject(true, sw_.get(), "settings", nullptr, &child), 3u); });
+  out = zeltest::CaptureStdout([&] {
+    EXPECT_EQ(zp::GetOrCreateSubObject(true, sw_.get(), "settings", nullptr, &child), 3u);
+  });
   EXPECT_EQ(out, "GetOrCreateSubObject for prop: settings failed, failure code: 3\n");
 
   cs::testing::FailNext(cs::testing::Op::kCreateSubObject, cs::kNoMemory);

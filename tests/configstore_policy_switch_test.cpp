@@ -23,6 +23,7 @@ constexpr const char *kPortPools = "com.zorlan.common.port.respools.cfg";
 constexpr const char *kLdp = "link_discovery_protocol";
 
 class PolicySwitch : public PersistTest {};
+constexpr int32_t kOther = zp::kClassOther;
 
 Bytes Group(const std::string &name, const std::string &key, uint32_t mode, uint32_t algorithm,
             uint32_t uplinks) {
@@ -50,11 +51,11 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
   const Bytes v4 = Ipfix({10, 0, 0, 5}, false);
   const Bytes v6 = Ipfix({0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, true);
   Check({
-      {8, kLdp, kCdp, Bytes{1, 3}, R"({"link_discovery_protocol":{"operation":"BOTH","protocol":"LLDP"}})",
-       {{kCdp, {1, 3}}}},
+      {8, kLdp, kCdp, Bytes{1, 3},
+       R"({"link_discovery_protocol":{"operation":"BOTH","protocol":"LLDP"}})", {{kCdp, {1, 3}}}},
       // Values without a name are written as numbers and load as the unknown values.
-      {8, kLdp, kCdp, Bytes{7, 9}, R"({"link_discovery_protocol":{"operation":"9","protocol":"7"}})",
-       {{kCdp, {2, 4}}}},
+      {8, kLdp, kCdp, Bytes{7, 9},
+       R"({"link_discovery_protocol":{"operation":"9","protocol":"7"}})", {{kCdp, {2, 4}}}},
       {8, kLdp, kCdp, {}, R"({"link_discovery_protocol":{"protocol":"lldp","operation":"LISTEN"}})",
        {{kCdp, {2, 1}}}},
       // A key that does not read fails the load; no object adds nothing.
@@ -74,7 +75,7 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
       {16, "lacp_groups", kLacp, Cat({U32(1), Group("n", "g1", 0xFFFFFFFF, 21, 1)}),
        R"({"lacp_groups":[{"@types":{"uplink_num":"uint32"},"key":"g1",)"
        R"("load_balance_algorithm":"21","mode":"4294967295","name":"n","uplink_num":1}]})",
-       {{kLacp, Cat({U32(1), Group("n", "g1", 0xFFFFFFFF, 0xFFFFFFFF, 1)})}}, 0, {}, zp::kClassOther,
+       {{kLacp, Cat({U32(1), Group("n", "g1", 0xFFFFFFFF, 0xFFFFFFFF, 1)})}}, 0, {}, kOther,
        "Unknown lacp mode 4294967295\nUnknown lacp lb policy 21\n"},
       // Stored texts longer than their slots are cut to 64 and 15 characters.
       {16, "lacp_groups", kLacp, {},
@@ -82,7 +83,7 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
        R"("load_balance_algorithm":"NONE","mode":"FAST","uplink_num":3,"name":")" + longName +
            R"("}]})",
        {{kLacp, Cat({U32(1), Group(longName.substr(0, 64), "k0123456789abcd", 0xFFFFFFFF, 0, 3)})}},
-       0, {}, zp::kClassOther, "Unknown lacp mode FAST\n"},
+       0, {}, kOther, "Unknown lacp mode FAST\n"},
       {16, "lacp_groups", kLacp, {},
        R"({"lacp_groups":[{"key":"g1","load_balance_algorithm":"NONE","mode":"ACTIVE"}]})", {}, 6},
       {16, "lacp_groups", kLacp, Bytes{1, 0}, "{}", {}, kFail},
@@ -90,7 +91,8 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
       {16, "lacp_groups", kLacp, Cat({U32(1), Group("no key", "", 0, 0, 1)}), "{}", {}, kFail},
 
       {35, "lacp_policy", kPortLacp, Bytes{1, 0, 0, 0, 1, 0, 0, 0},
-       R"({"lacp_policy":{"enabled":true,"mode":"ACTIVE"}})", {{kPortLacp, {1, 0, 0, 0, 1, 0, 0, 0}}}},
+       R"({"lacp_policy":{"enabled":true,"mode":"ACTIVE"}})",
+       {{kPortLacp, {1, 0, 0, 0, 1, 0, 0, 0}}}},
       // Any non-zero byte is enabled; the unnamed mode -1 loads back as -1.
       {35, "lacp_policy", kPortLacp, Bytes{9, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, "-",
        {{kPortLacp, {1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}}}},
@@ -104,7 +106,8 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
       // Text that is no address loads as the zero IPv4 address; every key may be missing.
       {10, "ipfix", kIpfix, {}, IpfixJson("collector.example"),
        {{kIpfix, Ipfix(Bytes(16, 0), false)}}},
-      {10, "ipfix", kIpfix, {}, R"({"ipfix":{"@types":{"collector_port":"uint16"},"collector_port":2055}})",
+      {10, "ipfix", kIpfix, {},
+       R"({"ipfix":{"@types":{"collector_port":"uint16"},"collector_port":2055}})",
        {{kIpfix, Record(36).u16(24, 2055).b}}},
       {10, "ipfix", kIpfix, {}, "{}", {}},
       {10, "ipfix", kIpfix, Bytes(35, 0), "{}", {}, kFail},
@@ -182,7 +185,7 @@ TEST_F(PolicySwitch, MirrorSessions) {
   const Session defaults{"s1", name80, 0xFFFFFFFF, 0xFFFFFFFF, 0x8, 7, 0, 0, 0, 0xFFFFFFFF, 0, 1};
   Session one{"s1", "n"};
   one.destinations = 1;
-  const int32_t vs = zp::kClassVswitch, other = zp::kClassOther;
+  const int32_t vs = zp::kClassVswitch;
   Check({
       {9, "vspans", kEther, saved,
        R"({"settings":{"promiscuous_mode_vspan_session":"s-b"},"vspans":[)"
@@ -212,7 +215,7 @@ TEST_F(PolicySwitch, MirrorSessions) {
       {9, "vspans", kVswitch, {}, bogus, {{kVswitch, Table({defaults}, {})}}, 0, {},
        vs, "Unknown vspan session type in schema: BOGUS\n"},
       {9, "vspans", kEther, {}, bogus, {}, 0, {}, vs},
-      {9, "vspans", kVswitch, {}, bogus, {}, 0, {}, other},
+      {9, "vspans", kVswitch, {}, bogus, {}, 0, {}, kOther},
       {9, "vspans", "com.other.mirror", {}, bogus, {}},
       // A session bool of the wrong type fails the load; no sessions add nothing.
       {9, "vspans", kEther, {}, R"({"vspans":[{"key":"s1","legacy_mode":"yes"}]})", {},
@@ -226,7 +229,8 @@ TEST_F(PolicySwitch, MirrorSessions) {
       {9, "vspans", kEther, Table({one}, {}, false), "{}", {}, kFail},
       {9, "vspans", kEther, Table({one}, {Bytes(35, 0)}, false), "{}", {}, kFail},
       {9, "vspans", kEther, Table({Session{"", "n"}}, {}, false), "{}", {}, kFail},
-      {9, "vspans", kEther, Table({one}, {Entry(0, "p1")}, false), "{}", {}, kFail, {}, other, nullptr, true},
+      {9, "vspans", kEther, Table({one}, {Entry(0, "p1")}, false), "{}", {}, kFail, {}, kOther,
+       nullptr, true},
   });
   // Unnamed types are written as numbers; any other combination keeps every entry as a port key.
   const std::string json = Check({9, "vspans", kEther, Table({x}, {Entry(3, "odd")}, false), "-",
@@ -253,7 +257,7 @@ TEST_F(PolicySwitch, RemoteMirrorSessionsAndEntryWidth) {
     const Bytes loaded =
         Table({c, d2}, {Entry(1, first, width), Entry(1, "u2", width), Entry(0, "p9", width)});
     const std::string json = Check({9, "vspans", kEther, saved, "-", {{kEther, loaded}}, 0, {},
-                                    zp::kClassOther, nullptr, true, version});
+                                    kOther, nullptr, true, version});
     EXPECT_NE(json.find(R"("destination_port":{"uplink_port_names":[")" + uplink47 + R"(","u2"]})"),
               std::string::npos);
     EXPECT_NE(json.find(R"("source_recv_port":{"vlans":[100,200],)"), std::string::npos);
@@ -307,7 +311,7 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
       {11, hc, kTeaming, {}, R"({"health_checks":[{"key":"TEAMING","enabled":true}]})",
        {{kTeaming, {1, 0, 0, 0, 0}}}},
       {11, hc, kVlanMtu, {}, R"({"health_checks":[{"key":"TEAMING","enabled":true}]})", {}},
-      {11, hc, "com.x.check", HealthCheck(1, 1), "{}", {}, kFail, {}, zp::kClassOther,
+      {11, hc, "com.x.check", HealthCheck(1, 1), "{}", {}, kFail, {}, kOther,
        "Unknown health check type com.x.check\n"},
       {11, hc, "com.x.check", {}, check, {}, kFail},
       {11, hc, kVlanMtu, Bytes{1, 0, 0, 0}, "{}", {}, kFail},
@@ -410,20 +414,16 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
         {"com.zorlan.extraconfig.mode", Bytes{'o', 'n', 0, 'x'}, kText},
         {"x.com.zorlan.extraconfig", Text("y"), kText},
         {"com.zorlan.extraconfig.blob", Bytes{1, 0, 2}, kOpaque},
-        {"com.vendor.raw", Bytes{0xDE, 0xAD}, kRaw},
-        {"com.v.empty", {}, kText}},
+        {"com.vendor.raw", Bytes{0xDE, 0xAD}, kRaw}, {"com.v.empty", {}, kText}},
        R"({"data":{"extra_config":[{"key":"com.zorlan.extraconfig.mode","value":"on"},)"
        R"({"key":"x.com.zorlan.extraconfig","value":"y"}],"vendor_specific_config":[)"
        R"({"key":"com.vendor.setting","value":"abc"},{"key":"com.v.empty","value":""}],)"
        R"("zel_opaque_data":[{"@types":{"opaque_data":"binary"},)"
        R"("key":"com.zorlan.extraconfig.blob","opaque_data":"AQAC"},{"@types":{"opaque_data":)"
        R"("binary"},"key":"com.vendor.raw","opaque_data":"3q0="}]}})",
-       {{"com.vendor.setting", Text("abc")},
-        {"com.v.empty", Bytes{0}},
-        {"com.zorlan.extraconfig.blob", Bytes{1, 0, 2}},
-        {"com.vendor.raw", Bytes{0xDE, 0xAD}},
-        {"com.zorlan.extraconfig.mode", Text("on")},
-        {"x.com.zorlan.extraconfig", Text("y")}},
+       {{"com.vendor.setting", Text("abc")}, {"com.v.empty", Bytes{0}},
+        {"com.zorlan.extraconfig.blob", Bytes{1, 0, 2}}, {"com.vendor.raw", Bytes{0xDE, 0xAD}},
+        {"com.zorlan.extraconfig.mode", Text("on")}, {"x.com.zorlan.extraconfig", Text("y")}},
        {kText, kText, kOpaque, kOpaque, kText, kText}},
       {22,
        zp::kTableHost,
@@ -439,8 +439,7 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
         {"com.zorlan.port.extraConfig.a", Text("A"), kRaw},
         {"com.zorlan.port.extraConfigB", Text("B"), kText},
         {"com.zorlan.port.extraConfig.c", Bytes{3, 0}, kOpaque},
-        {"com.vendor.other", Bytes{0, 1, 2}, kRaw},
-        {"com.v.none", {}, kOpaque}},
+        {"com.vendor.other", Bytes{0, 1, 2}, kRaw}, {"com.v.none", {}, kOpaque}},
        R"({"data":{"extra_config":[{"key":"com.zorlan.port.extraConfig.a","value":"A"}],)"
        R"("opaque_data":[{"@types":{"opaque_data":"binary"},"key":)"
        R"("com.zorlan.port.extraConfig.c","opaque_data":"AwA="},{"@types":{"opaque_data":)"
@@ -449,12 +448,9 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
        R"("opaque_data":"AAEC","prop_type":8}],"ruleset_data":[{"@types":{"opaque_data":)"
        R"("binary"},"key":"com.vendor.filter.ruleset","opaque_data":"BwAH"}],)"
        R"("vendor_specific_data":[{"key":"com.zorlan.port.extraConfigB","value":"B"}]}})",
-       {{"com.vendor.filter.ruleset", Bytes{7, 0, 7}},
-        {"com.zorlan.port.extraConfig.c", Bytes{3, 0}},
-        {"com.v.none", Bytes{}},
-        {"com.zorlan.port.extraConfig.a", Text("A")},
-        {"com.zorlan.port.extraConfigB", Text("B")},
-        {"com.vendor.other", Bytes{0, 1, 2}}},
+       {{"com.vendor.filter.ruleset", Bytes{7, 0, 7}}, {"com.zorlan.port.extraConfig.c", {3, 0}},
+        {"com.v.none", Bytes{}}, {"com.zorlan.port.extraConfig.a", Text("A")},
+        {"com.zorlan.port.extraConfigB", Text("B")}, {"com.vendor.other", Bytes{0, 1, 2}}},
        {kText, kOpaque, kOpaque, kText, kText, kRaw}},
   };
   for (const auto &c : cases) {
@@ -470,22 +466,22 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
     EXPECT_EQ(types, c.types);
   }
   // Absent data or lists load nothing; other data without a usable type is passed over.
-  const int32_t other = zp::kClassOther;
   std::vector<Case> rows = {
-      {22, "data", "DEFAULT", {}, R"({"data":{"vendor_specific_config":[{"key":"a.b","value":"v"}]}})",
-       {{"a.b", Text("v")}}},
+      {22, "data", "DEFAULT", {},
+       R"({"data":{"vendor_specific_config":[{"key":"a.b","value":"v"}]}})", {{"a.b", Text("v")}}},
       {33, "data", "DEFAULT", {},
        R"({"data":{"other_data":[{"key":"no.type","opaque_data":"AQ==","@types":{"opaque_data":)"
        R"("binary"}},{"key":"bad.type","opaque_data":"AQ==","prop_type":4,"@types":{)"
        R"("opaque_data":"binary","prop_type":"uint32"}},{"key":"good","opaque_data":"AQ==",)"
        R"("prop_type":9,"@types":{"opaque_data":"binary","prop_type":"uint32"}}]}})",
-       {{"good", {1}}}, 0, {}, other, nullptr, false, 7, zp::kTablePort, 16, {9}},
-      {22, "data", "com.v.p", Text("v"), "{}", {}, kFail, {}, other, nullptr, false, 7, zp::kTablePort},
+       {{"good", {1}}}, 0, {}, kOther, nullptr, false, 7, zp::kTablePort, 16, {9}},
+      {22, "data", "com.v.p", Text("v"), "{}", {}, kFail, {}, kOther, nullptr, false, 7,
+       zp::kTablePort},
   };
   for (const char *content : {"{}", R"({"data":{}})", R"({"data":{"extra_config":[]}})"})
     for (uint32_t table : {zp::kTableGlobal, zp::kTableHost, zp::kTablePort})
-      rows.push_back({table == zp::kTablePort ? 33u : 22u, "data", "DEFAULT", {}, content, {}, 0, {},
-                      other, nullptr, false, 7, table});
+      rows.push_back({table == zp::kTablePort ? 33u : 22u, "data", "DEFAULT", {}, content, {}, 0,
+                      {}, kOther, nullptr, false, 7, table});
   Check(rows);
 }
 

@@ -55,25 +55,10 @@ SwitchDef EtherSwitch() {
   return s;
 }
 
-class PersistScalar : public PersistTest {
+class PersistScalar : public RoundTripTest {
  protected:
   // Port p1 is an uplink in some tests; its resource pools are not looked at.
   ScopedKinds pools_{{36}, zp::KindCase{NoSave, NoLoad}};
-
-  // Saves one switch of class `cls` (version, "resource_management", port p1 and the given
-  // properties) and loads it back.
-  Loaded RoundTrip(const std::string &cls, Props global, Props host = {}, Props port = {}) {
-    SwitchDef s;
-    s.id = "sw-rt";
-    s.cls = cls;
-    s.global = {{"com.zorlan.common.version", U32(7)},
-                {"com.zorlan.common.respools.sched", Bytes{0}}};
-    s.global.insert(s.global.end(), global.begin(), global.end());
-    s.host = std::move(host);
-    s.ports = {{"p1", std::move(port)}};
-    EXPECT_EQ(Save({s}), 0u);
-    return LoadOne();
-  }
 };
 
 TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
@@ -85,7 +70,8 @@ TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
             R"("backing_type":"standard","blocked":true,"ferrox_gen2_allowed":true,)"
             R"("ipfix_enabled":true,"tx_uplink":true,)"
             R"("vlan":{"@types":{"priority":"uint32"},"priority":5}}}],)"
-            R"("portset_name":"ps-1","product":{"forwarding_class":"etherswitch","version":"7.0.0"},)"
+            R"("portset_name":"ps-1","product":{"forwarding_class":"etherswitch",)"
+            R"("version":"7.0.0"},)"
             R"("qor_enabled":false,"resource_management":{)"
             R"("@types":{"pnic_capacity_ratio_for_reservation":"uint32"},"enable":true,)"
             R"("network_resource_control_version":"version3",)"
@@ -122,10 +108,10 @@ TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
                {"vswitch", vswitch, true}, {"cswitch", vswitch, false}};
   for (const Case &c : cases) {
     SCOPED_TRACE(c.cls);
-    Loaded sw = RoundTrip(c.cls,
+    Loaded sw = RoundTrip("sw-rt", c.cls,
                           {{"com.zorlan.vswitch.mtu", U32(1600)},
                            {"com.zorlan.vswitch.multicastFilter", Text("snooping")}},
-                          {}, {{"com.zorlan.vswitch.port.txUplink", Text("always")}});
+                          {{{"com.zorlan.vswitch.port.txUplink", Text("always")}}});
     // A switch without an alias was saved with the name "unknown".
     Props global = {{"com.zorlan.common.alias", Text("unknown")},
                     {"com.zorlan.common.version", U32(7)},
@@ -142,8 +128,8 @@ TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
 TEST_F(PersistScalar, FlagsAndTextsAreNormalized) {
   const char *sched = "com.zorlan.common.respools.sched", *opaque = "com.zorlan.common.opaqueZel";
   const char *qor = "com.zorlan.common.portset.qor", *block = "com.zorlan.common.port.block";
-  const char *tx = "com.zorlan.etherswitch.port.txUplink", *ipfix = "com.zorlan.etherswitch.port.ipfix";
-  const char *pt = "com.zorlan.common.port.ptAllowed";
+  const char *tx = "com.zorlan.etherswitch.port.txUplink", *pt = "com.zorlan.common.port.ptAllowed";
+  const char *ipfix = "com.zorlan.etherswitch.port.ipfix";
   policytest::Check({
       {3, "enable", sched, Bytes{7}, R"({"enable":true})", {{sched, {1}}}},
       {4, "is_opaque", opaque, Text("yes"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
@@ -209,7 +195,8 @@ TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
   // only the whole slots present are read.
   Bytes names = NameList({"u1", "u2"}, 81, 5);
   names.pop_back();
-  const char *uplinks = "com.zorlan.common.uplinkPorts", *keys = "com.zorlan.common.host.uplinkPorts";
+  const char *uplinks = "com.zorlan.common.uplinkPorts";
+  const char *keys = "com.zorlan.common.host.uplinkPorts";
   policytest::Check({
       {0, "ratio", "com.zorlan.common.resv.threshold", Bytes{1, 2}, "{}", {}, kFail},
       {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}, "{}", {}, kFail},
