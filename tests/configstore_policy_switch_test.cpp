@@ -1,5 +1,6 @@
 // Switch-level policy conversions: link discovery, LACP, IPFIX, mirror sessions, health checks,
 // resource pools and the catch-all data lists.
+#include <algorithm>
 #include <tuple>
 
 #include "configstore_policy_support.h"
@@ -176,13 +177,11 @@ TEST_F(PolicySwitch, MirrorSessions) {
   x2.type = x2.encap = 0xFFFFFFFF;
 
   // Stored sessions of unknown type, an over-long name and missing keys load with defaults.
-  const std::string name80 =
-      "0123456789012345678901234567890123456789012345678901234567890123456789"
-      "0123456789";
-  const std::string bogus =
-      R"({"vspans":[{"key":"s1","session_type":"BOGUS","name":")" + name80 +
-      R"(abc","encapsulation_vlan_id":7,"erspan_COS":513}]})";
-  const Session defaults{"s1", name80, 0xFFFFFFFF, 0xFFFFFFFF, 0x8, 7, 0, 0, 0, 0xFFFFFFFF, 0, 1};
+  const std::string bogus = R"({"vspans":[{"key":"s1","session_type":"BOGUS","name":")" +
+                            std::string(83, 'n') +
+                            R"(","encapsulation_vlan_id":7,"erspan_COS":513}]})";
+  const Session defaults{"s1", std::string(80, 'n'), 0xFFFFFFFF, 0xFFFFFFFF, 0x8, 7, 0, 0, 0,
+                         0xFFFFFFFF, 0, 1};
   Session one{"s1", "n"};
   one.destinations = 1;
   const int32_t vs = zp::kClassVswitch;
@@ -378,23 +377,21 @@ TEST_F(PolicySwitch, SwitchAndPortsThroughTheStore) {
   ASSERT_EQ(Save({s}), 0u);
   // The port's own copy of the pools is not stored; uplink ports load the switch's.
   EXPECT_EQ(Json("sw").find("network_resource_pools"), std::string::npos);
-  const auto expect = [](const Props &got, const Props &want) {
-    EXPECT_EQ(got.size(), want.size());
-    for (const auto &[name, value] : want) {
-      const Bytes *v = Find(got, name);
-      EXPECT_EQ(v != nullptr ? *v : Bytes{}, value) << name;
-    }
+  // Loaded in the order of the rows.
+  const auto sorted = [](Props p) {
+    std::sort(p.begin(), p.end());
+    return p;
   };
   Loaded sw = LoadOne();
   g.recvWildcards = 0x5;
   s.global[4].second = Table({g}, {Entry(0, "p1"), Entry(0, "p2")});
   s.global.push_back({"com.zorlan.common.alias", Text("unknown")});
-  expect(sw.global, s.global);
-  expect(sw.host, s.host);
+  EXPECT_EQ(sorted(sw.global), sorted(s.global));
+  EXPECT_EQ(sorted(sw.host), sorted(s.host));
   ASSERT_EQ(sw.ports.size(), 2u);
-  expect(sw.ports[1].second, port);
+  EXPECT_EQ(sorted(sw.ports[1].second), sorted(port));
   port.push_back({kPortPools, pools});
-  expect(sw.ports[0].second, port);
+  EXPECT_EQ(sorted(sw.ports[0].second), sorted(port));
 }
 
 constexpr uint32_t kText = 16, kOpaque = 24, kRaw = 8;
@@ -486,56 +483,50 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
 }
 
 TEST_F(PolicySwitch, CatchAllStoreFailures) {
-  const struct {
-    Op op;
-    uint32_t kind, type, table;
-  } saves[] = {
-      {Op::kGetSubObject, 22, kText, 0},        {Op::kGenerateInstanceId, 22, kOpaque, 0},
-      {Op::kSetValueBinary, 22, kOpaque, 1},    {Op::kSetValueStr, 22, kText, 1},
-      {Op::kCreateSubObject, 33, kOpaque, 2},   {Op::kSetValueUint32, 33, kRaw, 2},
-  };
-  for (const auto &c : saves) {
-    cfgtest::ObjectPtr o = Stored("{}");
-    cs::testing::FailNext(c.op, 7);
-    EXPECT_EQ(SaveOn(o.get(), c.kind, "data", "com.v.p", Text("v"), c.table, c.type), 7u)
-        << static_cast<int>(c.op) << " kind " << c.kind;
-    cs::testing::ClearFailures();
-  }
-  cfgtest::ObjectPtr o = Stored(
+  const std::string stored =
       R"({"data":{"vendor_specific_config":[{"key":"s.v","value":"1"}],)"
       R"("extra_config":[{"key":"s.e","value":"2"}],)"
       R"("vendor_specific_host_member_config":[{"key":"h.v","value":"3"}],)"
       R"("ruleset_data":[{"key":"p.r","opaque_data":"AQ==","@types":{"opaque_data":"binary"}}],)"
-      R"("vendor_specific_data":[{"key":"p.v","value":"4"}]}})");
+      R"("vendor_specific_data":[{"key":"p.v","value":"4"}]}})";
+  const uint32_t global = zp::kTableGlobal, host = zp::kTableHost, port = zp::kTablePort;
   const struct {
+    bool save;  // of "com.v.p" with `type` on "{}", else a load of `stored`
     Op op;
-    uint32_t status;
-    int skip;
-    uint32_t kind, table, result;
-  } loads[] = {
+    int status, skip;
+    uint32_t kind, type, table, result;
+  } cases[] = {
+      {true, Op::kGetSubObject, 7, 0, 22, kText, global, 7},
+      {true, Op::kGenerateInstanceId, 7, 0, 22, kOpaque, global, 7},
+      {true, Op::kSetValueBinary, 7, 0, 22, kOpaque, host, 7},
+      {true, Op::kSetValueStr, 7, 0, 22, kText, host, 7},
+      {true, Op::kCreateSubObject, 7, 0, 33, kOpaque, port, 7},
+      {true, Op::kSetValueUint32, 7, 0, 33, kRaw, port, 7},
       // A data object that cannot be read, and reads that fail.
-      {Op::kGetSubObject, 7, 0, 22, zp::kTableGlobal, 7},
-      {Op::kGetValueStr, 8, 1, 22, zp::kTableGlobal, 8},
-      {Op::kGetValueBinary, 8, 0, 33, zp::kTablePort, 8},
+      {false, Op::kGetSubObject, 7, 0, 22, 0, global, 7},
+      {false, Op::kGetValueStr, 8, 1, 22, 0, global, 8},
+      {false, Op::kGetValueBinary, 8, 0, 33, 0, port, 8},
       // Switch: an earlier listing that fails is passed over, the last one is not.
-      {Op::kGetSubObjectInstances, 7, 0, 22, zp::kTableGlobal, 0},
-      {Op::kGetSubObjectInstances, 7, 2, 22, zp::kTableGlobal, 7},
-      {Op::kCreateFilterSpecObject, 5, 1, 22, zp::kTableHost, 5},
+      {false, Op::kGetSubObjectInstances, 7, 0, 22, 0, global, 0},
+      {false, Op::kGetSubObjectInstances, 7, 2, 22, 0, global, 7},
+      {false, Op::kCreateFilterSpecObject, 5, 1, 22, 0, host, 5},
       // Port: any listing failure ends the load.
-      {Op::kGetSubObjectInstances, 7, 3, 33, zp::kTablePort, 7},
-      {Op::kCreateFilterSpecObject, 5, 0, 33, zp::kTablePort, 5},
-      {Op::kGetSubObject, 0, 0, 33, zp::kTablePort, 0},
+      {false, Op::kGetSubObjectInstances, 7, 3, 33, 0, port, 7},
+      {false, Op::kCreateFilterSpecObject, 5, 0, 33, 0, port, 5},
+      {false, Op::kGetSubObject, 0, 0, 33, 0, port, 0},
   };
-  for (const auto &c : loads) {
+  for (const auto &c : cases) {
     SCOPED_TRACE(::testing::Message() << static_cast<int>(c.op) << " skip " << c.skip);
-    if (c.status != 0) cs::testing::FailNext(c.op, static_cast<int>(c.status), c.skip);
+    cfgtest::ObjectPtr o = Stored(c.save ? "{}" : stored);
+    if (c.status != 0) cs::testing::FailNext(c.op, c.status, c.skip);
     Props props;
-    EXPECT_EQ(LoadFrom(o.get(), c.kind, "data", "DEFAULT", &props, nullptr, c.table), c.result);
+    EXPECT_EQ(c.save ? SaveOn(o.get(), c.kind, "data", "com.v.p", Text("v"), c.table, c.type)
+                     : LoadFrom(o.get(), c.kind, "data", "DEFAULT", &props, nullptr, c.table),
+              c.result);
     cs::testing::ClearFailures();
-    if (c.result == 0 && c.kind == 22) {
-      EXPECT_EQ(props, (Props{{"s.e", Text("2")}}));
-    } else if (c.result == 0) {
-      EXPECT_EQ(props, (Props{{"p.r", {1}}, {"s.e", Text("2")}, {"p.v", Text("4")}}));
+    if (!c.save && c.result == 0) {
+      EXPECT_EQ(props, (c.kind == 22 ? Props{{"s.e", Text("2")}}
+                                     : Props{{"p.r", {1}}, {"s.e", Text("2")}, {"p.v", Text("4")}}));
     }
   }
 }

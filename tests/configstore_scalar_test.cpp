@@ -35,23 +35,19 @@ SwitchDef EtherSwitch() {
       {"com.zorlan.common.respools.version", Text("version3")},
       {"com.zorlan.common.resv.threshold", U32(75)},
   };
-  s.host = {
-      {"com.zorlan.common.host.portset", Text("ps-1")},
-      {"com.zorlan.common.host.uplinkPorts", PortIds({"p1", "p9"})},
-      {"com.zorlan.common.portset.qor", Text("false")},
-  };
+  s.host = {{"com.zorlan.common.host.portset", Text("ps-1")},
+            {"com.zorlan.common.host.uplinkPorts", PortIds({"p1", "p9"})},
+            {"com.zorlan.common.portset.qor", Text("false")}};
   s.ports = {{"p1",
-              {
-                  {"com.zorlan.common.port.alias", Text("vm-nic")},
-                  {"com.zorlan.common.port.connectid", U32(12345)},
-                  {"com.zorlan.common.port.block", Text("true")},
-                  {"com.zorlan.common.port.ptAllowed", U32(2)},
-                  {"com.zorlan.etherswitch.port.txUplink", Text("always")},
-                  {"com.zorlan.common.port.portgroupid", Text("pg-7")},
-                  {"com.zorlan.etherswitch.port.ipfix", Text("enabled")},
-                  {"com.zorlan.common.port.backingType", Text("standard")},
-                  {"com.zorlan.vswitch.port.priority", U32(5)},
-              }}};
+              {{"com.zorlan.common.port.alias", Text("vm-nic")},
+               {"com.zorlan.common.port.connectid", U32(12345)},
+               {"com.zorlan.common.port.block", Text("true")},
+               {"com.zorlan.common.port.ptAllowed", U32(2)},
+               {"com.zorlan.etherswitch.port.txUplink", Text("always")},
+               {"com.zorlan.common.port.portgroupid", Text("pg-7")},
+               {"com.zorlan.etherswitch.port.ipfix", Text("enabled")},
+               {"com.zorlan.common.port.backingType", Text("standard")},
+               {"com.zorlan.vswitch.port.priority", U32(5)}}}};
   return s;
 }
 
