@@ -116,6 +116,7 @@ TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
     global.push_back({c.prefix + "multicastFilter", Text("snooping")});
     global.push_back({"com.zorlan.common.respools.sched", Bytes{0}});
     EXPECT_EQ(sw.global, global);
+    EXPECT_EQ(sw.maxPorts, std::string(c.cls) == "pyxswitch" ? 64u : 4096u);  // a limited class
     ASSERT_EQ(sw.ports.size(), 1u);
     EXPECT_EQ(sw.ports[0].second, (Props{{c.prefix + "port.txUplink", Text("always")}}));
   }
@@ -188,7 +189,8 @@ TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
             "Failed to save zel to configstore");
   EXPECT_EQ(Dump(), before);
   // Numbers and list counts shorter than 4 bytes are refused; of a count beyond the value's slots
-  // only the whole slots present are read.
+  // only the whole slots present are read; loaded names are cut to their slots.
+  const std::string key(60, 'k'), name(100, 'n');
   Bytes names = NameList({"u1", "u2"}, 81, 5);
   names.pop_back();
   const char *uplinks = "com.zorlan.common.uplinkPorts";
@@ -196,41 +198,18 @@ TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
   policytest::Check({
       {0, "ratio", "com.zorlan.common.resv.threshold", Bytes{1, 2}, "{}", {}, kFail},
       {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}, "{}", {}, kFail},
+      {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", {},
+       R"({"switch_address":"192.168.1"})", {}, kFail},
       {20, "uplink_port_names", uplinks, Bytes{1, 0}, "{}", {}, kFail},
       {20, "uplink_port_names", uplinks, names, R"({"uplink_port_names":["u1"]})",
        {{uplinks, NameList({"u1"}, 81, 1)}}},
       {14, "uplink_port_keys", keys, NameList({"k1", "k2"}, 48, 3),
        R"({"uplink_port_keys":["k1","k2"]})", {{keys, NameList({"k1", "k2"}, 48, 2)}}},
+      {20, "uplink_port_names", uplinks, {}, R"({"uplink_port_names":[")" + name + R"("]})",
+       {{uplinks, NameList({name.substr(0, 80)}, 81, 1)}}},
+      {14, "uplink_port_keys", keys, {}, R"({"uplink_port_keys":[")" + key + R"(","p2"]})",
+       {{keys, NameList({key.substr(0, 47), "p2"}, 48, 2)}}},
   });
-}
-
-TEST_F(PersistScalar, LoadedListNamesAreCutToTheirSlot) {
-  const std::string key(60, 'k'), name(100, 'n');
-  const std::string content = R"({"uuid":"sw-c","max_ports":8,"product":{"forwarding_class":"x",)"
-                              R"("version":"6.5.0"},"uplink_port_keys":[")" +
-                              key + R"(","p2"],"uplink_port_names":[")" + name + R"("]})";
-  Put("sw-c", content.c_str());
-  Loaded sw = LoadOne();
-  EXPECT_EQ(sw.version, 5u);
-  EXPECT_EQ(sw.maxPorts, 8u);
-  EXPECT_EQ(sw.host, (Props{{"com.zorlan.common.host.uplinkPorts",
-                             NameList({key.substr(0, 47), "p2"}, 48, 2)}}));
-  EXPECT_EQ(*Find(sw.global, "com.zorlan.common.uplinkPorts"),
-            NameList({name.substr(0, 80)}, 81, 1));
-}
-
-TEST_F(PersistScalar, UnparsableAddressFailsTheLoad) {
-  Put("sw-a", R"({"uuid":"sw-a","max_ports":8,"switch_address":"192.168.1",)"
-              R"("product":{"forwarding_class":"x","version":"7.0.0"}})");
-  zelconfigstore_debug = 0;
-  uint32_t status = 0;
-  std::string out = zeltest::CaptureStdout([&] { LoadAll(&status); });
-  EXPECT_EQ(status, kFail);
-  EXPECT_EQ(out,
-            "Faild to load prop: com.zorlan.etherswitch.ipv4addr, key: switch_address, type:5 "
-            "from configstore, rc: -1\n"
-            "Load zel props from configstore failed, props type:globalPropList\n"
-            "Failed to load buf of switch: sw-a from configstore\n");
 }
 
 }  // namespace
