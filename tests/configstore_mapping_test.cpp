@@ -26,8 +26,7 @@ std::string Kinds(const PropToConfigEntry *table, size_t named, uint32_t catchAl
   for (size_t i = 0; i < named; ++i) {
     const PropToConfigEntry &e = table[i];
     EXPECT_NE(e.name, nullptr) << i;
-    EXPECT_GE(e.depth, 1u) << i;
-    EXPECT_LE(e.depth, 3u) << i;
+    EXPECT_TRUE(e.depth >= 1 && e.depth <= 3) << i;
     for (uint32_t c = e.depth; c < ZEL_CONFIG_PATH_COMPONENTS; ++c) EXPECT_TRUE(AllZero(e.path[c]));
     EXPECT_EQ(e.flags, 16u) << i;
     kinds += (i > 0 ? " " : "") + std::to_string(e.kind);
@@ -36,11 +35,8 @@ std::string Kinds(const PropToConfigEntry *table, size_t named, uint32_t catchAl
   EXPECT_EQ(Path(table[named - 1]), "data");
   EXPECT_EQ(table[named - 1].kind, catchAll);
   const PropToConfigEntry &end = table[named];
-  EXPECT_EQ(end.name, nullptr);
+  EXPECT_TRUE(end.name == nullptr && end.depth == 0 && end.kind == 37 && end.flags == 0);
   for (const auto &component : end.path) EXPECT_TRUE(AllZero(component));
-  EXPECT_EQ(end.depth, 0u);
-  EXPECT_EQ(end.kind, 37u);
-  EXPECT_EQ(end.flags, 0u);
   return kinds;
 }
 
@@ -76,14 +72,16 @@ class PersistPaths : public ::testing::Test {
 TEST_F(PersistPaths, GetOrCreateReportsOnlyRealFailures) {
   zeltest::ScopedLevel level(zelconfigstore_debug, 0);
   cs::Object *child = nullptr;
-  std::string out = zeltest::CaptureStdout(
-      [&] { EXPECT_EQ(zp::GetOrCreateSubObject(false, sw_.get(), "settings", nullptr, &child), 6u); });
+  std::string out = zeltest::CaptureStdout([&] {
+    EXPECT_EQ(zp::GetOrCreateSubObject(false, sw_.get(), "settings", nullptr, &child), 6u);
+  });
   EXPECT_EQ(out, "");
   EXPECT_EQ(child, nullptr);
 
   cs::testing::FailNext(cs::testing::Op::kGetSubObject, cs::kTypeMismatch);
-  out = zeltest::CaptureStdout(
-      [&] { EXPECT_EQ(zp::GetOrCreateSubObject(true, sw_.get(), "settings", nullptr, &child), 3u); });
+  out = zeltest::CaptureStdout([&] {
+    EXPECT_EQ(zp::GetOrCreateSubObject(true, sw_.get(), "settings", nullptr, &child), 3u);
+  });
   EXPECT_EQ(out, "GetOrCreateSubObject for prop: settings failed, failure code: 3\n");
 
   cs::testing::FailNext(cs::testing::Op::kCreateSubObject, cs::kNoMemory);

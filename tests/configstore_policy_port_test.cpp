@@ -1,12 +1,11 @@
-// Traffic shaper, MAC management and filter policy conversions, through a real store file and on
-// in-memory objects.
+// Port policy conversions: traffic shaping, MAC management, filters, uplink teaming, VLANs, and
+// the private-VLAN map whose row depends on the stored switch.
 #include <string>
 
 #include "configstore/policy/port_policies.h"
-#include "configstore_persist_support.h"
+#include "configstore_policy_support.h"
 
-using namespace persisttest;
-using Op = cs::testing::Op;
+using namespace policytest;
 
 namespace {
 
@@ -15,12 +14,17 @@ constexpr const char *kShaperOut = "com.zorlan.common.port.shaper.output";
 constexpr const char *kEtherSecurity = "com.zorlan.etherswitch.port.security";
 constexpr const char *kVswitchSecurity = "com.zorlan.vswitch.port.security";
 constexpr const char *kFilter = "com.zorlan.common.port.dvfilter";
+constexpr const char *kVsTeaming = "com.zorlan.vswitch.port.teaming.policy";
+constexpr const char *kEsTeaming = "com.zorlan.etherswitch.port.teaming";
+constexpr const char *kEsVlan = "com.zorlan.etherswitch.port.vlan";
+constexpr const char *kVsVlan = "com.zorlan.vswitch.port.vlan";
+constexpr const char *kEsMap = "com.zorlan.etherswitch.pvlanMap";
+constexpr const char *kVsMap = "com.zorlan.vswitch.pvlanMap";
+constexpr const char *kMac = "mac_management_policy", *kFp = "filter_policy";
+constexpr const char *kTeamObject = "uplink_teaming_policy";
+constexpr int32_t kOther = zp::kClassOther, kVs = zp::kClassVswitch, kCs = zp::kClassCswitch;
 
-Bytes U64(uint64_t v) {
-  Bytes b(8);
-  std::memcpy(b.data(), &v, 8);
-  return b;
-}
+class PolicyPort : public RoundTripTest {};
 
 // One filter record; numParams is params.size() unless given.
 Bytes Filter(uint32_t slot, const std::string &agent, uint32_t onFailure,
@@ -37,279 +41,340 @@ Bytes Filters(uint32_t count, std::initializer_list<Bytes> filters) {
   return b;
 }
 
-class PersistPortPolicy : public PersistTest {
- protected:
-  ScopedKinds pools_{{36}, zp::KindCase{NoSave, NoLoad}};
-
-  void TearDown() override {
-    zel::persist::policy::testing::SetFilterAllocator(nullptr);
-    PersistTest::TearDown();
-  }
-
-  // Saves switch "sw" with port p1; ports load only under "resource_management".
-  uint32_t SavePort(const std::string &cls, const Props &port) {
-    SwitchDef s;
-    s.id = "sw";
-    s.cls = cls;
-    s.global = {{"com.zorlan.common.version", U32(7)},
-                {"com.zorlan.common.respools.sched", Bytes{0}}};
-    s.ports = {{"p1", port}};
-    return Save({s});
-  }
-  std::string StoredSettings() { return ObjectAt(Json("sw"), "settings"); }
-  Props LoadPort() {
-    Loaded sw = LoadOne();
-    return sw.ports.size() == 1 ? sw.ports[0].second : Props{};
-  }
-  void PutSettings(const std::string &cls, const std::string &settings) {
-    const std::string content =
-        R"({"uuid":"sw","max_ports":8,"product":{"forwarding_class":")" + cls +
-        R"(","version":"7.0.0"},"qor_enabled":false,"resource_management":{"enable":false},)"
-        R"("ports":[{"key":"p1","settings":)" + settings + "}]}";
-    Put("sw", content.c_str());
-  }
-
-  static uint32_t LoadCase(uint32_t kind, const char *name, const char *key,
-                           const std::string &settings, Props *props) {
-    cs::Object *o = nullptr;
-    EXPECT_EQ(cs::CreateObject("switches", "network_zel", "orn", "direct", settings.c_str(), &o),
-              0);
-    cfgtest::ObjectPtr owner(o);
-    PropertyList *list = zelstatetest::MakeList({});
-    const zp::LoadArgs args{o, o, key, list, name, 16, zp::kTablePort, 7};
-    const uint32_t status = zp::FindKind(kind)->load(args);
-    *props = zelstatetest::ListProps(list);
-    ZELData_Free(list);
-    return status;
-  }
-};
-
-TEST_F(PersistPortPolicy, ShaperIsStoredTimesEightAndLoadsBack) {
+TEST_F(PolicyPort, ShapingAndMacManagement) {
   const std::string kInt64s =
       R"({"@types":{"average_bandwidth":"int64","burst_size":"int64","peak_bandwidth":"int64"},)";
   // {1000, 2000, 3000}, and a number whose product wraps modulo 2^64.
-  const Bytes in = {0xE8, 0x03, 0, 0, 0, 0, 0, 0, 0xD0, 0x07, 0, 0, 0, 0, 0, 0,
-                    0xB8, 0x0B, 0, 0, 0, 0, 0, 0};
+  const Bytes in = Cat({U64(1000), U64(2000), U64(3000)});
   const Bytes out = Cat({U64(1), U64(0x2000000000000001ull), U64(0)});
-  ASSERT_EQ(SavePort("etherswitch", {{kShaperIn, in}, {kShaperOut, out}}), 0u);
-  EXPECT_EQ(StoredSettings(),
-            R"({"in_shaping_policy":)" + kInt64s +
-                R"("average_bandwidth":8000,"burst_size":24000,"enabled":true,)"
-                R"("peak_bandwidth":16000},"out_shaping_policy":)" +
-                kInt64s +
-                R"("average_bandwidth":8,"burst_size":0,"enabled":true,"peak_bandwidth":8}})");
-  EXPECT_EQ(LoadPort(), (Props{{kShaperIn, in}, {kShaperOut, Cat({U64(1), U64(1), U64(0)})}}));
-
-  // Remainders are lost, division rounds toward zero, missing keys give 0, and "enabled" is not
-  // looked at.
-  PutSettings("etherswitch",
-              R"({"in_shaping_policy":{"average_bandwidth":12,"peak_bandwidth":-12,)"
-              R"("enabled":false},"out_shaping_policy":{"burst_size":"8"}})");
-  EXPECT_EQ(LoadPort(), (Props{{kShaperIn, Cat({U64(1), U64(~uint64_t{0}), U64(0)})},
-                               {kShaperOut, Cat({U64(0), U64(0), U64(0)})}}));
-
-  // Only the input row with the input object and the output row with the output object load.
-  Props props;
   const std::string both = R"({"in_shaping_policy":{"burst_size":80},)"
                            R"("out_shaping_policy":{"burst_size":800}})";
-  EXPECT_EQ(LoadCase(26, kShaperIn, "out_shaping_policy", both, &props), 0u);
-  EXPECT_TRUE(props.empty());
-  EXPECT_EQ(LoadCase(26, kShaperOut, "out_shaping_policy", both, &props), 0u);
-  EXPECT_EQ(props, (Props{{kShaperOut, Cat({U64(0), U64(0), U64(100)})}}));
-}
-
-TEST_F(PersistPortPolicy, MacManagementStoresAllowancesAndLoadsByClass) {
-  // Both rows save into the one object on every class (the later row wins); it loads as the
-  // etherswitch property on other classes, as the vswitch one on vswitch and cswitch.  Bits above 2
-  // are dropped.
-  struct Case {
-    const char *cls;
-    const char *loadsAs;
-  } cases[] = {{"etherswitch", kEtherSecurity},
-               {"pyxswitch", kEtherSecurity},
-               {"vswitch", kVswitchSecurity},
-               {"cswitch", kVswitchSecurity}};
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.cls);
-    ASSERT_EQ(SavePort(c.cls, {{kEtherSecurity, U32(0)}, {kVswitchSecurity, U32(0xFFFFFFFD)}}),
-              0u);
-    EXPECT_EQ(StoredSettings(),
-              R"({"mac_management_policy":{"allow_forged_transmit":false,)"
-              R"("allow_mac_change":true,"allow_promiscuous":false}})");
-    EXPECT_EQ(LoadPort(), (Props{{c.loadsAs, U32(0x5)}}));
-  }
-
-  // A missing or unreadable allowance leaves its bit clear.
-  PutSettings("etherswitch", R"({"mac_management_policy":{"allow_promiscuous":false,)"
-                             R"("allow_mac_change":"no"}})");
-  EXPECT_EQ(LoadPort(), (Props{{kEtherSecurity, U32(0x1)}}));
-}
-
-TEST_F(PersistPortPolicy, FiltersSaveOneInstancePerSlotAndLoadBackPacked) {
-  // Two filters, the first with two parameters (indexes as the kernel left them), the second with
-  // none and a slot that is -1 when signed.
-  const Bytes first = Filter(2, "guard", 1, {{7, "a=1"}, {9, "mode=strict"}});
-  const Bytes second = Filter(4294967295u, "tap", 5, {});
-  const Bytes value = Filters(2, {first, second});
-  ASSERT_EQ(value.size(), 628u);
-  ASSERT_EQ(SavePort("etherswitch", {{kFilter, value}}), 0u);
-  EXPECT_EQ(StoredSettings(),
-            R"({"filter_policy":{"network_filters":[)"
-            R"({"agent_name":"guard","key":"2","on_failure":"FAIL_OPEN",)"
-            R"("parameters":["a=1","mode=strict"],"slot_number":"2"},)"
-            R"({"agent_name":"tap","key":"-1","on_failure":"FAIL_CLOSED","parameters":[],)"
-            R"("slot_number":"4294967295"}]}})");
-
-  // The load numbers the parameters and maps every failure mode but 1 to 0; the second filter
-  // starts at 4 + 52 + 520 = 576.
-  const Props loaded = LoadPort();
-  ASSERT_EQ(loaded.size(), 1u);
-  const Bytes &bytes = loaded[0].second;
-  EXPECT_EQ(bytes, Filters(2, {Filter(2, "guard", 1, {{0, "a=1"}, {1, "mode=strict"}}),
-                               Filter(4294967295u, "tap", 0, {})}));
-  EXPECT_EQ(Bytes(bytes.begin() + 576, bytes.begin() + 580), U32(4294967295u));
-
-  // No filters: an empty list, loaded back as the 4-byte count 0.
-  ASSERT_EQ(SavePort("etherswitch", {{kFilter, U32(0)}}), 0u);
-  EXPECT_EQ(StoredSettings(), R"({"filter_policy":{"network_filters":[]}})");
-  EXPECT_EQ(LoadPort(), (Props{{kFilter, U32(0)}}));
-}
-
-TEST_F(PersistPortPolicy, StoredFiltersAreReadWithinTheirSlots) {
-  const std::string agent(60, 'a'), param(300, 'p');
-  PutSettings("vswitch", R"({"filter_policy":{"network_filters":[)"
-                         R"({"key":"x","agent_name":")" + agent +
-                             R"(","slot_number":"-1","on_failure":"fail_open",)"
-                             R"("parameters":[")" + param + R"(","b"]},)"
-                             R"({"key":"y","slot_number":"abc","on_failure":"FAIL_OPEN"},)"
-                             R"({"key":"z","agent_name":7,"slot_number":"12"}]}})");
-  EXPECT_EQ(LoadPort(),
-            (Props{{kFilter, Filters(3, {Filter(4294967295u, agent.substr(0, 39), 0,
-                                                {{0, param.substr(0, 255)}, {1, "b"}}),
-                                         Filter(0, "", 1, {}), Filter(12, "", 0, {})})}}));
-
-  // No filter_policy object loads nothing; a policy without a list loads the count 0.
-  PutSettings("vswitch", R"({"shaping":1})");
-  EXPECT_TRUE(LoadPort().empty());
-  PutSettings("vswitch", R"({"filter_policy":{}})");
-  EXPECT_EQ(LoadPort(), (Props{{kFilter, U32(0)}}));
-}
-
-TEST_F(PersistPortPolicy, ShortValuesAreRefusedBeforeAnythingIsWritten) {
-  const Bytes one = Filter(1, "f", 0, {{0, "x"}});
-  struct Case {
-    const char *name;
-    Bytes value;
-  } cases[] = {
-      {kShaperIn, Bytes(23, 0)},
-      {kEtherSecurity, Bytes{1, 2, 3}},
-      {kFilter, Bytes{0, 0, 0}},
-      {kFilter, Filters(1, {Bytes(one.begin(), one.begin() + 51)})},
-      {kFilter, Filters(1, {Bytes(one.begin(), one.end() - 1)})},
-      {kFilter, Filters(2, {one})},
-      {kFilter, Filters(1, {Filter(1, "f", 0, {{0, "x"}}, 0xFFFFFFFF)})},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.name << " " << c.value.size());
-    std::string json;
-    EXPECT_EQ(PortSaveCase(zp::FindRow(zp::kTablePort, c.name)->kind, c.name, "policy", c.value,
-                       &json),
-              kFail);
-    EXPECT_EQ(json, "{}");
-  }
-  // Longer values are read up to what their counts need; texts without a NUL end with their slot.
-  std::string json;
-  const std::string agent(40, 'n');
-  Bytes value = Filters(1, {Filter(3, agent, 1, {{0, std::string(256, 'v')}})});
-  value.resize(value.size() + 5, 0xEE);
-  ASSERT_EQ(PortSaveCase(29, kFilter, "filter_policy", value, &json), 0u);
-  EXPECT_NE(json.find(R"("agent_name":")" + agent + R"(")"), std::string::npos) << json;
-  EXPECT_NE(json.find(R"("parameters":[")" + std::string(256, 'v') + R"("])"),
-            std::string::npos);
-}
-
-TEST_F(PersistPortPolicy, StoreFailuresEndTheSaveWithTheirStatus) {
-  const Bytes shaper = Cat({U64(1), U64(2), U64(3)});
-  const Bytes filters = Filters(2, {Filter(1, "a", 1, {{0, "p"}}), Filter(2, "b", 1, {})});
-  const struct {
-    uint32_t kind;
-    const char *name, *key;
-    Bytes value;
-    Op op;
-    uint32_t status;
-    int skip;
-    const char *written;  // null: not compared
-  } cases[] = {
-      // What was written before the failure stays.
-      {26, kShaperIn, "in_shaping_policy", shaper, Op::kSetValueLong, 7, 1,
+  const std::string mac = R"({"mac_management_policy":{"allow_forged_transmit":false,)"
+                          R"("allow_mac_change":true,"allow_promiscuous":false}})";
+  Check({
+      {26, "in_shaping_policy", kShaperIn, in,
+       R"({"in_shaping_policy":)" + kInt64s +
+           R"("average_bandwidth":8000,"burst_size":24000,"enabled":true,"peak_bandwidth":16000}})",
+       {{kShaperIn, in}}},
+      {26, "out_shaping_policy", kShaperOut, out,
+       R"({"out_shaping_policy":)" + kInt64s +
+           R"("average_bandwidth":8,"burst_size":0,"enabled":true,"peak_bandwidth":8}})",
+       {{kShaperOut, Cat({U64(1), U64(1), U64(0)})}}},
+      // Division rounds toward zero, missing keys give 0, and "enabled" is not looked at.
+      {26, "in_shaping_policy", kShaperIn, {},
+       R"({"in_shaping_policy":{"average_bandwidth":12,"peak_bandwidth":-12,"enabled":false}})",
+       {{kShaperIn, Cat({U64(1), U64(~uint64_t{0}), U64(0)})}}},
+      {26, "out_shaping_policy", kShaperOut, {}, R"({"out_shaping_policy":{"burst_size":"8"}})",
+       {{kShaperOut, Bytes(24, 0)}}},
+      // Only the input row with the input object and the output row with the output object load.
+      {26, "out_shaping_policy", kShaperIn, {}, both, {}},
+      {26, "out_shaping_policy", kShaperOut, {}, both, {{kShaperOut, Record(24).u8(16, 100).b}}},
+      {26, "in_shaping_policy", kShaperIn, Bytes(23, 0), "{}", {}, kFail},
+      // What was written before a failure stays; an unreadable object is skipped.
+      {26, "in_shaping_policy", kShaperIn, in,
        R"({"in_shaping_policy":{"@types":{"average_bandwidth":"int64"},)"
-       R"("average_bandwidth":8,"enabled":true}})"},
-      {27, kEtherSecurity, "mac_management_policy", U32(0), Op::kSetValueBool, 8, 2, nullptr},
-      {28, kVswitchSecurity, "mac_management_policy", U32(0), Op::kCreateSubObject, 5, 0, "{}"},
-      {29, kFilter, "filter_policy", filters, Op::kSetValueEmptyList, 3, 1, nullptr},
-      {29, kFilter, "filter_policy", filters, Op::kCreateSubObject, 3, 2, nullptr},
-      {29, kFilter, "filter_policy", filters, Op::kSetValueStr, 3, 4, nullptr},
-      {29, kFilter, "filter_policy", filters, Op::kAppendValueString, 3, 0, nullptr},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(::testing::Message() << c.kind << " " << static_cast<int>(c.op));
-    std::string json;
-    cs::testing::FailNext(c.op, static_cast<int>(c.status), c.skip);
-    EXPECT_EQ(PortSaveCase(c.kind, c.name, c.key, c.value, &json), c.status);
-    cs::testing::ClearFailures();
-    if (c.written != nullptr) {
-      EXPECT_EQ(json, c.written);
-    }
-  }
+       R"("average_bandwidth":8000,"enabled":true}})",
+       {}, 7, {Op::kSetValueLong, 7, 1}},
+      {26, "in_shaping_policy", kShaperIn, {}, R"({"in_shaping_policy":{}})", {}, 0,
+       {Op::kGetSubObject, 3}},
+
+      // Both kinds save the one object on every class; bits above 2 are dropped. It loads as the
+      // etherswitch property on other classes, as the vswitch one on vswitch and cswitch.
+      {27, kMac, kEtherSecurity, U32(0xFFFFFFFD), mac, {{kEtherSecurity, U32(5)}}},
+      {28, kMac, kVswitchSecurity, U32(0xFFFFFFFD), mac, {}},
+      {28, kMac, kVswitchSecurity, U32(0xFFFFFFFD), mac, {{kVswitchSecurity, U32(5)}}, 0, {}, kVs},
+      {28, kMac, kVswitchSecurity, {}, mac, {{kVswitchSecurity, U32(5)}}, 0, {}, kCs},
+      {27, kMac, kEtherSecurity, {}, mac, {}, 0, {}, kCs},
+      // A missing or unreadable allowance leaves its bit clear.
+      {27, kMac, kEtherSecurity, {},
+       R"({"mac_management_policy":{"allow_promiscuous":false,"allow_mac_change":"no"}})",
+       {{kEtherSecurity, U32(1)}}},
+      {27, kMac, kEtherSecurity, Bytes{1, 2, 3}, "{}", {}, kFail},
+      {27, kMac, kEtherSecurity, U32(0), "-", {}, 8, {Op::kSetValueBool, 8, 2}},
+      {28, kMac, kVswitchSecurity, U32(0), "{}", {}, 5, {Op::kCreateSubObject, 5}},
+  });
 }
 
-TEST_F(PersistPortPolicy, FilterLoadFailuresAndItsTwoPasses) {
-  const std::string twoFilters =
-      R"({"filter_policy":{"network_filters":[)"
-      R"({"key":"1","slot_number":"1","parameters":["p","q"]},)"
-      R"({"key":"2","slot_number":"2","parameters":["r"]}]}})";
-  Props props;
-  // A policy that cannot be read fails the load; the shaper and MAC objects are skipped instead.
-  cs::testing::FailNext(Op::kGetSubObject, 3);
-  EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 3u);
-  cs::testing::FailNext(Op::kGetSubObject, 3);
-  EXPECT_EQ(LoadCase(26, kShaperIn, "in_shaping_policy", R"({"in_shaping_policy":{}})", &props),
-            0u);
-  EXPECT_TRUE(props.empty());
-  // Either filter spec failing returns its status.
-  for (int skip : {0, 1}) {
-    cs::testing::FailNext(Op::kCreateFilterSpecObject, 2, skip);
-    EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 2u);
-    EXPECT_TRUE(props.empty());
-  }
-
-  // A parameter list that reads in the second pass but not in the first gets no room, and the next
-  // filter follows the first one's header.
-  cs::testing::FailNext(Op::kGetValueStringArray, 3);
-  EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 0u);
-  EXPECT_EQ(props, (Props{{kFilter, Filters(2, {Filter(1, "", 0, {}),
-                                                Filter(2, "", 0, {{0, "r"}})})}}));
-  // One that reads in the first pass only: the room made for it stays zero at the value's end, and
-  // the next filter follows the first one's header.
-  cs::testing::FailNext(Op::kGetValueStringArray, 3, 2);
-  EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 0u);
-  Bytes packed = Filters(2, {Filter(1, "", 0, {}), Filter(2, "", 0, {{0, "r"}})});
-  packed.resize(packed.size() + 2 * 260, 0);
-  EXPECT_EQ(props, (Props{{kFilter, packed}}));
-  // Instances the first pass did not list are not written.
-  cs::testing::FailNext(Op::kGetSubObjectInstances, 3);
-  EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), 0u);
-  EXPECT_EQ(props, (Props{{kFilter, U32(0)}}));
-
+TEST_F(PolicyPort, Filters) {
+  // Two filters, the first with two parameters (indexes as the kernel left them), the second with
+  // none and a slot that is -1 when signed. The load numbers the parameters and maps every
+  // failure mode but 1 to 0.
+  const Bytes two = Filters(2, {Filter(2, "guard", 1, {{7, "a=1"}, {9, "mode=strict"}}),
+                                Filter(4294967295u, "tap", 5, {})});
+  const Bytes one = Filter(1, "f", 0, {{0, "x"}});
+  const std::string agent(60, 'a'), param(300, 'p'), agent40(40, 'n'), param256(256, 'v');
+  Bytes longer = Filters(1, {Filter(3, agent40, 1, {{0, param256}})});
+  longer.resize(longer.size() + 5, 0xEE);
+  const Bytes faulted = Filters(2, {Filter(1, "a", 1, {{0, "p"}}), Filter(2, "b", 1, {})});
+  const std::string twoStored = R"({"filter_policy":{"network_filters":[)"
+                                R"({"key":"1","slot_number":"1","parameters":["p","q"]},)"
+                                R"({"key":"2","slot_number":"2","parameters":["r"]}]}})";
+  // A list that reads in the second pass but not the first gets no room; one that reads in the
+  // first only keeps its room zero at the value's end. Either way the next filter follows the
+  // first one's header.
+  const Bytes skipped = Filters(2, {Filter(1, "", 0, {}), Filter(2, "", 0, {{0, "r"}})});
+  Bytes padded = skipped;
+  padded.resize(padded.size() + 2 * 260, 0);
+  Check({
+      {29, kFp, kFilter, two,
+       R"({"filter_policy":{"network_filters":[)"
+       R"({"agent_name":"guard","key":"2","on_failure":"FAIL_OPEN",)"
+       R"("parameters":["a=1","mode=strict"],"slot_number":"2"},)"
+       R"({"agent_name":"tap","key":"-1","on_failure":"FAIL_CLOSED","parameters":[],)"
+       R"("slot_number":"4294967295"}]}})",
+       {{kFilter, Filters(2, {Filter(2, "guard", 1, {{0, "a=1"}, {1, "mode=strict"}}),
+                              Filter(4294967295u, "tap", 0, {})})}}},
+      {29, kFp, kFilter, U32(0), R"({"filter_policy":{"network_filters":[]}})",
+       {{kFilter, U32(0)}}},
+      // Longer values are read up to what their counts need; texts without a NUL end with their
+      // slot, and stored texts are cut to theirs.
+      {29, kFp, kFilter, longer,
+       R"({"filter_policy":{"network_filters":[{"agent_name":")" + agent40 +
+           R"(","key":"3","on_failure":"FAIL_OPEN","parameters":[")" + param256 +
+           R"("],"slot_number":"3"}]}})",
+       {{kFilter, Filters(1, {Filter(3, agent40.substr(1), 1, {{0, param256.substr(1)}})})}}},
+      {29, kFp, kFilter, {},
+       R"({"filter_policy":{"network_filters":[{"key":"x","agent_name":")" + agent +
+           R"(","slot_number":"-1","on_failure":"fail_open","parameters":[")" + param +
+           R"(","b"]},{"key":"y","slot_number":"abc","on_failure":"FAIL_OPEN"},)"
+           R"({"key":"z","agent_name":7,"slot_number":"12"}]}})",
+       {{kFilter, Filters(3, {Filter(4294967295u, agent.substr(0, 39), 0,
+                                     {{0, param.substr(0, 255)}, {1, "b"}}),
+                              Filter(0, "", 1, {}), Filter(12, "", 0, {})})}}},
+      // No policy object loads nothing; a policy without a list loads the count 0.
+      {29, kFp, kFilter, {}, R"({"shaping":1})", {}},
+      {29, kFp, kFilter, {}, R"({"filter_policy":{}})", {{kFilter, U32(0)}}},
+      // Short values are refused before anything is written.
+      {29, kFp, kFilter, Bytes{0, 0, 0}, "{}", {}, kFail},
+      {29, kFp, kFilter, Filters(1, {Bytes(one.begin(), one.begin() + 51)}), "{}", {}, kFail},
+      {29, kFp, kFilter, Filters(1, {Bytes(one.begin(), one.end() - 1)}), "{}", {}, kFail},
+      {29, kFp, kFilter, Filters(2, {one}), "{}", {}, kFail},
+      {29, kFp, kFilter, Filters(1, {Filter(1, "f", 0, {{0, "x"}}, 0xFFFFFFFF)}), "{}", {}, kFail},
+      {29, kFp, kFilter, faulted, "-", {}, 3, {Op::kSetValueEmptyList, 3, 1}},
+      {29, kFp, kFilter, faulted, "-", {}, 3, {Op::kAppendValueString, 3, 0}},
+      {29, kFp, kFilter, {}, twoStored, {}, 3, {Op::kGetSubObject, 3}},
+      {29, kFp, kFilter, {}, twoStored, {}, 2, {Op::kCreateFilterSpecObject, 2}},
+      {29, kFp, kFilter, {}, twoStored, {}, 2, {Op::kCreateFilterSpecObject, 2, 1}},
+      {29, kFp, kFilter, {}, twoStored, {{kFilter, skipped}}, 0, {Op::kGetValueStringArray, 3}},
+      {29, kFp, kFilter, {}, twoStored, {{kFilter, padded}}, 0, {Op::kGetValueStringArray, 3, 2}},
+      // Instances the first pass did not list are not written.
+      {29, kFp, kFilter, {}, twoStored, {{kFilter, U32(0)}}, 0, {Op::kGetSubObjectInstances, 3}},
+  });
   zel::persist::policy::testing::SetFilterAllocator([](size_t, size_t) -> void * {
     return nullptr;
   });
-  zeltest::ScopedLevel level(zelconfigstore_debug, 0);
-  const std::string out = zeltest::CaptureStdout([&] {
-    EXPECT_EQ(LoadCase(29, kFilter, "filter_policy", twoFilters, &props), kFail);
+  Check({29, kFp, kFilter, {}, twoStored, {}, kFail, {}, kOther,
+         "Failed to alloc memory for DVFilterConfig"});
+  zel::persist::policy::testing::SetFilterAllocator(nullptr);
+}
+
+struct Teaming {
+  uint32_t policy = 0, failureFlags = 0;
+  uint8_t percentage = 0, fullDuplex = 0;
+  uint16_t speed = 0;
+  uint32_t teamingFlags = 0, numActive = 0, numStandby = 0;
+  std::vector<std::string> names;  // slots 0, 1, ...
+};
+
+// The 2616-byte record: the fixed fields in order, then 81-byte name slots.
+Bytes TeamingRecord(const Teaming &t) {
+  Record r(2616);
+  r.u32(0, t.policy).u32(4, t.failureFlags).u8(8, t.percentage).u8(9, t.fullDuplex);
+  r.u16(10, t.speed).u32(12, t.teamingFlags).u32(16, t.numActive).u32(20, t.numStandby);
+  for (size_t i = 0; i < t.names.size(); ++i) r.raw(24 + 81 * i, Slot(t.names[i], 81));
+  return r.b;
+}
+
+TEST_F(PolicyPort, Teaming) {
+  Teaming all{4, 0xFFFFFFFF, 50, 7, 1000, 0xFFFFFFFF, 2, 1, {"u1", "u2", "u3", "left-over"}};
+  // Only failure bits 5 and 7 (plus 9 from the load) and teaming bits 1-5 survive; slots past the
+  // counts come back empty; full duplex reads as 1.
+  Teaming back = all;
+  back.failureFlags = 0x2A0;
+  back.teamingFlags = 0x3E;
+  back.fullDuplex = 1;
+  back.names.pop_back();
+  // Counts beyond the 32 slots are cut, the standby one first; a slot without a NUL gives 80
+  // characters.
+  Teaming many{0, 0, 0, 0, 0, 0, 30, 0xFFFFFFFF, {std::string(81, 'x')}};
+  many.names.resize(32, "n");
+  Teaming manyBack = many;
+  manyBack.failureFlags = 0x200;
+  manyBack.numStandby = 2;
+  manyBack.names[0].pop_back();
+  // A hand-written object loads within the record; without "failure_criteria" no failure flags.
+  std::string names;
+  Teaming hand{0, 0, 0, 0, 0, 0x10, 30, 2, {}};
+  for (int i = 0; i < 30; ++i) {
+    names += ",\"a" + std::to_string(i) + "\"";
+    hand.names.push_back("a" + std::to_string(i));
+  }
+  hand.names.insert(hand.names.end(), {std::string(80, 'z'), "s1"});
+  const Teaming one{1, 0, 0, 0, 0, 0, 1, 0, {"u"}};
+  const Teaming zero{0, 0x200};
+  Check({
+      {18, kTeamObject, kVsTeaming, TeamingRecord(all),
+       R"({"uplink_teaming_policy":{"best_effort":true,"failure_criteria":{"@types":{)"
+       R"("percentage":"uint16","speed":"int32"},"check_beacon":true,"full_duplex":true,)"
+       R"("lc_link_state":true,"percentage":50,"speed":1000},"notify_switches":true,)"
+       R"("policy":"FAILOVER_EXPLICIT","reverse_policy":true,"rolling_order":true,"shotgun":true,)"
+       R"("uplink_port_order":{"active_uplink_ports":["u1","u2"],"standby_uplink_ports":["u3"]}}})",
+       {{kVsTeaming, TeamingRecord(back)}}, 0, {}, kVs},
+      {18, kTeamObject, kVsTeaming, TeamingRecord(many), "-",
+       {{kVsTeaming, TeamingRecord(manyBack)}}, 0, {}, kVs},
+      {18, kTeamObject, kVsTeaming, {},
+       R"({"uplink_teaming_policy":{"policy":"failover_explicit","shotgun":true,)"
+       R"("best_effort":false,"uplink_port_order":{"active_uplink_ports":[)" + names.substr(1) +
+           R"(],"standby_uplink_ports":[")" + std::string(100, 'z') + R"(","s1","s2","s3"]}}})",
+       {{kVsTeaming, TeamingRecord(hand)}}, 0, {}, kVs},
+      {17, kTeamObject, kEsTeaming, {}, R"({"uplink_teaming_policy":{}})",
+       {{kEsTeaming, TeamingRecord({})}}},
+      // Other classes: the vswitch kind saves and loads nothing; vswitch classes load only the
+      // vswitch kind.
+      {18, kTeamObject, kVsTeaming, TeamingRecord(zero), "{}", {}},
+      {17, kTeamObject, kEsTeaming, TeamingRecord(zero), "-", {}, 0, {}, kVs},
+      {18, kTeamObject, kVsTeaming, Bytes(2615, 0), "{}", {}, kFail, {}, kVs},
+      {17, kTeamObject, kEsTeaming, Bytes{}, "{}", {}, kFail},
+      // Store failures end the conversion; kind 17 alone takes "not found" from creating the
+      // object as nothing to do.
+      {18, kTeamObject, "p", TeamingRecord(one), "{}", {}, 4, {Op::kCreateSubObject, 4}, kVs},
+      {18, kTeamObject, "p", TeamingRecord(one),
+       R"({"uplink_teaming_policy":{"failure_criteria":{"check_beacon":false},)"
+       R"("policy":"LOADBALANCE_IP"}})",
+       {}, 4, {Op::kSetValueBool, 4, 1}, kVs},
+      {17, kTeamObject, "p", TeamingRecord(one), "{}", {}, 0, {Op::kCreateSubObject, 6}},
+      {18, kTeamObject, "p", TeamingRecord(one), "{}", {}, 6, {Op::kCreateSubObject, 6}, kVs},
   });
-  EXPECT_EQ(out, "Failed to alloc memory for DVFilterConfig");
-  EXPECT_TRUE(props.empty());
+  // The etherswitch kind saves the speed as uint16.
+  EXPECT_NE(Check({17, kTeamObject, kEsTeaming, TeamingRecord(zero), "-",
+                   {{kEsTeaming, TeamingRecord(zero)}}})
+                .find(R"("speed":"uint16")"),
+            std::string::npos);
+  const char *policies[] = {nullptr,           "LOADBALANCE_IP",        "LOADBALANCE_SRCMAC",
+                            "LOADBALANCE_SRCID", "FAILOVER_EXPLICIT", "LOADBALANCE_LOADBASED"};
+  for (uint32_t v : {0u, 1u, 2u, 3u, 4u, 5u, 6u, 0xFFFFFFFFu}) {
+    const char *name = v < 6 ? policies[v] : nullptr;
+    const Bytes saved = TeamingRecord({v}), loaded = TeamingRecord({name ? v : 0, 0x200});
+    const std::string json =
+        Check({18, kTeamObject, kVsTeaming, saved, "-", {{kVsTeaming, loaded}}, 0, {}, kCs});
+    const std::string key = name ? R"("policy":")" + std::string(name) + "\"" : R"("policy")";
+    EXPECT_EQ(json.find(key) != std::string::npos, name != nullptr) << json;
+  }
+}
+
+// Little-endian u16 words.
+Bytes W(std::initializer_list<uint16_t> words) {
+  Bytes b;
+  for (uint16_t w : words) b = Cat({b, U16(w)});
+  return b;
+}
+
+TEST_F(PolicyPort, Vlans) {
+  const std::string range = R"({"@types":{"end":"uint16","start":"uint16"},)";
+  const std::string both =
+      R"({"vlan":{"@types":{"vlan_id":"uint16","pvlan_id":"uint16"},"vlan_id":100,)"
+      R"("pvlan_id":200,"trunk_vlan_ids":[)";
+  Check({
+      {24, "vlan", kEsVlan, W({0, 100, 0, 0}),
+       R"({"vlan":{"@types":{"vlan_id":"uint16"},"trunk_vlan_ids":[],"vlan_id":100}})",
+       {{kEsVlan, W({0, 100, 0, 0})}}},
+      {24, "vlan", kEsVlan, W({2, 200, 9, 0}),
+       R"({"vlan":{"@types":{"pvlan_id":"uint16"},"pvlan_id":200,"trunk_vlan_ids":[]}})",
+       {{kEsVlan, W({2, 200, 0, 0})}}},
+      // Bit 1 is ignored for a trunk; so is the id.
+      {24, "vlan", kEsVlan, W({3, 77, 0, 1, 5, 6}),
+       R"({"vlan":{"trunk_vlan_ids":[)" + range + R"("end":6,"key":"*","start":5}]}})",
+       {{kEsVlan, W({1, 0, 0, 1, 5, 6})}}},
+      {24, "vlan", kEsVlan, W({1, 0, 0, 2, 1, 10, 20, 30}),
+       R"({"vlan":{"trunk_vlan_ids":[)" + range + R"("end":10,"key":"*","start":1},)" + range +
+           R"("end":30,"key":"*","start":20}]}})",
+       {{kEsVlan, W({1, 0, 0, 2, 1, 10, 20, 30})}}},
+      // An empty trunk comes back as VLAN 0; a single VLAN needs only its 8 bytes.
+      {24, "vlan", kEsVlan, W({1, 5, 0, 0}), R"({"vlan":{"trunk_vlan_ids":[]}})",
+       {{kEsVlan, W({0, 0, 0, 0})}}},
+      {24, "vlan", kEsVlan, W({0, 5, 0, 9}), "-", {{kEsVlan, W({0, 5, 0, 0})}}},
+      {24, "vlan", kEsVlan, Bytes{}, "{}", {}, kFail},
+      {24, "vlan", kEsVlan, W({0, 1, 0}), "{}", {}, kFail},
+      {24, "vlan", kEsVlan, W({1, 0, 0, 2, 1, 10, 20}), "{}", {}, kFail},
+      {24, "vlan", kEsVlan, Cat({W({1, 0, 0, 2, 1, 10, 20}), Bytes{30}}), "{}", {}, kFail},
+      // Other classes: the vswitch kind saves nothing. Vswitch classes load it only: the private
+      // VLAN wins, and a trunk range hides both ids.
+      {25, "vlan", kVsVlan, W({0, 42, 0, 0}), "{}", {}},
+      {24, "vlan", kEsVlan, {}, both + "]}}", {}, 0, {}, kVs},
+      {25, "vlan", kVsVlan, {}, both + "]}}", {{kVsVlan, W({2, 200, 0, 0})}}, 0, {}, kCs},
+      {25, "vlan", kVsVlan, {}, both + range + R"("key":"r","start":3,"end":4}]}})",
+       {{kVsVlan, W({1, 0, 0, 1, 3, 4})}}, 0, {}, kVs},
+      {25, "vlan", kVsVlan, W({0, 7, 0, 0}), "-", {{kVsVlan, W({0, 7, 0, 0})}}, 0, {}, kVs},
+  });
+}
+
+// One private-VLAN map entry, reserved bytes as given.
+Bytes Entry(uint16_t primary, uint16_t secondary, uint8_t type, uint8_t reserved = 0) {
+  return Cat({W({primary, secondary}), Bytes{type, reserved, reserved, reserved}});
+}
+
+TEST_F(PolicyPort, PrivateVlanMapLoadsUnderTheClassProperty) {
+  // 20 bytes: two entries, the last 4 bytes ignored; reserved bytes dropped.
+  const Bytes map = Cat({Entry(10, 11, 1, 0xAA), Entry(10, 12, 2), Entry(10, 13, 3)});
+  const Bytes saved(map.begin(), map.begin() + 20);
+  const Bytes loaded = Cat({Entry(10, 11, 1), Entry(10, 12, 2)});
+  const Teaming team{0, 0, 0, 0, 1000, 0, 1, 0, {"uplink1"}};
+  Teaming teamBack = team;
+  teamBack.failureFlags = 0x200;
+  const std::string stored =
+      R"("pvlans":[{"@types":{"primary_id":"uint16","secondary_id":"uint16"},"key":"*",)"
+      R"("primary_id":10,"secondary_id":11,"type":"PROMISCUOUS"},)"
+      R"({"@types":{"primary_id":"uint16","secondary_id":"uint16"},"key":"*",)"
+      R"("primary_id":10,"secondary_id":12,"type":"ISOLATED"}])";
+  const struct {
+    const char *cls;
+    const char *qor;  // host "com.zorlan.common.portset.qor"
+    uint32_t version;
+    const char *owner;
+  } cases[] = {
+      {"etherswitch", "false", 7, kEsMap}, {"vswitch", "false", 7, kEsMap},
+      {"cswitch", "false", 7, kVsMap},     {"etherswitch", "true", 107, kVsMap},
+      {"vswitch", "true", 107, kVsMap},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(std::string(c.cls) + " " + c.qor);
+    // Both properties save into the one list; the second save replaces it. On vswitch classes
+    // the etherswitch teaming row saves but the vswitch one loads.
+    Loaded sw = RoundTrip("sw-v", c.cls,
+                          {{"com.zorlan.common.version", U32(c.version)},
+                           {kEsMap, Entry(1, 2, 3)},
+                           {kVsMap, saved}},
+                          {{{kEsTeaming, TeamingRecord(team)}}}, 0,
+                          {{"com.zorlan.common.portset.qor", Text(c.qor)}});
+    EXPECT_NE(Masked(Json("sw-v")).find(stored), std::string::npos) << Json("sw-v");
+    EXPECT_EQ(Find(sw.global, c.owner) ? *Find(sw.global, c.owner) : Bytes{}, loaded);
+    EXPECT_EQ(Find(sw.global, c.owner == kEsMap ? kVsMap : kEsMap), nullptr);
+    EXPECT_EQ(sw.ports.at(0).second,
+              (Props{{c.cls[0] == 'e' ? kEsTeaming : kVsTeaming, TeamingRecord(teamBack)}}));
+  }
+}
+
+TEST_F(PolicyPort, PrivateVlanMapFailures) {
+  // A type without a name refuses the whole map before anything is written.
+  std::vector<Case> cases;
+  for (uint8_t type : {0, 4, 255})
+    cases.push_back(
+        {6, "pvlans", kEsMap, Cat({Entry(1, 2, 1), Entry(1, 3, type)}), "{}", {}, kFail});
+  const std::string head =
+      R"({"product":{"forwarding_class":"etherswitch","version":"7.0.0"},"pvlans":[)"
+      R"({"key":"a","primary_id":1,"secondary_id":2,)";
+  cases.push_back({6, "pvlans", kEsMap, {}, head + R"("type":"isolated"}]})", {}, kFail, {},
+                   kOther, "Unknown PvlanType isolated\n"});
+  cases.push_back({6, "pvlans", kEsMap, {},
+                   head + R"("type":"ISOLATED"},{"key":"b","secondary_id":2,"type":"ISOLATED"}]})",
+                   {}, static_cast<uint32_t>(cs::kNotFound)});
+  cases.push_back({6, "pvlans", kEsMap, {}, head + R"("type":2}]})", {},
+                   static_cast<uint32_t>(cs::kTypeMismatch)});
+  Check(cases);
+  // An empty map saves an empty list and loads as nothing.
+  Loaded sw = RoundTrip("sw-v", "etherswitch", {{kEsMap, Bytes{1, 2, 3}}}, {});
+  EXPECT_NE(Json("sw-v").find(R"("pvlans":[])"), std::string::npos);
+  EXPECT_EQ(Find(sw.global, kEsMap), nullptr);
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
 // The plain conversions through a real store file: exact stored content and what loads back.
-#include <optional>
 #include <string>
 
-#include "configstore_persist_support.h"
+#include "configstore_policy_support.h"
 
 using namespace persisttest;
 
@@ -36,45 +35,26 @@ SwitchDef EtherSwitch() {
       {"com.zorlan.common.respools.version", Text("version3")},
       {"com.zorlan.common.resv.threshold", U32(75)},
   };
-  s.host = {
-      {"com.zorlan.common.host.portset", Text("ps-1")},
-      {"com.zorlan.common.host.uplinkPorts", PortIds({"p1", "p9"})},
-      {"com.zorlan.common.portset.qor", Text("false")},
-  };
+  s.host = {{"com.zorlan.common.host.portset", Text("ps-1")},
+            {"com.zorlan.common.host.uplinkPorts", PortIds({"p1", "p9"})},
+            {"com.zorlan.common.portset.qor", Text("false")}};
   s.ports = {{"p1",
-              {
-                  {"com.zorlan.common.port.alias", Text("vm-nic")},
-                  {"com.zorlan.common.port.connectid", U32(12345)},
-                  {"com.zorlan.common.port.block", Text("true")},
-                  {"com.zorlan.common.port.ptAllowed", U32(2)},
-                  {"com.zorlan.etherswitch.port.txUplink", Text("always")},
-                  {"com.zorlan.common.port.portgroupid", Text("pg-7")},
-                  {"com.zorlan.etherswitch.port.ipfix", Text("enabled")},
-                  {"com.zorlan.common.port.backingType", Text("standard")},
-                  {"com.zorlan.vswitch.port.priority", U32(5)},
-              }}};
+              {{"com.zorlan.common.port.alias", Text("vm-nic")},
+               {"com.zorlan.common.port.connectid", U32(12345)},
+               {"com.zorlan.common.port.block", Text("true")},
+               {"com.zorlan.common.port.ptAllowed", U32(2)},
+               {"com.zorlan.etherswitch.port.txUplink", Text("always")},
+               {"com.zorlan.common.port.portgroupid", Text("pg-7")},
+               {"com.zorlan.etherswitch.port.ipfix", Text("enabled")},
+               {"com.zorlan.common.port.backingType", Text("standard")},
+               {"com.zorlan.vswitch.port.priority", U32(5)}}}};
   return s;
 }
 
-class PersistScalar : public PersistTest {
+class PersistScalar : public RoundTripTest {
  protected:
   // Port p1 is an uplink in some tests; its resource pools are not looked at.
   ScopedKinds pools_{{36}, zp::KindCase{NoSave, NoLoad}};
-
-  // Saves one switch of class `cls` (version, "resource_management", port p1 and the given
-  // properties) and loads it back.
-  Loaded RoundTrip(const std::string &cls, Props global, Props host = {}, Props port = {}) {
-    SwitchDef s;
-    s.id = "sw-rt";
-    s.cls = cls;
-    s.global = {{"com.zorlan.common.version", U32(7)},
-                {"com.zorlan.common.respools.sched", Bytes{0}}};
-    s.global.insert(s.global.end(), global.begin(), global.end());
-    s.host = std::move(host);
-    s.ports = {{"p1", std::move(port)}};
-    EXPECT_EQ(Save({s}), 0u);
-    return LoadOne();
-  }
 };
 
 TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
@@ -86,7 +66,8 @@ TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
             R"("backing_type":"standard","blocked":true,"ferrox_gen2_allowed":true,)"
             R"("ipfix_enabled":true,"tx_uplink":true,)"
             R"("vlan":{"@types":{"priority":"uint32"},"priority":5}}}],)"
-            R"("portset_name":"ps-1","product":{"forwarding_class":"etherswitch","version":"7.0.0"},)"
+            R"("portset_name":"ps-1","product":{"forwarding_class":"etherswitch",)"
+            R"("version":"7.0.0"},)"
             R"("qor_enabled":false,"resource_management":{)"
             R"("@types":{"pnic_capacity_ratio_for_reservation":"uint32"},"enable":true,)"
             R"("network_resource_control_version":"version3",)"
@@ -113,12 +94,6 @@ TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
   EXPECT_EQ(sw.ports[0].second, port);
 }
 
-std::vector<std::string> Names(const Props &props) {
-  std::vector<std::string> names;
-  for (const auto &[n, v] : props) names.push_back(n);
-  return names;
-}
-
 TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
   const std::string ether = "com.zorlan.etherswitch.", vswitch = "com.zorlan.vswitch.";
   const struct Case {
@@ -129,71 +104,48 @@ TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
                {"vswitch", vswitch, true}, {"cswitch", vswitch, false}};
   for (const Case &c : cases) {
     SCOPED_TRACE(c.cls);
-    Loaded sw = RoundTrip(c.cls,
+    Loaded sw = RoundTrip("sw-rt", c.cls,
                           {{"com.zorlan.vswitch.mtu", U32(1600)},
                            {"com.zorlan.vswitch.multicastFilter", Text("snooping")}},
-                          {}, {{"com.zorlan.vswitch.port.txUplink", Text("always")}});
-    std::vector<std::string> global = {"com.zorlan.common.portset.mtu"};
-    if (c.ownMtu) global.push_back(c.prefix + "mtu");
-    global.push_back(c.prefix + "multicastFilter");
+                          {{{"com.zorlan.vswitch.port.txUplink", Text("always")}}});
     // A switch without an alias was saved with the name "unknown".
-    std::vector<std::string> expected = {"com.zorlan.common.alias", "com.zorlan.common.version"};
-    expected.insert(expected.end(), global.begin(), global.end());
-    expected.push_back("com.zorlan.common.respools.sched");
-    EXPECT_EQ(Names(sw.global), expected);
-    for (const std::string &name : global)
-      EXPECT_EQ(*Find(sw.global, name), name.find("mtu") != std::string::npos ? U32(1600)
-                                                                                : Text("snooping"));
+    Props global = {{"com.zorlan.common.alias", Text("unknown")},
+                    {"com.zorlan.common.version", U32(7)},
+                    {"com.zorlan.common.portset.mtu", U32(1600)}};
+    if (c.ownMtu) global.push_back({c.prefix + "mtu", U32(1600)});
+    global.push_back({c.prefix + "multicastFilter", Text("snooping")});
+    global.push_back({"com.zorlan.common.respools.sched", Bytes{0}});
+    EXPECT_EQ(sw.global, global);
+    EXPECT_EQ(sw.maxPorts, std::string(c.cls) == "pyxswitch" ? 64u : 4096u);  // a limited class
     ASSERT_EQ(sw.ports.size(), 1u);
     EXPECT_EQ(sw.ports[0].second, (Props{{c.prefix + "port.txUplink", Text("always")}}));
   }
 }
 
-TEST_F(PersistScalar, SaveThenLoadNormalizesFlagsAndTexts) {
-  struct Case {
-    int where;  // 0 global, 1 host, 2 port
-    const char *name;
-    Bytes saved;
-    std::optional<Bytes> loaded;  // nullopt: no property comes back
-  } cases[] = {
-      {0, "com.zorlan.common.respools.sched", Bytes{7}, Bytes{1}},
-      {0, "com.zorlan.common.opaqueZel", Text("yes"), Text("false")},
-      {0, "com.zorlan.common.opaqueZel", Text("truex"), Text("false")},
-      {0, "com.zorlan.common.opaqueZel", Text("tru"), Text("false")},
+TEST_F(PersistScalar, FlagsAndTextsAreNormalized) {
+  const char *sched = "com.zorlan.common.respools.sched", *opaque = "com.zorlan.common.opaqueZel";
+  const char *qor = "com.zorlan.common.portset.qor", *block = "com.zorlan.common.port.block";
+  const char *tx = "com.zorlan.etherswitch.port.txUplink", *pt = "com.zorlan.common.port.ptAllowed";
+  const char *ipfix = "com.zorlan.etherswitch.port.ipfix";
+  policytest::Check({
+      {3, "enable", sched, Bytes{7}, R"({"enable":true})", {{sched, {1}}}},
+      {4, "is_opaque", opaque, Text("yes"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
+      {4, "is_opaque", opaque, Text("truex"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
+      {4, "is_opaque", opaque, Text("tru"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
       // A text without its NUL is read to the value's end.
-      {0, "com.zorlan.common.opaqueZel", Bytes{'t', 'r', 'u', 'e'}, Text("true")},
-      {1, "com.zorlan.common.portset.qor", Text("TRUE"), Text("false")},
-      {1, "com.zorlan.common.portset.qor", Text("true"), Text("true")},
-      {2, "com.zorlan.common.port.block", Text("1"), Text("false")},
-      {2, "com.zorlan.etherswitch.port.txUplink", Text("sometimes"), Text("normal")},
-      {2, "com.zorlan.common.port.ptAllowed", U32(1), U32(0)},
-      {2, "com.zorlan.etherswitch.port.ipfix", Text("disabled"), std::nullopt},
-      {0, "com.zorlan.common.uplinkPorts", PortNames({}), std::nullopt},
-      {1, "com.zorlan.common.host.uplinkPorts", PortIds({}), std::nullopt},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.name);
-    Props props = {{c.name, c.saved}};
-    Loaded sw = c.where == 0   ? RoundTrip("etherswitch", props)
-                : c.where == 1 ? RoundTrip("etherswitch", {}, props)
-                               : RoundTrip("etherswitch", {}, {}, props);
-    const Props &list = c.where == 0 ? sw.global : c.where == 1 ? sw.host : sw.ports.at(0).second;
-    const Bytes *got = Find(list, c.name);
-    if (c.loaded) {
-      ASSERT_NE(got, nullptr);
-      EXPECT_EQ(*got, *c.loaded);
-    } else {
-      EXPECT_EQ(got, nullptr);
-    }
-  }
-}
-
-TEST_F(PersistScalar, EmptyUplinkListsAreStoredDifferently) {
-  RoundTrip("etherswitch", {{"com.zorlan.common.uplinkPorts", PortNames({})}},
-            {{"com.zorlan.common.host.uplinkPorts", PortIds({})}});
-  const std::string json = Json("sw-rt");
-  EXPECT_NE(json.find(R"("uplink_port_keys":[])"), std::string::npos) << json;
-  EXPECT_EQ(json.find("uplink_port_names"), std::string::npos) << json;
+      {4, "is_opaque", opaque, Bytes{'t', 'r', 'u', 'e'}, R"({"is_opaque":true})",
+       {{opaque, Text("true")}}},
+      {19, "qor_enabled", qor, Text("TRUE"), R"({"qor_enabled":false})", {{qor, Text("false")}}},
+      {19, "qor_enabled", qor, Text("true"), R"({"qor_enabled":true})", {{qor, Text("true")}}},
+      {31, "blocked", block, Text("1"), R"({"blocked":false})", {{block, Text("false")}}},
+      {23, "tx_uplink", tx, Text("sometimes"), R"({"tx_uplink":false})", {{tx, Text("normal")}}},
+      {32, "ferrox_gen2_allowed", pt, U32(1), R"({"ferrox_gen2_allowed":false})", {{pt, U32(0)}}},
+      {34, "ipfix_enabled", ipfix, Text("disabled"), R"({"ipfix_enabled":false})", {}},
+      // An empty list of uplink names is not stored; one of uplink keys is.
+      {20, "uplink_port_names", "com.zorlan.common.uplinkPorts", PortNames({}), "{}", {}},
+      {14, "uplink_port_keys", "com.zorlan.common.host.uplinkPorts", PortIds({}),
+       R"({"uplink_port_keys":[]})", {}},
+  });
 }
 
 TEST_F(PersistScalar, VersionCodeComesBackFromTextAndQorFlag) {
@@ -235,55 +187,29 @@ TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
             "Set prop: com.zorlan.common.version failed\n"
             "Failed to save zel: sw-m to configstore\n"
             "Failed to save zel to configstore");
-  zelconfigstore_debug = -1;
-  // Numbers and list counts shorter than 4 bytes are refused.
-  for (const auto &[name, value] : Props{{"com.zorlan.common.resv.threshold", Bytes{1, 2}},
-                                         {"com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}},
-                                         {"com.zorlan.common.uplinkPorts", Bytes{1, 0}}}) {
-    s.global = {{"com.zorlan.common.version", U32(7)}, {name, value}};
-    EXPECT_EQ(Save({s}), kFail) << name;
-  }
   EXPECT_EQ(Dump(), before);
-
-  // A count beyond the value's slots: only the whole slots present are read.
-  Bytes names = NameList({"u1", "u2"}, 81, 5);
-  names.resize(names.size() - 1);  // the second slot is cut short
-  Bytes keys = NameList({"k1", "k2"}, 48, 3);
-  s.global = {{"com.zorlan.common.version", U32(7)}, {"com.zorlan.common.uplinkPorts", names}};
-  s.host = {{"com.zorlan.common.host.uplinkPorts", keys}};
-  ASSERT_EQ(Save({s}), 0u);
-  const std::string json = Json("sw-m");
-  EXPECT_NE(json.find(R"("uplink_port_names":["u1"])"), std::string::npos) << json;
-  EXPECT_NE(json.find(R"("uplink_port_keys":["k1","k2"])"), std::string::npos) << json;
-}
-
-TEST_F(PersistScalar, LoadedListNamesAreCutToTheirSlot) {
+  // Numbers and list counts shorter than 4 bytes are refused; of a count beyond the value's slots
+  // only the whole slots present are read; loaded names are cut to their slots.
   const std::string key(60, 'k'), name(100, 'n');
-  const std::string content = R"({"uuid":"sw-c","max_ports":8,"product":{"forwarding_class":"x",)"
-                              R"("version":"6.5.0"},"uplink_port_keys":[")" +
-                              key + R"(","p2"],"uplink_port_names":[")" + name + R"("]})";
-  Put("sw-c", content.c_str());
-  Loaded sw = LoadOne();
-  EXPECT_EQ(sw.version, 5u);
-  EXPECT_EQ(sw.maxPorts, 8u);
-  EXPECT_EQ(sw.host, (Props{{"com.zorlan.common.host.uplinkPorts",
-                             NameList({key.substr(0, 47), "p2"}, 48, 2)}}));
-  EXPECT_EQ(*Find(sw.global, "com.zorlan.common.uplinkPorts"),
-            NameList({name.substr(0, 80)}, 81, 1));
-}
-
-TEST_F(PersistScalar, UnparsableAddressFailsTheLoad) {
-  Put("sw-a", R"({"uuid":"sw-a","max_ports":8,"switch_address":"192.168.1",)"
-              R"("product":{"forwarding_class":"x","version":"7.0.0"}})");
-  zelconfigstore_debug = 0;
-  uint32_t status = 0;
-  std::string out = zeltest::CaptureStdout([&] { LoadAll(&status); });
-  EXPECT_EQ(status, kFail);
-  EXPECT_EQ(out,
-            "Faild to load prop: com.zorlan.etherswitch.ipv4addr, key: switch_address, type:5 "
-            "from configstore, rc: -1\n"
-            "Load zel props from configstore failed, props type:globalPropList\n"
-            "Failed to load buf of switch: sw-a from configstore\n");
+  Bytes names = NameList({"u1", "u2"}, 81, 5);
+  names.pop_back();
+  const char *uplinks = "com.zorlan.common.uplinkPorts";
+  const char *keys = "com.zorlan.common.host.uplinkPorts";
+  policytest::Check({
+      {0, "ratio", "com.zorlan.common.resv.threshold", Bytes{1, 2}, "{}", {}, kFail},
+      {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}, "{}", {}, kFail},
+      {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", {},
+       R"({"switch_address":"192.168.1"})", {}, kFail},
+      {20, "uplink_port_names", uplinks, Bytes{1, 0}, "{}", {}, kFail},
+      {20, "uplink_port_names", uplinks, names, R"({"uplink_port_names":["u1"]})",
+       {{uplinks, NameList({"u1"}, 81, 1)}}},
+      {14, "uplink_port_keys", keys, NameList({"k1", "k2"}, 48, 3),
+       R"({"uplink_port_keys":["k1","k2"]})", {{keys, NameList({"k1", "k2"}, 48, 2)}}},
+      {20, "uplink_port_names", uplinks, {}, R"({"uplink_port_names":[")" + name + R"("]})",
+       {{uplinks, NameList({name.substr(0, 80)}, 81, 1)}}},
+      {14, "uplink_port_keys", keys, {}, R"({"uplink_port_keys":[")" + key + R"(","p2"]})",
+       {{keys, NameList({key.substr(0, 47), "p2"}, 48, 2)}}},
+  });
 }
 
 }  // namespace

@@ -1,0 +1,137 @@
+// Policy conversion tests: a case saves a value with one kind on an in-memory object and loads it
+// back, or loads given content, and compares the exact content, properties, status and output.
+#pragma once
+
+#include <optional>
+#include <regex>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "configstore_persist_support.h"
+#include "test_support.h"
+
+namespace policytest {
+
+using namespace persisttest;
+using Op = cs::testing::Op;
+
+// Little-endian record writer at fixed offsets.
+struct Record {
+  Bytes b;
+  explicit Record(size_t size) : b(size, 0) {}
+  Record &le(size_t at, uint64_t v, size_t n) {
+    for (size_t i = 0; i < n; ++i) b.at(at + i) = static_cast<uint8_t>(v >> (8 * i));
+    return *this;
+  }
+  Record &u8(size_t at, uint8_t v) { return le(at, v, 1); }
+  Record &u16(size_t at, uint16_t v) { return le(at, v, 2); }
+  Record &u32(size_t at, uint32_t v) { return le(at, v, 4); }
+  Record &text(size_t at, const std::string &s) { return raw(at, Bytes(s.begin(), s.end())); }
+  Record &raw(size_t at, const Bytes &bytes) {
+    for (size_t i = 0; i < bytes.size(); ++i) b.at(at + i) = bytes[i];
+    return *this;
+  }
+};
+
+inline Bytes U16(uint16_t v) { return Record(2).u16(0, v).b; }
+inline Bytes U64(uint64_t v) { return Record(8).le(0, v, 8).b; }
+
+struct Fault {
+  Op op = Op::kGetSubObject;
+  int status = 0;  // 0: none
+  int skip = 0;
+};
+
+struct Case {
+  uint32_t kind;
+  const char *key, *name;
+  std::optional<Bytes> save;  // saved on "{}"; without it the case loads `json`
+  std::string json;           // the content after the save ("-": not compared), or the one loaded
+  Props loaded;               // what the load adds (no load after a failing save)
+  uint32_t status = 0;        // of the save, or of the load
+  Fault fault = {};           // injected before the save, or the load
+  int32_t cls = zp::kClassOther;
+  const char *out = nullptr;  // the debug output, when compared
+  bool qor = false;
+  uint32_t version = 7, table = zp::kTableGlobal, type = 16;
+  std::vector<uint32_t> types = {};  // of the loaded entries; empty: all 16
+};
+
+// Instance ids are random: shown as "*".
+inline std::string Masked(const std::string &json) {
+  static const std::regex id(R"("key":"[0-9a-f]{8}-[0-9a-f-]{27}")");
+  return std::regex_replace(json, id, R"("key":"*")");
+}
+
+inline cfgtest::ObjectPtr Stored(const std::string &content) {
+  cs::Object *o = nullptr;
+  EXPECT_EQ(cs::CreateObject("switches", "network_zel", "orn", "sw", content.c_str(), &o), 0);
+  return cfgtest::ObjectPtr(o);
+}
+
+inline uint32_t SaveOn(cs::Object *o, uint32_t kind, const char *key, const char *name,
+                       const Bytes &value, uint32_t table = zp::kTableGlobal, uint32_t type = 16) {
+  const zp::SaveArgs args{o, o, key, name, value.empty() ? nullptr : value.data(),
+                          static_cast<uint32_t>(value.size()), table, type};
+  return zp::FindKind(kind)->save(args);
+}
+
+// The load of row `name`; the properties it added in *props and their types in *types.
+inline uint32_t LoadFrom(cs::Object *o, uint32_t kind, const char *key, const char *name,
+                         Props *props, std::vector<uint32_t> *types = nullptr,
+                         uint32_t table = zp::kTableGlobal, uint32_t version = 7) {
+  PropertyList *list = zelstatetest::MakeList({});
+  const uint32_t status = zp::FindKind(kind)->load({o, o, key, list, name, 16, table, version});
+  *props = zelstatetest::ListProps(list);
+  PropertyEntry *entry = nullptr;
+  while (types != nullptr && ZELData_Next(list, entry, &entry) == STATUS_OK)
+    types->push_back(ZELData_PropType(entry));
+  ZELData_Free(list);
+  return status;
+}
+
+// Runs a case on the switch class and QOR flag it names; returns the content after its save.
+inline std::string Check(const Case &c) {
+  SCOPED_TRACE(::testing::Message() << "kind " << c.kind << " " << c.name << " "
+                                    << (c.save ? c.save->size() : 0));
+  const int32_t cls = std::exchange(zp::currentSwitchClass, c.cls);
+  const bool qor = std::exchange(zp::currentSwitchIsQor, c.qor);
+  cfgtest::ObjectPtr o = Stored(c.save ? "{}" : c.json);
+  std::optional<uint32_t> saved, loaded;
+  std::string json;
+  Props props;
+  std::vector<uint32_t> types;
+  zeltest::ScopedLevel level(zelconfigstore_debug, c.out != nullptr ? 0 : zelconfigstore_debug);
+  const std::string out = zeltest::CaptureStdout([&] {
+    if (c.fault.status != 0) cs::testing::FailNext(c.fault.op, c.fault.status, c.fault.skip);
+    if (c.save) {
+      saved = SaveOn(o.get(), c.kind, c.key, c.name, *c.save, c.table, c.type);
+      json = Masked(cfgtest::Json(o.get()));
+    }
+    if (saved.value_or(0) == 0 && (!c.save || c.status == 0))
+      loaded = LoadFrom(o.get(), c.kind, c.key, c.name, &props, &types, c.table, c.version);
+  });
+  cs::testing::ClearFailures();
+  zp::currentSwitchClass = cls;
+  zp::currentSwitchIsQor = qor;
+  if (c.save) {
+    EXPECT_EQ(saved, c.status);
+    EXPECT_EQ(json, c.json == "-" ? json : c.json) << "saved";
+  }
+  if (loaded) {
+    EXPECT_EQ(*loaded, c.save ? 0u : c.status);
+    EXPECT_EQ(props, c.loaded);
+    EXPECT_EQ(types, c.types.empty() ? std::vector<uint32_t>(props.size(), 16) : c.types);
+  }
+  if (c.out != nullptr) {
+    EXPECT_EQ(out, c.out);
+  }
+  return json;
+}
+
+inline void Check(const std::vector<Case> &cases) {
+  for (const Case &c : cases) Check(c);
+}
+
+}  // namespace policytest
