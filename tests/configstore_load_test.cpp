@@ -9,19 +9,17 @@ using Op = cs::testing::Op;
 
 namespace {
 
-constexpr const char *kHead = R"("max_ports":16,"product":{"forwarding_class":"vswitch",)";
-
 std::string Object(const std::string &id, const std::string &version, const std::string &rest) {
-  return R"({"uuid":")" + id + R"(",)" + kHead + R"("version":")" + version + R"("})" + rest + "}";
+  return R"({"uuid":")" + id + R"(","max_ports":16,"product":{"forwarding_class":"vswitch",)" +
+         R"("version":")" + version + R"("})" + rest + "}";
 }
 
 // Three ports named by their "name"; p1 is the only uplink.
-std::string ThreePorts() {
-  return Object("sw", "6.6.0",
-                R"(,"resource_management":{"enable":false},"uplink_port_keys":["p1"],)"
-                R"("ports":[{"key":"p1","name":"one"},{"key":"p2","name":"two"},)"
-                R"({"key":"p3","name":"three"}])");
-}
+const std::string kThreePorts =
+    Object("sw", "6.6.0",
+           R"(,"resource_management":{"enable":false},"uplink_port_keys":["p1"],)"
+           R"("ports":[{"key":"p1","name":"one"},{"key":"p2","name":"two"},)"
+           R"({"key":"p3","name":"three"}])");
 
 class PersistLoad : public PersistTest {
  protected:
@@ -43,62 +41,62 @@ TEST_F(PersistLoad, EmptyStoreGivesAnEmptyBlob) {
   EXPECT_EQ(Bytes(b, b + length), (Bytes{16, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
   std::free(blob);
   EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(nullptr, &length, false), kFail);
-}
-
-TEST_F(PersistLoad, VersionTextAndSwitchHeaderFailures) {
   Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":false)").c_str());
   EXPECT_EQ(LoadOne().version, 7u);
-  Put("sw", Object("sw", "7.0.0", "").c_str());
-  EXPECT_EQ(Loading(0, 1), "Loading switch:sw\nUnabled to get qor_enabled"
-                           "LoadProps: globalPropList\nUnabled to get qor_enabled"
-                           "LoadProps: hostPropList\n");
-
-  Put("sw", Object("sw", "7.0", "").c_str());
-  EXPECT_EQ(Loading(kFail),
-            "Unknown zel version 7.0\nFailed to load buf of switch: sw from configstore\n");
-  Put("sw", R"({"uuid":"sw","max_ports":1})");
-  EXPECT_EQ(Loading(6), "Failed to load buf of switch: sw from configstore\n");
-  Put("sw", R"({"uuid":"sw","product":{"forwarding_class":"x","version":"6.0.0"}})");
-  EXPECT_EQ(Loading(6),
-            "Failed to get max_ports, rc: 6\nFailed to load buf of switch: sw from configstore\n");
-  Put("sw", R"({"uuid":"sw","max_ports":1,"product":{"version":"6.0.0"}})");
-  EXPECT_EQ(Loading(6), "Failed to get forwarding_class, rc: 6\n"
-                        "Failed to load buf of switch: sw from configstore\n");
-  // Without a readable uuid the repeated read's status ends the load.
-  Put("sw", R"({"uuid":7,"max_ports":1})");
-  EXPECT_EQ(Loading(3), "Failed to get uuid, rc: 3\n");
 }
 
-TEST_F(PersistLoad, PolicyRowsAreRejectedUntilTheirKindsAreInPlace) {
-  WithoutKinds rejected({11});
-  Put("sw", Object("sw", "6.6.0", "").c_str());
-  zeltest::ScopedLevel scoped(zelconfigstore_debug, 0);
-  void *blob = nullptr;
-  uint32_t length = 0;
-  std::string out = zeltest::CaptureStdout(
-      [&] { EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false), kFail); });
-  EXPECT_EQ(blob, nullptr);
-  EXPECT_EQ(out,
-            "Faild to load prop: com.zorlan.common.vlanmtucheck.deploy, key: health_checks, "
-            "type:11 from configstore, rc: -1\n"
-            "Load zel props from configstore failed, props type:globalPropList\n"
-            "Failed to load buf of switch: sw from configstore\n");
+TEST_F(PersistLoad, FailuresAndTheirMessages) {
+  const std::string failed = "Failed to load buf of switch: sw from configstore\n";
+  struct Row {
+    std::string content;
+    uint32_t status;
+    std::string out;
+    uint32_t withoutKind = 0;
+    Op fail = Op::kGetStore;
+    int failStatus = 0;
+    int level = 0;
+  } rows[] = {
+      {Object("sw", "7.0.0", ""), 0,
+       "Loading switch:sw\nUnabled to get qor_enabledLoadProps: globalPropList\n"
+       "Unabled to get qor_enabledLoadProps: hostPropList\n", 0, Op::kGetStore, 0, 1},
+      {Object("sw", "7.0", ""), kFail, "Unknown zel version 7.0\n" + failed},
+      {R"({"uuid":"sw","max_ports":1})", 6, failed},
+      {R"({"uuid":"sw","product":{"forwarding_class":"x","version":"6.0.0"}})", 6,
+       "Failed to get max_ports, rc: 6\n" + failed},
+      {R"({"uuid":"sw","max_ports":1,"product":{"version":"6.0.0"}})", 6,
+       "Failed to get forwarding_class, rc: 6\n" + failed},
+      // Without a readable uuid the repeated read's status ends the load.
+      {R"({"uuid":7,"max_ports":1})", 3, "Failed to get uuid, rc: 3\n"},
+      // Policy rows are rejected until their kinds are in place.
+      {Object("sw", "6.6.0", ""), kFail,
+       "Faild to load prop: com.zorlan.common.vlanmtucheck.deploy, key: health_checks, "
+       "type:11 from configstore, rc: -1\n"
+       "Load zel props from configstore failed, props type:globalPropList\n" + failed, 11},
+      {kThreePorts, kFail,
+       "Faild to load prop: com.zorlan.common.port.respools.cfg, key: traffic_resources, "
+       "type:36 from configstore, rc: -1\nLoad zel props from configstore failed, props type:p1\n" +
+           failed, 36},
+      {Object("sw", "6.6.0", ""), 7, "Get store failed", 0, Op::kGetStore, cs::kStorage},
+      {Object("sw", "6.6.0", ""), 9, "Failed to get zel instances", 0, Op::kGetInstances,
+       cs::kCorrupt},
+  };
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.out);
+    Put("sw", r.content.c_str());
+    ScopedKinds without(r.withoutKind != 0 ? std::vector<uint32_t>{r.withoutKind}
+                                           : std::vector<uint32_t>{},
+                        zp::KindCase{});
+    if (r.failStatus != 0) cs::testing::FailNext(r.fail, r.failStatus);
+    EXPECT_EQ(Loading(r.status, r.level), r.out);
+  }
 }
 
 TEST_F(PersistLoad, PortsAndTheUplinkResourcePools) {
   // Only under "resource_management" do ports load.
   Put("sw", Object("sw", "6.6.0", R"(,"ports":[{"key":"p1","name":"one"}])").c_str());
   EXPECT_TRUE(LoadOne().ports.empty());
-
-  Put("sw", ThreePorts().c_str());
-  // Kind 36 not in place: the uplink port fails the load.
-  WithoutKinds without36({36});
-  EXPECT_EQ(Loading(kFail), "Faild to load prop: com.zorlan.common.port.respools.cfg, key: "
-                            "traffic_resources, type:36 from configstore, rc: -1\n"
-                            "Load zel props from configstore failed, props type:p1\n"
-                            "Failed to load buf of switch: sw from configstore\n");
-
-  // With a case for kind 36, it runs for uplink ports only, on "resource_management".
+  // A case for kind 36 runs for uplink ports only, on "resource_management".
+  Put("sw", kThreePorts.c_str());
   auto pools = [](const zp::LoadArgs &a) -> uint32_t {
     uint8_t enable = 1;
     if (cs::GetValueBool(a.parent, "enable", &enable) != 0 || enable != 0) return 99;
@@ -106,13 +104,13 @@ TEST_F(PersistLoad, PortsAndTheUplinkResourcePools) {
                           a.propType);
   };
   ScopedKinds kind36({36}, zp::KindCase{NoSave, pools});
-  Loaded sw = LoadOne();
   using Ports = std::vector<std::pair<std::string, Props>>;
-  EXPECT_EQ(sw.ports, (Ports{{"p1",
-                              {{"com.zorlan.common.port.alias", Text("one")},
-                               {"com.zorlan.common.port.respools.cfg", Text("traffic_resources")}}},
-                             {"p2", {{"com.zorlan.common.port.alias", Text("two")}}},
-                             {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}}));
+  EXPECT_EQ(LoadOne().ports,
+            (Ports{{"p1",
+                    {{"com.zorlan.common.port.alias", Text("one")},
+                     {"com.zorlan.common.port.respools.cfg", Text("traffic_resources")}}},
+                   {"p2", {{"com.zorlan.common.port.alias", Text("two")}}},
+                   {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}}));
 }
 
 // The port catch-all row is the last one a port walks; these act on the loaded element.
@@ -130,7 +128,7 @@ uint32_t FailNextKeyRead(const zp::LoadArgs &a) {
 uint32_t AbsentForP2(const zp::LoadArgs &a) { return KeyOf(a) == "p2" ? 6 : 0; }
 
 TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
-  Put("sw", ThreePorts().c_str());
+  Put("sw", kThreePorts.c_str());
   ScopedKinds kind36({36}, zp::KindCase{NoSave, NoLoad});
   using Ports = std::vector<std::pair<std::string, Props>>;
   const Ports expected = {{"p1", {{"com.zorlan.common.port.alias", Text("one")}}},
@@ -170,7 +168,6 @@ TEST_F(PersistLoad, DesiredLayerPairsObjectsByPosition) {
   uint32_t status = 0;
   LoadAll(&status, true);
   EXPECT_EQ(status, kFail);  // one desired, two current
-
   desire("a", Object("a", "6.5.0", R"(,"portset_name":"desired-a")"));
   desire("b", Object("b", "6.0.0", ""));
   auto loaded = LoadAll(&status, true);
@@ -188,15 +185,10 @@ TEST_F(PersistLoad, DesiredLayerPairsObjectsByPosition) {
   EXPECT_EQ(out, "Failed to get zel desired user config instances");
 }
 
-TEST_F(PersistLoad, StoreAndAllocationFailures) {
+// Every allocation of the load's lists fails once in turn: the load fails cleanly (nothing
+// handed back, nothing left allocated) until none fails.
+TEST_F(PersistLoad, AllocationFailures) {
   Put("sw", Object("sw", "6.6.0", R"(,"name":"sky")").c_str());
-  cs::testing::FailNext(Op::kGetStore, cs::kStorage);
-  EXPECT_EQ(Loading(7), "Get store failed");
-  cs::testing::FailNext(Op::kGetInstances, cs::kCorrupt);
-  EXPECT_EQ(Loading(9), "Failed to get zel instances");
-
-  // Every allocation of the load's lists fails once in turn: the load fails
-  // cleanly (nothing handed back, nothing left allocated) until none fails.
   namespace fa = zeltest::failalloc;
   zp::testing::SetLoadAllocator(fa::Alloc, fa::Free);
   zeltest::ScopedLevel level(zelconfigstore_debug, 1);
