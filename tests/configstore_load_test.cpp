@@ -3,15 +3,18 @@
 #include <string>
 
 #include "configstore_persist_support.h"
+#include "state/state_testing.h"
 
 using namespace persisttest;
 using Op = cs::testing::Op;
 
 namespace {
 
-std::string Object(const std::string &id, const std::string &version, const std::string &rest) {
-  return R"({"uuid":")" + id + R"(","max_ports":16,"product":{"forwarding_class":"vswitch",)" +
-         R"("version":")" + version + R"("})" + rest + "}";
+std::string Object(const std::string &id, const std::string &version, const std::string &rest,
+                   int maxPorts = 16, const std::string &cls = "vswitch") {
+  return R"({"uuid":")" + id + R"(","max_ports":)" + std::to_string(maxPorts) +
+         R"(,"product":{"forwarding_class":")" + cls + R"(","version":")" + version + R"("})" +
+         rest + "}";
 }
 
 // Three ports named by their "name"; p1 is the only uplink.
@@ -21,17 +24,7 @@ const std::string kThreePorts =
            R"("ports":[{"key":"p1","name":"one"},{"key":"p2","name":"two"},)"
            R"({"key":"p3","name":"three"}])");
 
-class PersistLoad : public PersistTest {
- protected:
-  std::string Loading(uint32_t expected, int level = 0) {
-    zeltest::ScopedLevel scoped(zelconfigstore_debug, level);
-    return zeltest::CaptureStdout([&] {
-      uint32_t status = 0;
-      LoadAll(&status);
-      EXPECT_EQ(status, expected);
-    });
-  }
-};
+class PersistLoad : public PersistTest {};
 
 TEST_F(PersistLoad, EmptyStoreGivesAnEmptyBlob) {
   void *blob = nullptr;
@@ -45,49 +38,94 @@ TEST_F(PersistLoad, EmptyStoreGivesAnEmptyBlob) {
   EXPECT_EQ(LoadOne().version, 7u);
 }
 
-TEST_F(PersistLoad, FailuresAndTheirMessages) {
-  const std::string failed = "Failed to load buf of switch: sw from configstore\n";
+// Hand-written switch objects: the load's status and messages; a load that succeeds returns a
+// blob the state database takes with every switch it read.
+TEST_F(PersistLoad, HandWrittenObjects) {
+  zel::state::testing::SetPortLimit(64);
+  auto failed = [](const std::string &id) {
+    return "Failed to load buf of switch: " + id + " from configstore\n";
+  };
+  const std::string u64(64, 'u'), twoPorts = R"(,"resource_management":{},"ports":[{"key":"1"},{"key":"2"}])";
+  std::vector<std::string> many;
+  for (int i = 0; i <= ZEL_MAX_SWITCHES; ++i) many.push_back(Object("s" + std::to_string(i), "7.0.0", "", 1));
   struct Row {
-    std::string content;
+    std::vector<std::string> objects;  // stored as "sw", "sw1", "sw2", ...
     uint32_t status;
     std::string out;
+    int switches = 1;  // in the state database after a successful load
     uint32_t withoutKind = 0;
     Op fail = Op::kGetStore;
     int failStatus = 0;
     int level = 0;
   } rows[] = {
-      {Object("sw", "7.0.0", ""), 0,
+      {{Object("sw", "7.0.0", "")}, 0,
        "Loading switch:sw\nUnabled to get qor_enabledLoadProps: globalPropList\n"
-       "Unabled to get qor_enabledLoadProps: hostPropList\n", 0, Op::kGetStore, 0, 1},
-      {Object("sw", "7.0", ""), kFail, "Unknown zel version 7.0\n" + failed},
-      {R"({"uuid":"sw","max_ports":1})", 6, failed},
-      {R"({"uuid":"sw","product":{"forwarding_class":"x","version":"6.0.0"}})", 6,
-       "Failed to get max_ports, rc: 6\n" + failed},
-      {R"({"uuid":"sw","max_ports":1,"product":{"version":"6.0.0"}})", 6,
-       "Failed to get forwarding_class, rc: 6\n" + failed},
+       "Unabled to get qor_enabledLoadProps: hostPropList\n", 1, 0, Op::kGetStore, 0, 1},
+      {{Object("sw", "7.0", "")}, kFail, "Unknown zel version 7.0\n" + failed("sw")},
+      {{R"({"uuid":"sw","max_ports":1})"}, 6, failed("sw")},
+      {{R"({"uuid":"sw","product":{"forwarding_class":"x","version":"6.0.0"}})"}, 6,
+       "Failed to get max_ports, rc: 6\n" + failed("sw")},
+      {{R"({"uuid":"sw","max_ports":1,"product":{"version":"6.0.0"}})"}, 6,
+       "Failed to get forwarding_class, rc: 6\n" + failed("sw")},
       // Without a readable uuid the repeated read's status ends the load.
-      {R"({"uuid":7,"max_ports":1})", 3, "Failed to get uuid, rc: 3\n"},
+      {{R"({"uuid":7,"max_ports":1})"}, 3, "Failed to get uuid, rc: 3\n"},
       // Policy rows are rejected until their kinds are in place.
-      {Object("sw", "6.6.0", ""), kFail,
+      {{Object("sw", "6.6.0", "")}, kFail,
        "Faild to load prop: com.zorlan.common.vlanmtucheck.deploy, key: health_checks, "
        "type:11 from configstore, rc: -1\n"
-       "Load zel props from configstore failed, props type:globalPropList\n" + failed, 11},
-      {kThreePorts, kFail,
+       "Load zel props from configstore failed, props type:globalPropList\n" + failed("sw"), 0, 11},
+      {{kThreePorts}, kFail,
        "Faild to load prop: com.zorlan.common.port.respools.cfg, key: traffic_resources, "
        "type:36 from configstore, rc: -1\nLoad zel props from configstore failed, props type:p1\n" +
-           failed, 36},
-      {Object("sw", "6.6.0", ""), 7, "Get store failed", 0, Op::kGetStore, cs::kStorage},
-      {Object("sw", "6.6.0", ""), 9, "Failed to get zel instances", 0, Op::kGetInstances,
+           failed("sw"), 0, 36},
+      {{Object("sw", "6.6.0", "")}, 7, "Get store failed", 0, 0, Op::kGetStore, cs::kStorage},
+      {{Object("sw", "6.6.0", "")}, 9, "Failed to get zel instances", 0, 0, Op::kGetInstances,
        cs::kCorrupt},
+      {{Object("sw-blue", "7.0.0", ""), Object("sw-blue", "7.0.0", "")}, kFail,
+       "Duplicate switch uuid sw-blue in configstore\n" + failed("sw-blue")},
+      {{Object(u64, "7.0.0", "")}, kFail,
+       "Switch uuid " + u64 + " is longer than 63 characters\n" + failed(u64)},
+      {{Object("sw-blue", "7.0.0",
+               R"(,"resource_management":{},"ports":[{"key":"1"},{"key":")" +
+                   std::string(48, 'p') + R"("}])")},
+       0, "Port key " + std::string(48, 'p') + " is too long, port skipped\n"},
+      {{Object("sw-blue", "7.0.0", "", 65, "fabric")}, kFail,
+       "Switch sw-blue: max_ports 65 for 0 ports does not fit the 64 free ports of the host\n" +
+           failed("sw-blue")},
+      {{Object("sw-blue", "7.0.0", twoPorts, 1, "fabric")}, kFail,
+       "Switch sw-blue: max_ports 1 for 2 ports does not fit the 64 free ports of the host\n" +
+           failed("sw-blue")},
+      {{Object("sw-blue", "7.0.0", twoPorts, 2, "fabric")}, 0, ""},
+      {many, kFail, "Too many switch objects in configstore: 33, at most 32\n"},
   };
   for (const Row &r : rows) {
     SCOPED_TRACE(r.out);
-    Put("sw", r.content.c_str());
+    for (size_t k = 0; k < r.objects.size(); ++k)
+      Put(("sw" + (k > 0 ? std::to_string(k) : "")).c_str(), r.objects[k].c_str());
     ScopedKinds without(r.withoutKind != 0 ? std::vector<uint32_t>{r.withoutKind}
                                            : std::vector<uint32_t>{},
                         zp::KindCase{});
     if (r.failStatus != 0) cs::testing::FailNext(r.fail, r.failStatus);
-    EXPECT_EQ(Loading(r.status, r.level), r.out);
+    zeltest::ScopedLevel level(zelconfigstore_debug, r.level);
+    void *blob = nullptr;
+    uint32_t length = 0, status = 0;
+    EXPECT_EQ(zeltest::CaptureStdout(
+                  [&] { status = ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false); }),
+              r.out);
+    EXPECT_EQ(status, r.status);
+    if (status == 0) {
+      EXPECT_EQ(ZELState_ConfigDeserialize(blob, length), STATUS_OK);
+      int count = 0;
+      ZELState_SwitchForEach([](SwitchState *, void *n) { return ++*static_cast<int *>(n), false; },
+                             &count);
+      EXPECT_EQ(count, r.switches);
+      ZELState_ConfigReset();
+    }
+    std::free(blob);
+    cfgtest::StorePtr store = cfgtest::OpenStore();
+    for (size_t k = 0; k < r.objects.size(); ++k)
+      cs::Delete(store.get(), "switches", "network_zel", "orn",
+                 ("sw" + (k > 0 ? std::to_string(k) : "")).c_str());
   }
 }
 

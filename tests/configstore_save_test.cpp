@@ -64,6 +64,14 @@ TEST_F(PersistSave, StoredObjectsRewrittenWholeAndStaleOnesDeleted) {
   ASSERT_EQ(Save(blob, "X"), 0u);  // neither stored nor in the blob
   EXPECT_EQ(Dump(), before);
 
+  // A switch saved without a version is written, with a warning: no load can read it.
+  SwitchDef unversioned = Switch("A", "a3");
+  unversioned.global.pop_back();
+  zelconfigstore_debug = 0;
+  EXPECT_EQ(zeltest::CaptureStdout([&] { EXPECT_EQ(Save({unversioned}, "A"), 0u); }),
+            "Warning: switch A is saved without \"com.zorlan.common.version\"; no load succeeds "
+            "until it has one\n");
+
   // A blob without switches clears every switch object that carries its id.
   ASSERT_EQ(Save(std::vector<SwitchDef>{}), 0u);
   EXPECT_EQ(Dump(), "current|switches|network_zel|orn|old-1|{}|EXTERNAL\n");

@@ -1,7 +1,5 @@
-// The state file's switch to the configuration store (the host's two feature flags choose it,
-// the path is then ignored), and switch objects edited by hand: a load that succeeds always
-// returns a blob that decodes with every switch it read.
-#include <gmock/gmock.h>
+// The state file's switch to the configuration store: the host's two feature flags choose it,
+// the path is then ignored.
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
@@ -9,7 +7,6 @@
 
 #include "configstore_persist_support.h"
 #include "host/feature_flags.h"
-#include "state/state_testing.h"
 #include "zel/file.h"
 
 namespace {
@@ -86,85 +83,6 @@ TEST_F(FileConfigStoreTest, WriteReadAndStoreErrors) {
   EXPECT_EQ(ZELFile_Write(kPath, garbage, sizeof garbage), STATUS_FAILURE);
   EXPECT_EQ(log.Host().back().second.rfind("failed to write zelconfig to configstore, error: ", 0),
             0u);
-}
-
-class HardeningStore : public PersistTest {
- protected:
-  void SetUp() override {
-    PersistTest::SetUp();
-    zel::state::testing::SetPortLimit(64);
-    zelconfigstore_debug = 0;
-  }
-};
-
-std::string HandWritten(const std::string &uuid, const std::string &cls = "vswitch",
-                        int maxPorts = 8, const std::vector<std::string> &ports = {}) {
-  std::string list;
-  for (const std::string &key : ports)
-    list += (list.empty() ? "" : ",") + ("{\"key\":\"" + key) + "\"}";
-  return R"({"uuid":")" + uuid + R"(","max_ports":)" + std::to_string(maxPorts) +
-         R"(,"product":{"forwarding_class":")" + cls +
-         R"(","version":"7.0.0"},"resource_management":{},"ports":[)" + list + "]}";
-}
-
-TEST_F(HardeningStore, SuccessfulLoadAlwaysDecodesWithEverySwitch) {
-  using Objects = std::vector<std::pair<std::string, std::string>>;  // instance id, content
-  Objects many;
-  for (int i = 0; i <= ZEL_MAX_SWITCHES; ++i)
-    many.emplace_back("s" + std::to_string(i), HandWritten("s" + std::to_string(i), "vswitch", 1));
-  struct Row {
-    Objects objects;
-    int switches;  // decoded after a successful load; -1: the load fails
-    const char *message;
-  };
-  const Row rows[] = {
-      {{{"a", HandWritten("sw-blue")}, {"b", HandWritten("sw-blue")}}, -1,
-       "Duplicate switch uuid sw-blue"},
-      {{{"a", HandWritten(std::string(64, 'u'))}}, -1, "longer than 63"},
-      {{{"a", HandWritten("sw-blue", "vswitch", 8, {"1", std::string(48, 'p')})}}, 1,
-       "is too long, port skipped"},
-      {{{"a", HandWritten("sw-blue", "fabric", 65)}}, -1, "does not fit"},
-      {{{"a", HandWritten("sw-blue", "fabric", 1, {"1", "2"})}}, -1, "does not fit"},
-      {{{"a", HandWritten("sw-blue", "fabric", 2, {"1", "2"})}}, 1, ""},
-      {many, -1, "Too many switch objects"},
-  };
-  for (const Row &r : rows) {
-    SCOPED_TRACE(&r - rows);
-    for (const auto &[id, content] : r.objects) Put(id.c_str(), content.c_str());
-    void *blob = nullptr;
-    uint32_t length = 0, status = 0;
-    EXPECT_THAT(zeltest::CaptureStdout(
-                    [&] { status = ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false); }),
-                ::testing::HasSubstr(r.message));
-    EXPECT_EQ(status == 0, r.switches >= 0);
-    if (status == 0) {
-      EXPECT_EQ(ZELState_ConfigDeserialize(blob, length), STATUS_OK);
-      int count = 0;
-      ZELState_SwitchForEach([](SwitchState *, void *n) { return ++*static_cast<int *>(n), false; },
-                             &count);
-      EXPECT_EQ(count, r.switches);
-      ZELState_ConfigReset();
-      std::free(blob);
-    }
-    cfgtest::StorePtr store = cfgtest::OpenStore();
-    for (const auto &[id, content] : r.objects)
-      cs::Delete(store.get(), "switches", "network_zel", "orn", id.c_str());
-  }
-}
-
-// A save that stores a switch no load can read says so; its result stays as it was.
-TEST_F(HardeningStore, SavingASwitchWithoutVersionWarns) {
-  for (bool withVersion : {true, false}) {
-    SCOPED_TRACE(withVersion);
-    SwitchDef s;
-    s.id = "sw-blue";
-    s.cls = "vswitch";
-    if (withVersion) s.global = {{"com.zorlan.common.version", U32(7)}};
-    const Bytes blob = Blob({s});
-    const std::string out = zeltest::CaptureStdout([&] { EXPECT_EQ(Save(blob), 0u); });
-    EXPECT_EQ(out.find("Warning: switch sw-blue is saved without") == std::string::npos,
-              withVersion);
-  }
 }
 
 }  // namespace
