@@ -20,6 +20,12 @@ cs::Filter *ListFilter(const char *name, const char *id = "") {
   return f;
 }
 
+class ConfigStoreObjects : public ::testing::Test {
+ protected:
+  ObjectPtr sw = NewSwitch("sw");
+  Object *o = sw.get();
+};
+
 template <typename T, int (*Get)(Object *, const char *, T *)>
 int Integer(Object *o, const char *key, int64_t *got) {
   T v = 11;
@@ -29,9 +35,7 @@ int Integer(Object *o, const char *key, int64_t *got) {
 
 // Each getter on each kind and integer range: its status, and for the integer getters the
 // value read (11, untouched, on failure); then the stored form, byte for byte, read back.
-TEST(ConfigStoreObjects, EveryKindReadBackAndStored) {
-  ObjectPtr sw = NewSwitch("sw");
-  Object *o = sw.get();
+TEST_F(ConfigStoreObjects, EveryKindReadBackAndStored) {
   Object *sub = nullptr;
   ASSERT_EQ(cs::SetValueStr(o, "str", "t"), cs::kOk);
   ASSERT_EQ(cs::SetValueInt(o, "int", 5), cs::kOk);
@@ -112,9 +116,7 @@ TEST(ConfigStoreObjects, EveryKindReadBackAndStored) {
   EXPECT_EQ(Json(copy), golden);
 }
 
-TEST(ConfigStoreObjects, SingletonsAndInstanceLists) {
-  ObjectPtr sw = NewSwitch("sw");
-  Object *o = sw.get();
+TEST_F(ConfigStoreObjects, SingletonsAndInstanceLists) {
   Object *a = nullptr, *b = nullptr;
   EXPECT_EQ(cs::GetSubObject(o, "settings", "", &a), cs::kNotFound);
   ASSERT_EQ(cs::CreateSubObject(o, "settings", "", &a), cs::kOk);
@@ -168,9 +170,7 @@ TEST(ConfigStoreObjects, SingletonsAndInstanceLists) {
 
 // An empty list holds instances, strings or ints, whichever comes first; emptying it again, or
 // overwriting a singleton, cuts the old nodes off.
-TEST(ConfigStoreObjects, EmptyListsBecomeWhatIsPutInThem) {
-  ObjectPtr sw = NewSwitch("sw");
-  Object *o = sw.get();
+TEST_F(ConfigStoreObjects, EmptyListsBecomeWhatIsPutInThem) {
   Object *inst = nullptr, *old = nullptr;
   ASSERT_EQ(cs::SetValueEmptyList(o, "pvlans"), cs::kOk);
   ASSERT_EQ(cs::CreateSubObject(o, "pvlans", "x", &old), cs::kOk);
@@ -191,9 +191,7 @@ TEST(ConfigStoreObjects, EmptyListsBecomeWhatIsPutInThem) {
   EXPECT_EQ(Json(o), R"({"empty":[],"pvlans":[3],"text":"t"})");
 }
 
-TEST(ConfigStoreObjects, BadArguments) {
-  ObjectPtr sw = NewSwitch("sw");
-  Object *o = sw.get();
+TEST_F(ConfigStoreObjects, BadArguments) {
   Object *sub = nullptr;
   int32_t i = 0;
   EXPECT_EQ(cs::SetValueInt(o, "", 1), cs::kBadArgument);
@@ -223,7 +221,7 @@ TEST(ConfigStoreObjects, BadArguments) {
   EXPECT_EQ(status, cs::kOutOfRange);
 }
 
-TEST(ConfigStoreObjects, MalformedContentIsRefused) {
+TEST_F(ConfigStoreObjects, MalformedContentIsRefused) {
   const char *bad[] = {
       "", "[", "[]", R"({"a":null})", R"({"a":1.5})", R"({"a":18446744073709551615})",
       R"({"@types":[]})", R"({"@types":{"a":1},"a":1})", R"({"@types":{"a":"uint16"},"a":70000})",
@@ -259,7 +257,7 @@ TEST(ConfigStoreObjects, MalformedContentIsRefused) {
 }
 
 // Stored content read back: a byte order mark and a NUL after the object are tolerated.
-TEST(ConfigStoreObjects, StoredContentEdges) {
+TEST_F(ConfigStoreObjects, StoredContentEdges) {
   using namespace std::string_literals;
   const std::pair<std::string, int> rows[] = {
       {"\xEF\xBB\xBF{\"a\":1}", cs::kOk},
@@ -286,9 +284,7 @@ TEST(ConfigStoreObjects, StoredContentEdges) {
 
 // Text that is not UTF-8 is kept as base64 and comes back byte for byte, as binary values do
 // at every length of the last group; keys must be UTF-8.
-TEST(ConfigStoreObjects, TextAndBinaryKeepTheirBytes) {
-  ObjectPtr sw = NewSwitch("sw");
-  Object *o = sw.get();
+TEST_F(ConfigStoreObjects, TextAndBinaryKeepTheirBytes) {
   Object *inst = nullptr;
   ASSERT_EQ(cs::SetValueStr(o, "s", "\xff"), cs::kOk);
   ASSERT_EQ(cs::AppendValueString(o, "l", "ok"), cs::kOk);
