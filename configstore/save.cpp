@@ -4,6 +4,10 @@
 // switch objects are deleted, and all of it is one store transaction.
 #include <cstdlib>
 #include <cstring>
+#include <optional>
+#include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "configstore/kinds.h"
 #include "configstore/persist.h"
@@ -38,9 +42,13 @@ class StateSession {
 struct StoreSession {
   cs::Store *store = nullptr;
   cs::Filter *filter = nullptr;
-  cs::Object **objects = nullptr;  // from GetInstances
+  cs::Object **objects = nullptr;  // from GetInstances; a slot is null once taken
   int count = 0;
   cs::Object *single = nullptr;  // from Get, for one switch
+  // The listed objects by instance id, and the uuid each taken object held
+  // (empty when it held none), for the stale check at the end.
+  std::unordered_map<std::string, int> byInstance;
+  std::vector<std::optional<std::string>> takenUuids;
 
   StoreSession() = default;
   StoreSession(const StoreSession &) = delete;
@@ -58,11 +66,46 @@ struct StoreSession {
   }
   cs::Object *Gathered(int i) const { return single != nullptr ? single : objects[i]; }
   int NumGathered() const { return single != nullptr ? 1 : count; }
+
+  // Hands over the listed object stored under `id` (null when none was
+  // listed), so that a switch is rewritten from the listing instead of
+  // being read and parsed a second time.  The row cannot have changed since:
+  // the listing ran in this transaction and each switch is written once.
+  cs::Object *Take(const char *id) {
+    const auto it = byInstance.find(id);
+    if (it == byInstance.end()) {
+      return nullptr;
+    }
+    const int i = it->second;
+    byInstance.erase(it);
+    char *uuid = nullptr;
+    if (cs::GetValueStr(objects[i], "uuid", &uuid) == cs::kOk) {
+      takenUuids[i] = std::string(uuid);
+      std::free(uuid);
+    }
+    cs::Object *object = objects[i];
+    objects[i] = nullptr;
+    return object;
+  }
+  // The uuid the i-th gathered object held when it was read, if any.
+  std::optional<std::string> StoredUuid(int i) const {
+    const cs::Object *object = Gathered(i);
+    if (object == nullptr) {
+      return takenUuids[i];
+    }
+    char *uuid = nullptr;
+    if (cs::GetValueStr(const_cast<cs::Object *>(object), "uuid", &uuid) != cs::kOk) {
+      return std::nullopt;
+    }
+    std::string text(uuid);
+    std::free(uuid);
+    return text;
+  }
 };
 
 struct SaveContext {
   uint32_t status = 0;
-  cs::Store *store = nullptr;
+  StoreSession *session = nullptr;
 };
 
 enum class Trace { kNone, kGlobal, kHost };
@@ -175,8 +218,9 @@ bool SaveSwitchToConfigStore(SwitchState *sw, void *context) {
   currentSwitchClass = ClassCode(ZEL_ClassName(sw));
   const int64_t start = NowMs();
 
-  cs::Object *object = nullptr;
-  if (cs::Get(ctx->store, kSwitchSel1, kSwitchSel2, kSwitchSel3, id, &object) == cs::kOk) {
+  cs::Object *object = ctx->session->Take(id);
+  if (object != nullptr ||
+      cs::Get(ctx->session->store, kSwitchSel1, kSwitchSel2, kSwitchSel3, id, &object) == cs::kOk) {
     ClearSwitchObject(object);
   } else if (cs::CreateObject(kSwitchSel1, kSwitchSel2, kSwitchSel3, id, "{}", &object) !=
              cs::kOk) {
@@ -194,7 +238,7 @@ bool SaveSwitchToConfigStore(SwitchState *sw, void *context) {
   }
   WarnIfUnloadable(object, id);
   const int64_t setStart = NowMs();
-  const int setStatus = cs::Set(ctx->store, object, "EXTERNAL");
+  const int setStatus = cs::Set(ctx->session->store, object, "EXTERNAL");
   configStoreTimeMs += NowMs() - setStart;
   cs::DestroyConfigStoreObject(object);
   ctx->status = static_cast<uint32_t>(setStatus);
@@ -223,6 +267,14 @@ void GatherStoredSwitches(StoreSession &session, const char *switchId) {
   if (session.objects == nullptr) {
     session.count = 0;
   }
+  session.takenUuids.resize(static_cast<size_t>(session.count));
+  for (int i = 0; i < session.count; ++i) {
+    char *instance = nullptr;
+    if (cs::GetObjectInstanceId(session.objects[i], &instance) == cs::kOk) {
+      session.byInstance.emplace(instance, i);
+      std::free(instance);
+    }
+  }
 }
 
 // Deletes the gathered objects whose switch the blob does not hold, and
@@ -230,14 +282,13 @@ void GatherStoredSwitches(StoreSession &session, const char *switchId) {
 uint32_t DeleteStaleAndCommit(StoreSession &session) {
   const int64_t start = NowMs();
   for (int i = 0; i < session.NumGathered(); ++i) {
-    char *uuid = nullptr;
-    if (cs::GetValueStr(session.Gathered(i), "uuid", &uuid) != cs::kOk) {
+    const std::optional<std::string> uuid = session.StoredUuid(i);
+    if (!uuid) {
       continue;  // without its id the object cannot be matched: leave it alone
     }
-    if (ZELState_SwitchFind(uuid) == nullptr) {
-      cs::Delete(session.store, kSwitchSel1, kSwitchSel2, kSwitchSel3, uuid);
+    if (ZELState_SwitchFind(uuid->c_str()) == nullptr) {
+      cs::Delete(session.store, kSwitchSel1, kSwitchSel2, kSwitchSel3, uuid->c_str());
     }
-    std::free(uuid);
   }
   const int status = cs::CommitTransaction(session.store);
   configStoreTimeMs += NowMs() - start;
@@ -275,7 +326,7 @@ uint32_t SaveBuf(const void *blob, uint32_t length, const char *switchId) {
   configStoreTimeMs += NowMs() - start;
 
   SaveContext ctx;
-  ctx.store = session.store;
+  ctx.session = &session;
   if (switchId != nullptr) {
     if (SwitchState *sw = ZELState_SwitchFind(switchId); sw != nullptr) {
       SaveSwitchToConfigStore(sw, &ctx);
