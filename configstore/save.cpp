@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "configstore/kinds.h"
@@ -45,10 +46,10 @@ struct StoreSession {
   cs::Object **objects = nullptr;  // from GetInstances; a slot is null once taken
   int count = 0;
   cs::Object *single = nullptr;  // from Get, for one switch
-  // The listed objects by instance id, and the uuid each taken object held
-  // (empty when it held none), for the stale check at the end.
+  // The uuid each gathered object held when it was read (empty when none),
+  // for the stale check at the end, and the listed objects by instance id.
+  std::vector<std::optional<std::string>> storedUuids;
   std::unordered_map<std::string, int> byInstance;
-  std::vector<std::optional<std::string>> takenUuids;
 
   StoreSession() = default;
   StoreSession(const StoreSession &) = delete;
@@ -76,30 +77,9 @@ struct StoreSession {
     if (it == byInstance.end()) {
       return nullptr;
     }
-    const int i = it->second;
+    cs::Object *object = std::exchange(objects[it->second], nullptr);
     byInstance.erase(it);
-    char *uuid = nullptr;
-    if (cs::GetValueStr(objects[i], "uuid", &uuid) == cs::kOk) {
-      takenUuids[i] = std::string(uuid);
-      std::free(uuid);
-    }
-    cs::Object *object = objects[i];
-    objects[i] = nullptr;
     return object;
-  }
-  // The uuid the i-th gathered object held when it was read, if any.
-  std::optional<std::string> StoredUuid(int i) const {
-    const cs::Object *object = Gathered(i);
-    if (object == nullptr) {
-      return takenUuids[i];
-    }
-    char *uuid = nullptr;
-    if (cs::GetValueStr(const_cast<cs::Object *>(object), "uuid", &uuid) != cs::kOk) {
-      return std::nullopt;
-    }
-    std::string text(uuid);
-    std::free(uuid);
-    return text;
   }
 };
 
@@ -267,7 +247,6 @@ void GatherStoredSwitches(StoreSession &session, const char *switchId) {
   if (session.objects == nullptr) {
     session.count = 0;
   }
-  session.takenUuids.resize(static_cast<size_t>(session.count));
   for (int i = 0; i < session.count; ++i) {
     char *instance = nullptr;
     if (cs::GetObjectInstanceId(session.objects[i], &instance) == cs::kOk) {
@@ -277,12 +256,24 @@ void GatherStoredSwitches(StoreSession &session, const char *switchId) {
   }
 }
 
+// The uuid of every gathered object, read before any of them is rewritten.
+void RecordStoredUuids(StoreSession &session) {
+  for (int i = 0; i < session.NumGathered(); ++i) {
+    char *uuid = nullptr;
+    std::optional<std::string> text;
+    if (cs::GetValueStr(session.Gathered(i), "uuid", &uuid) == cs::kOk) {
+      text = uuid;
+      std::free(uuid);
+    }
+    session.storedUuids.push_back(std::move(text));
+  }
+}
+
 // Deletes the gathered objects whose switch the blob does not hold, and
 // commits.  Returns the commit status.
 uint32_t DeleteStaleAndCommit(StoreSession &session) {
   const int64_t start = NowMs();
-  for (int i = 0; i < session.NumGathered(); ++i) {
-    const std::optional<std::string> uuid = session.StoredUuid(i);
+  for (const std::optional<std::string> &uuid : session.storedUuids) {
     if (!uuid) {
       continue;  // without its id the object cannot be matched: leave it alone
     }
@@ -323,6 +314,7 @@ uint32_t SaveBuf(const void *blob, uint32_t length, const char *switchId) {
   }
   CS_TRACE("Ready to save zel list");
   GatherStoredSwitches(session, switchId);
+  RecordStoredUuids(session);
   configStoreTimeMs += NowMs() - start;
 
   SaveContext ctx;
