@@ -2,7 +2,6 @@
 #pragma once
 
 #include <sqlite3.h>
-#include <stdlib.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -43,14 +42,12 @@ class TempStore {
   std::string dir_, path_;
 };
 
-struct StoreCloser {
-  void operator()(cs::Store *s) const { cs::DestroyStore(s); }
+template <auto Destroy>
+struct Closer {
+  void operator()(auto *p) const { Destroy(p); }
 };
-struct ObjectCloser {
-  void operator()(cs::Object *o) const { cs::DestroyConfigStoreObject(o); }
-};
-using StorePtr = std::unique_ptr<cs::Store, StoreCloser>;
-using ObjectPtr = std::unique_ptr<cs::Object, ObjectCloser>;
+using StorePtr = std::unique_ptr<cs::Store, Closer<cs::DestroyStore>>;
+using ObjectPtr = std::unique_ptr<cs::Object, Closer<cs::DestroyConfigStoreObject>>;
 
 inline StorePtr OpenStore() {
   cs::Store *s = nullptr;
@@ -62,6 +59,14 @@ inline ObjectPtr NewSwitch(const char *id) {
   cs::Object *o = nullptr;
   cs::CreateObject("switches", "network_zel", "orn", id, "{}", &o);
   return ObjectPtr(o);
+}
+
+// A switch object with its "uuid" and, when given, its "name".
+inline ObjectPtr SwitchWith(const char *id, const char *name = nullptr) {
+  ObjectPtr o = NewSwitch(id);
+  cs::SetValueStr(o.get(), "uuid", id);
+  if (name != nullptr) cs::SetValueStr(o.get(), "name", name);
+  return o;
 }
 
 // An object's content as the store writes it ("" on failure).

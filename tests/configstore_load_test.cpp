@@ -34,8 +34,11 @@ TEST_F(PersistLoad, EmptyStoreGivesAnEmptyBlob) {
   EXPECT_EQ(Bytes(b, b + length), (Bytes{16, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
   std::free(blob);
   EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(nullptr, &length, false), kFail);
-  Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":false)").c_str());
-  EXPECT_EQ(LoadOne().version, 7u);
+  // Only under "resource_management" do ports load.
+  Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":false,"ports":[{"key":"p1"}])").c_str());
+  const Loaded sw = LoadOne();
+  EXPECT_EQ(sw.version, 7u);
+  EXPECT_TRUE(sw.ports.empty());
 }
 
 // Hand-written switch objects: the load's status and messages; a load that succeeds returns a
@@ -127,28 +130,6 @@ TEST_F(PersistLoad, HandWrittenObjects) {
       cs::Delete(store.get(), "switches", "network_zel", "orn",
                  ("sw" + (k > 0 ? std::to_string(k) : "")).c_str());
   }
-}
-
-TEST_F(PersistLoad, PortsAndTheUplinkResourcePools) {
-  // Only under "resource_management" do ports load.
-  Put("sw", Object("sw", "6.6.0", R"(,"ports":[{"key":"p1","name":"one"}])").c_str());
-  EXPECT_TRUE(LoadOne().ports.empty());
-  // A case for kind 36 runs for uplink ports only, on "resource_management".
-  Put("sw", kThreePorts.c_str());
-  auto pools = [](const zp::LoadArgs &a) -> uint32_t {
-    uint8_t enable = 1;
-    if (cs::GetValueBool(a.parent, "enable", &enable) != 0 || enable != 0) return 99;
-    return ZELData_Update(a.list, a.name, a.key, static_cast<uint32_t>(std::strlen(a.key) + 1),
-                          a.propType);
-  };
-  ScopedKinds kind36({36}, zp::KindCase{NoSave, pools});
-  using Ports = std::vector<std::pair<std::string, Props>>;
-  EXPECT_EQ(LoadOne().ports,
-            (Ports{{"p1",
-                    {{"com.zorlan.common.port.alias", Text("one")},
-                     {"com.zorlan.common.port.respools.cfg", Text("traffic_resources")}}},
-                   {"p2", {{"com.zorlan.common.port.alias", Text("two")}}},
-                   {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}}));
 }
 
 // The port catch-all row is the last one a port walks; these act on the loaded element.

@@ -1,10 +1,7 @@
 // Configuration-store persistence tests: a fixture with a private store file and an empty state
-// database, blob builders, store readers, a blob decoder.
+// database, blob builders and a blob decoder.
 #pragma once
 
-#include <sqlite3.h>
-
-#include <map>
 #include <string>
 #include <vector>
 
@@ -89,46 +86,26 @@ inline Props Decode(const void *data, uint32_t length) {
   return props;
 }
 
-inline uint32_t ToU32(const Bytes &b) {
-  uint32_t v = 0;
-  if (b.size() >= 4) std::memcpy(&v, b.data(), 4);
-  return v;
-}
-
 // Decodes a loaded blob into its switches, by id in blob order.
 inline std::vector<std::pair<std::string, Loaded>> DecodeBlob(const void *blob, uint32_t length) {
+  auto u32 = [](const Bytes &b) { return b.size() >= 4 ? zelstatetest::Get32(b, 0) : 0u; };
   std::vector<std::pair<std::string, Loaded>> out;
   for (const auto &[id, bytes] : Decode(blob, length)) {
     Loaded sw;
     for (const auto &[name, value] : Decode(bytes.data(), static_cast<uint32_t>(bytes.size()))) {
-      if (name == "switchVersion") {
-        sw.version = ToU32(value);
-      } else if (name == "className") {
-        sw.className = value;
-      } else if (name == "maxPorts") {
-        sw.maxPorts = ToU32(value);
-      } else if (name == "globalPropList") {
-        sw.global = Decode(value.data(), static_cast<uint32_t>(value.size()));
-      } else if (name == "hostPropList") {
-        sw.host = Decode(value.data(), static_cast<uint32_t>(value.size()));
-      } else {
-        sw.ports.emplace_back(name, Decode(value.data(), static_cast<uint32_t>(value.size())));
+      if (name == "switchVersion") sw.version = u32(value);
+      else if (name == "className") sw.className = value;
+      else if (name == "maxPorts") sw.maxPorts = u32(value);
+      else {
+        Props p = Decode(value.data(), static_cast<uint32_t>(value.size()));
+        if (name == "globalPropList") sw.global = std::move(p);
+        else if (name == "hostPropList") sw.host = std::move(p);
+        else sw.ports.emplace_back(name, std::move(p));
       }
     }
     out.emplace_back(id, std::move(sw));
   }
   return out;
-}
-
-// The save case of a port row on a fresh in-memory object; *json is its content after it.
-inline uint32_t PortSaveCase(uint32_t kind, const char *name, const char *key, const Bytes &value,
-                             std::string *json) {
-  cfgtest::ObjectPtr o = cfgtest::NewSwitch("direct");
-  const zp::SaveArgs args{o.get(), o.get(), key, name, value.data(),
-                          static_cast<uint32_t>(value.size()), zp::kTablePort, 16};
-  const uint32_t status = zp::FindKind(kind)->save(args);
-  *json = cfgtest::Json(o.get());
-  return status;
 }
 
 class PersistTest : public zelstatetest::StateTest {
@@ -215,19 +192,6 @@ inline const Bytes *Find(const Props &props, const std::string &name) {
   for (const auto &[n, v] : props)
     if (n == name) return &v;
   return nullptr;
-}
-
-// The JSON object stored under `key` at or after `from` ("" when absent).
-inline std::string ObjectAt(const std::string &json, const std::string &key, size_t from = 0) {
-  size_t at = json.find("\"" + key + "\":{", from);
-  if (at == std::string::npos) return "";
-  at += key.size() + 3;
-  int depth = 0;
-  for (size_t i = at; i < json.size(); ++i) {
-    if (json[i] == '{') ++depth;
-    if (json[i] == '}' && --depth == 0) return json.substr(at, i - at + 1);
-  }
-  return "";
 }
 
 class RoundTripTest : public PersistTest {

@@ -1,9 +1,7 @@
-// Fuzzes the load of stored switch objects.  The input is the JSON content of
-// up to four switch objects, separated by NUL bytes, each stored under its
-// own "uuid" (or a fixed id when it has none).  A load must either fail or
-// return a blob that decodes into the state database with one switch per
-// stored object.  A blob that decodes is saved again and loaded again under
-// the same rule.  The store is a database file under /dev/shm (or $TMPDIR).
+// Fuzzes the load of stored switch objects.  The input is the JSON content of up to four switch
+// objects, separated by NUL bytes, each stored under its own "uuid" (or a fixed id when it has
+// none).  A load must fail or return a blob that decodes with one switch per stored object; such a
+// blob is saved and loaded again under the same rule.  The store lives under /dev/shm (or $TMPDIR).
 #include <unistd.h>
 
 #include <algorithm>
@@ -63,9 +61,8 @@ void ClearStore() {
 void Put(cs::Store *store, const std::string &content, int index) {
   cs::Object *object = nullptr;
   if (cs::CreateObject("switches", "network_zel", "orn", "probe", content.c_str(), &object) !=
-      cs::kOk) {
+      cs::kOk)
     return;
-  }
   char *uuid = nullptr;
   std::string id = "obj" + std::to_string(index);
   if (cs::GetValueStr(object, "uuid", &uuid) == cs::kOk && uuid[0] != '\0') id = uuid;
@@ -94,13 +91,6 @@ void StoreInput(const std::string &input) {
   cs::DestroyStore(store);
 }
 
-int CountSwitches() {
-  int count = 0;
-  ZELState_SwitchForEach([](SwitchState *, void *n) { return ++*static_cast<int *>(n), false; },
-                         &count);
-  return count;
-}
-
 // Loads the store; a successful load must decode with one switch per stored
 // object.  Returns the blob (null when the load failed).
 void *LoadAndCheck(uint32_t *length) {
@@ -108,8 +98,11 @@ void *LoadAndCheck(uint32_t *length) {
   void *blob = nullptr;
   if (ZELState_LoadFromConfigStoreAsBuf(&blob, length, false) != 0) return nullptr;
   ZELState_ConfigReset();
+  int count = 0;
   if (ZELState_ConfigDeserialize(blob, *length) != STATUS_OK) std::abort();
-  if (CountSwitches() != stored) std::abort();
+  ZELState_SwitchForEach([](SwitchState *, void *n) { return ++*static_cast<int *>(n), false; },
+                         &count);
+  if (count != stored) std::abort();
   ZELState_ConfigReset();
   return blob;
 }
@@ -164,10 +157,9 @@ zelfuzz::Seeds Seeds() {
 extern "C" int LLVMFuzzerInitialize(int *, char ***) {
   std::string base = std::filesystem::exists("/dev/shm") ? "/dev/shm"
                                                           : std::filesystem::temp_directory_path();
-  std::string dir = base + "/zel-fuzz-store-" + std::to_string(getpid());
+  static const std::string dir = base + "/zel-fuzz-store-" + std::to_string(getpid());
   std::filesystem::create_directories(dir);
-  static std::string g_dir = dir;
-  std::atexit([] { std::filesystem::remove_all(g_dir); });
+  std::atexit([] { std::filesystem::remove_all(dir); });
   static std::string path = dir + "/configstore.db";
   cs::testing::UsePath(path.c_str());
   zel::state::testing::SetPortLimit(64);
