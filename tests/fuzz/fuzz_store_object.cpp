@@ -6,7 +6,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -109,38 +108,14 @@ void *LoadAndCheck(uint32_t *length) {
 
 std::vector<uint8_t> Bytes(const std::string &s) { return {s.begin(), s.end()}; }
 
-// A switch as the library saves it, exported as stored JSON.
-std::string SavedSwitch() {
-  ZELState_SwitchAdd("sw-blue", "vswitch", 16, 7);
-  const uint32_t version = 7;
-  ZELState_GlobalPropSet("sw-blue", "com.zorlan.common.version", &version, 4, 16);
-  ZELState_GlobalPropSet("sw-blue", "com.zorlan.common.alias", "blue", 5, 16);
-  ZELState_HostPropSet("sw-blue", "com.zorlan.common.host.portset", "ps-1", 5, 16);
-  for (const char *id : {"1", "2"}) {
-    PropertyList *list = nullptr;
-    ZELData_Alloc(&list, [](uint64_t n) { return std::malloc(n); }, std::free);
-    ZELData_Append(list, "com.zorlan.common.port.alias", "web", 4, 16);
-    ZELData_Append(list, "com.zorlan.common.port.connectid", &version, 4, 16);
-    if (ZELState_PortAdd("sw-blue", id, list) != STATUS_OK) ZELData_Free(list);
-  }
-  void *blob = nullptr;
-  uint32_t length = 0;
-  ZELState_ConfigSerialize(&blob, &length);
-  ZELState_ConfigReset();
-  ZELState_SaveBufToConfigStore(blob, length);
-  std::free(blob);
-  std::string json;
-  ForEachStored([&](cs::Store *, cs::Object *object) {
-    char *text = nullptr;
-    if (cs::ExportObjectJson(object, &text) == cs::kOk) json = text;
-    std::free(text);
-  });
-  ClearStore();
-  return json;
-}
-
 zelfuzz::Seeds Seeds() {
-  const std::string saved = SavedSwitch();
+  // A switch with two ports as a save writes it.
+  const std::string saved =
+      R"({"@types":{"max_ports":"int32"},"max_ports":64,"name":"blue","ports":[{"@types":)"
+      R"({"connection_cookie":"uint32"},"connection_cookie":7,"key":"1","name":"web"},{"@types":)"
+      R"({"connection_cookie":"uint32"},"connection_cookie":7,"key":"2","name":"web"}],)"
+      R"("portset_name":"ps-1","product":{"forwarding_class":"vswitch","version":"7.0.0"},)"
+      R"("uuid":"sw-blue"})";
   const std::string minimal =
       R"({"uuid":"sw-a","max_ports":8,"product":{"forwarding_class":"vswitch","version":"6.6.0"}})";
   const std::string ports =
