@@ -61,7 +61,6 @@ struct SwitchDef {
   std::string id;
   std::string cls = "etherswitch";
   uint32_t version = 7;
-  uint32_t maxPorts = 64;
   Props global;
   Props host;
   std::vector<std::pair<std::string, Props>> ports;
@@ -123,7 +122,7 @@ class PersistTest : public zelstatetest::StateTest {
   // The switches as a state blob, built in the state database and reset.
   static Bytes Blob(const std::vector<SwitchDef> &switches) {
     for (const SwitchDef &s : switches) {
-      EXPECT_EQ(ZELState_SwitchAdd(s.id.c_str(), s.cls.c_str(), s.maxPorts, s.version), STATUS_OK);
+      EXPECT_EQ(ZELState_SwitchAdd(s.id.c_str(), s.cls.c_str(), 64, s.version), STATUS_OK);
       for (const auto &[name, value] : s.global)
         EXPECT_EQ(ZELState_GlobalPropSet(s.id.c_str(), name.c_str(), value.data(),
                                          static_cast<uint32_t>(value.size()), s.type),
