@@ -35,7 +35,7 @@ TEST_F(PersistLoad, EmptyStoreGivesAnEmptyBlob) {
   std::free(blob);
   EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(nullptr, &length, false), kFail);
   // Only under "resource_management" do ports load.
-  Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":false,"ports":[{"key":"p1"}])").c_str());
+  Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":false,"ports":[{"key":"p1"}])"));
   const Loaded sw = LoadOne();
   EXPECT_EQ(sw.version, 7u);
   EXPECT_TRUE(sw.ports.empty());
@@ -103,8 +103,9 @@ TEST_F(PersistLoad, HandWrittenObjects) {
   };
   for (const Row &r : rows) {
     SCOPED_TRACE(r.out);
+    cfgtest::TempStore fresh;
     for (size_t k = 0; k < r.objects.size(); ++k)
-      Put(("sw" + (k > 0 ? std::to_string(k) : "")).c_str(), r.objects[k].c_str());
+      Put("sw" + (k > 0 ? std::to_string(k) : ""), r.objects[k]);
     ScopedKinds without(r.withoutKind != 0 ? std::vector<uint32_t>{r.withoutKind}
                                            : std::vector<uint32_t>{},
                         zp::KindCase{});
@@ -125,10 +126,6 @@ TEST_F(PersistLoad, HandWrittenObjects) {
       ZELState_ConfigReset();
     }
     std::free(blob);
-    cfgtest::StorePtr store = cfgtest::OpenStore();
-    for (size_t k = 0; k < r.objects.size(); ++k)
-      cs::Delete(store.get(), "switches", "network_zel", "orn",
-                 ("sw" + (k > 0 ? std::to_string(k) : "")).c_str());
   }
 }
 
@@ -147,7 +144,7 @@ uint32_t FailNextKeyRead(const zp::LoadArgs &a) {
 uint32_t AbsentForP2(const zp::LoadArgs &a) { return KeyOf(a) == "p2" ? 6 : 0; }
 
 TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
-  Put("sw", kThreePorts.c_str());
+  Put("sw", kThreePorts);
   ScopedKinds kind36({36}, zp::KindCase{NoSave, NoLoad});
   using Ports = std::vector<std::pair<std::string, Props>>;
   const Ports expected = {{"p1", {{"com.zorlan.common.port.alias", Text("one")}}},
@@ -165,30 +162,22 @@ TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
     EXPECT_EQ(out, message);
   }
   // A port keyed like an entry of the switch list would overwrite it.
-  Put("sw", Object("sw", "6.6.0",
-                   R"(,"resource_management":{},"ports":[{"key":"className","name":"x"}])")
-                .c_str());
+  Put("sw",
+      Object("sw", "6.6.0", R"(,"resource_management":{},"ports":[{"key":"className","name":"x"}])"));
   Loaded sw = LoadOne();
   EXPECT_TRUE(sw.ports.empty());
   EXPECT_EQ(sw.className, Text("vswitch"));
 }
 
 TEST_F(PersistLoad, DesiredLayerPairsObjectsByPosition) {
-  Put("a", Object("a", "6.6.0", R"(,"portset_name":"current-a")").c_str());
-  Put("b", Object("b", "6.6.0", R"(,"portset_name":"current-b")").c_str());
-  cfgtest::StorePtr store = cfgtest::OpenStore();
-  auto desire = [&](const char *id, const std::string &content) {
-    cs::Object *o = nullptr;
-    ASSERT_EQ(cs::CreateObject("switches", "network_zel", "orn", id, content.c_str(), &o), 0);
-    EXPECT_EQ(cs::SetDesired(store.get(), o), 0);
-    cs::DestroyConfigStoreObject(o);
-  };
-  desire("a", Object("a", "5.0", ""));  // an unloadable version: the desired objects are loaded
+  Put("a", Object("a", "6.6.0", R"(,"portset_name":"current-a")"));
+  Put("b", Object("b", "6.6.0", R"(,"portset_name":"current-b")"));
+  Put("a", Object("a", "5.0", ""), true);  // unloadable: shows that the desired layer is read
   uint32_t status = 0;
   LoadAll(&status, true);
   EXPECT_EQ(status, kFail);  // one desired, two current
-  desire("a", Object("a", "6.5.0", R"(,"portset_name":"desired-a")"));
-  desire("b", Object("b", "6.0.0", ""));
+  Put("a", Object("a", "6.5.0", R"(,"portset_name":"desired-a")"), true);
+  Put("b", Object("b", "6.0.0", ""), true);
   auto loaded = LoadAll(&status, true);
   ASSERT_EQ(status, 0u);
   ASSERT_EQ(loaded.size(), 2u);
@@ -207,7 +196,7 @@ TEST_F(PersistLoad, DesiredLayerPairsObjectsByPosition) {
 // Every allocation of the load's lists fails once in turn: the load fails cleanly (nothing
 // handed back, nothing left allocated) until none fails.
 TEST_F(PersistLoad, AllocationFailures) {
-  Put("sw", Object("sw", "6.6.0", R"(,"name":"sky")").c_str());
+  Put("sw", Object("sw", "6.6.0", R"(,"name":"sky")"));
   namespace fa = zeltest::failalloc;
   zp::testing::SetLoadAllocator(fa::Alloc, fa::Free);
   zeltest::ScopedLevel level(zelconfigstore_debug, 1);

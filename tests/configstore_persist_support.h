@@ -176,11 +176,13 @@ class PersistTest : public zelstatetest::StateTest {
                           " ORDER BY layer, sel1, sel2, sel3, instance");
   }
 
-  static void Put(const char *id, const char *content) {
+  // Stores a switch object in the current layer, or the desired one.
+  static void Put(const std::string &id, const std::string &content, bool desired = false) {
     cfgtest::StorePtr s = cfgtest::OpenStore();
     cs::Object *o = nullptr;
-    ASSERT_EQ(cs::CreateObject("switches", "network_zel", "orn", id, content, &o), 0);
-    EXPECT_EQ(cs::Set(s.get(), o, "EXTERNAL"), 0);
+    ASSERT_EQ(cs::CreateObject("switches", "network_zel", "orn", id.c_str(), content.c_str(), &o),
+              0);
+    EXPECT_EQ(desired ? cs::SetDesired(s.get(), o) : cs::Set(s.get(), o, "EXTERNAL"), 0);
     cs::DestroyConfigStoreObject(o);
   }
 
