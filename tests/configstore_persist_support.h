@@ -8,6 +8,7 @@
 #include "configstore/kinds.h"
 #include "configstore/persist.h"
 #include "configstore_client_support.h"
+#include "host/feature_flags.h"
 #include "log_capture.h"
 #include "state_fixture.h"
 #include "zel/configstore.h"
@@ -116,6 +117,7 @@ class PersistTest : public zelstatetest::StateTest {
   void TearDown() override {
     zelconfigstore_debug = 10;
     zp::testing::SetLoadAllocator(nullptr, nullptr);
+    zel::host::ClearConfigStoreFeatures();
     StateTest::TearDown();
   }
 
