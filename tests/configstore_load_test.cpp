@@ -127,18 +127,14 @@ TEST_F(PersistLoad, HandWrittenObjects) {
 }
 
 // The port catch-all row is the last one a port walks; these act on the loaded element.
-std::string KeyOf(const zp::LoadArgs &a) {
-  char *key = nullptr;
-  cs::GetValueStr(a.object, "key", &key);
-  std::string out = key != nullptr ? key : "";
-  std::free(key);
-  return out;
-}
 uint32_t FailNextKeyRead(const zp::LoadArgs &a) {
-  if (KeyOf(a) == "p1") cs::testing::FailNext(Op::kGetValueStr, cs::kStorage);  // p2's "key"
+  // The next read is p2's "key".
+  if (cfgtest::Str(a.object, "key") == "p1") cs::testing::FailNext(Op::kGetValueStr, cs::kStorage);
   return 0;
 }
-uint32_t AbsentForP2(const zp::LoadArgs &a) { return KeyOf(a) == "p2" ? 6 : 0; }
+uint32_t AbsentForP2(const zp::LoadArgs &a) {
+  return cfgtest::Str(a.object, "key") == "p2" ? 6 : 0;
+}
 
 TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
   Put("sw", kThreePorts);
