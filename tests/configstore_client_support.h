@@ -87,10 +87,11 @@ inline std::string Str(cs::Object *o, const char *key) {
   return out;
 }
 
-// The "uuid" of every current switch object, in the order listed.
-inline std::vector<std::string> SwitchUuids(cs::Store *store, int *status = nullptr) {
+// The "uuid" of every current switch object (or of the one named `id`), in the order listed.
+inline std::vector<std::string> SwitchUuids(cs::Store *store, int *status = nullptr,
+                                            const char *id = "") {
   cs::Filter *f = nullptr;
-  cs::CreateFilterSpecObject("switches", "network_zel", "orn", "", &f);
+  cs::CreateFilterSpecObject("switches", "network_zel", "orn", id, &f);
   cs::Object **objs = nullptr;
   int n = 0;
   int s = cs::GetInstances(store, f, &objs, &n);
