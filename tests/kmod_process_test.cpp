@@ -2,22 +2,15 @@
 // clients that die, a daemon that dies, and frames that make no sense.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <random>
 #include <thread>
 
 #include "hardening_support.h"
-#include "kernel/channel.h"
 #include "sim/emulated_kernel.h"
 #include "sim/kmod/session.h"
 #include "sim/kmod/socket_transport.h"
