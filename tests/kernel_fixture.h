@@ -28,7 +28,6 @@ inline V Names(const Props &props) {
   return names;
 }
 
-// The ids of switches or ports.
 template <typename T>
 V Ids(const std::vector<T> &items) {
   V ids;
@@ -51,6 +50,21 @@ inline Bytes Encode(const Props &props, uint32_t version = 7) {
   const Bytes out = zelstatetest::Serialize(list, version);
   ZELData_Free(list);
   return out;
+}
+
+// A state blob as the library nests it (class name in its 128-byte field).
+inline Bytes Blob(const std::vector<SwitchView> &switches) {
+  Props outer;
+  for (const SwitchView &sw : switches) {
+    Bytes cls = Text(sw.className);
+    cls.resize(128);
+    Props fields = {{"switchVersion", U32(sw.version)}, {"className", cls},
+                    {"maxPorts", U32(sw.maxPorts)},     {"globalPropList", Encode(sw.global, 5)},
+                    {"hostPropList", Encode(sw.host, 5)}};
+    for (const auto &p : sw.ports) fields.push_back({p.id, Encode(p.props, 5)});
+    outer.push_back({sw.id, Encode(fields, 5)});
+  }
+  return Encode(outer, 5);
 }
 
 inline std::vector<SwitchView> View(const void *blob, uint32_t length) {

@@ -1,8 +1,5 @@
-// Persistent retrieval against the emulated module: which switches come from
-// the kernel and which from the stored state, what is left out, one port's
-// persistable data, the search by external id, the save into the
-// configuration store, and all of it from several threads at once.
-#include <algorithm>
+// Persistent retrieval, port state, the search by external id and the save
+// into the configuration store against the emulated module.
 #include <atomic>
 #include <latch>
 #include <thread>
@@ -22,7 +19,6 @@ using namespace zelkerneltest;
 using Kind = zel::sim::EmulatedKernel::FaultKind;
 constexpr const char *kVnic = "com.zorlan.port.extraConfig.vnic.external.id";
 
-// The retrieval's blob, decoded.
 std::vector<SwitchView> Persistent(const char *statePath, ReturnStatus expect = STATUS_OK) {
   void *blob = nullptr;
   uint32_t length = 0;
@@ -111,20 +107,11 @@ TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
 
   // The stored state: its version of "flag" (reduced in turn) replaces the
   // kernel's; its other switches stay out.
-  zel::sim::EmulatedKernel stored;
-  {
-    zel::kernel::ScopedTransport useStored(&stored);
-    AddSwitch("other");
-    AddSwitch("flag", "limited", 5, 16);
-    SetGlobal("flag", {{"com.zorlan.common.alias", Text("stored")}, {"a.volatile.b", {1}}});
-    AddPort("flag", "sp", {{"v", {1}}});
-    AddPort("flag", "ss", {}, PORT_KIND_SHADOW);
-    void *blob = nullptr;
-    uint32_t length = 0;
-    ASSERT_EQ(ZELPYX_StateGet(&blob, &length), STATUS_OK);
-    ASSERT_EQ(ZELFile_Write(statePath_.c_str(), blob, length), STATUS_OK);
-    ZELPYX_DataFree(blob);
-  }
+  SwitchView other{"other", 7, "vswitch", 4096}, flag{"flag", 5, "limited", 16};
+  flag.global = {{"com.zorlan.common.alias", Text("stored")}, {"a.volatile.b", {1}}};
+  flag.ports = {{"sp", {{"v", {1}}}}, {"ss", {{ZEL_PROP_PORT_TYPE, U32(PORT_KIND_SHADOW)}}}};
+  const Bytes blob = Blob({other, flag});
+  ASSERT_EQ(ZELFile_Write(statePath_.c_str(), blob.data(), uint32_t(blob.size())), STATUS_OK);
   const auto result = Persistent(statePath_.c_str());
   ASSERT_EQ(Ids(result), (V{"keep", "flag"}));
   EXPECT_EQ(result[1].className, "limited");
@@ -142,15 +129,28 @@ TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
   EXPECT_TRUE(Persistent(statePath_.c_str(), STATUS_NO_MEMORY).empty());
 }
 
-TEST_F(KernelPersistTest, PersistentPortState) {
-  AddSwitch("sw");
+// One port's data without volatile names, straight from the kernel; the
+// search by external id: p3's vnic id hides its pyxnic id, an empty id matches
+// any search, and a search longer than the field is matched whole and echoed
+// cut to 47 characters.
+TEST_F(KernelPersistTest, PortStateAndTheSearchByExternalId) {
+  constexpr const char *kPyxnic = "com.zorlan.port.extraConfig.pyxnic.external.id";
   const Props kept = {{"com.zorlan.common.port.alias", Text("a")}, {"acme", {1, 2}, 24}};
-  AddPort("sw", "p", {kept[0], {"com.zorlan.common.port.volatile.persist", {1}}, kept[1],
-                      {"x.volatile.", {3}}});
+  const std::string longId(50, 'L');
+  AddSwitch("sw");
+  AddPort("sw", "p0", {kept[0], {"com.zorlan.common.port.volatile.persist", {1}}, kept[1],
+                       {"x.volatile.", {3}}});
+  AddPort("sw", "p1", {{kVnic, Text("abc")}});
+  AddPort("sw", "p2", {{kPyxnic, Text("xyz")}});
+  AddPort("sw", "p3", {{kVnic, Text("v")}, {kPyxnic, Text("q")}});
+  AddPort("sw", "p4", {{kVnic, Text(longId)}});
+  AddPort("sw", "p5", {{kVnic, Text("")}});
+  AddSwitch("none");
+  AddPort("none", "p1", {{kVnic, Text("abc")}});
   void *buffer = nullptr;
   uint32_t length = 0;
   for (uint32_t version : {5u, 7u}) {
-    ASSERT_EQ(ZELPYX_PersistentPortStateGet("sw", "p", version, &buffer, &length), STATUS_OK);
+    ASSERT_EQ(ZELPYX_PersistentPortStateGet("sw", "p0", version, &buffer, &length), STATUS_OK);
     EXPECT_EQ(zelstatetest::AsBytes(buffer, length), Encode(kept, version));
     std::free(buffer);
     buffer = nullptr;
@@ -158,22 +158,7 @@ TEST_F(KernelPersistTest, PersistentPortState) {
   EXPECT_EQ(ZELPYX_PersistentPortStateGet("sw", "nop", 7, &buffer, &length), STATUS_NOT_FOUND);
   EXPECT_EQ(buffer, nullptr);
   EXPECT_EQ(kernel.IoctlCount(ZELPYX_REQ_STATE_GET), 0u);  // no state database involved
-}
 
-TEST_F(KernelPersistTest, PortByExternalId) {
-  constexpr const char *kPyxnic = "com.zorlan.port.extraConfig.pyxnic.external.id";
-  const std::string longId(50, 'L');
-  AddSwitch("sw");
-  AddPort("sw", "p0");
-  AddPort("sw", "p1", {{kVnic, Text("abc")}});
-  AddPort("sw", "p2", {{kPyxnic, Text("xyz")}});
-  AddPort("sw", "p3", {{kVnic, Text("v")}, {kPyxnic, Text("q")}});
-  AddPort("sw", "p4", {{kVnic, Text(longId)}});
-  AddPort("sw", "p5", {{kVnic, Text("")}});  // an empty id matches any search
-  AddSwitch("none");
-  AddPort("none", "p1", {{kVnic, Text("abc")}});
-  // p3's vnic id hides its pyxnic id; a search longer than the field is
-  // matched whole and echoed cut to 47 characters.
   const struct {
     const char *sw;
     std::string search, port, echoed;
