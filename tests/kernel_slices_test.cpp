@@ -86,14 +86,12 @@ TEST_F(KernelSlicesTest, VendorListsAndTheVersion107Strip) {
             (V{"acme.feature", "com.zorlan.vswitch.disabled", "com.zorlan.qor.vdr.dvptracking"}));
   EXPECT_EQ(kernel.IoctlCount(ZELPYX_REQ_GLOBAL_PROP_GET) - queries, 1u);
   EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "sky", 32), V{"acme.other"});
-  // The host list keeps extra-config names.
-  EXPECT_EQ(Slice(ZELPYX_VendorHostPropList, "sky", 16),
-            (V{"com.zorlan.extraconfig.h", "acme.host", "com.zorlan.qor.vdr.dvptracking"}));
 
   SetGlobal("sky", {{"com.zorlan.common.version", U32(107)}});
   EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "sky", 16),
             (V{"acme.feature", "com.zorlan.vswitch.disabled"}));
   EXPECT_EQ(Slice(ZELPYX_VendorHostPropList, "sky", 24), V{"acme.host24"});
+  // The host list keeps extra-config names.
   EXPECT_EQ(Slice(ZELPYX_VendorHostPropList, "sky", 16),
             (V{"com.zorlan.extraconfig.h", "acme.host"}));
   SetGlobal("sky", {{"com.zorlan.common.version", U32(7)}});
@@ -108,7 +106,6 @@ TEST_F(KernelSlicesTest, ExtraConfigQorAndPortListsAfterFailures) {
   PropertyList *list = sentinel;
   ZELPYXPortList *ports = reinterpret_cast<ZELPYXPortList *>(&kernel);
   EXPECT_EQ(ZELPYX_VendorGlobalPropList("nosw", &list, 16), STATUS_NOT_FOUND);
-  EXPECT_EQ(ZELPYX_QorPropList("nosw", 16, 1, &list), STATUS_NOT_FOUND);
   EXPECT_EQ(ZELPYX_ExtraConfigPropList(nullptr, &list, 16), STATUS_NOT_FOUND);
   EXPECT_EQ(ZELPYX_SwitchPortList("nosw", &ports, 1), STATUS_NOT_FOUND);
   EXPECT_EQ(ports, reinterpret_cast<ZELPYXPortList *>(&kernel));
