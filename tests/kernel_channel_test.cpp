@@ -105,13 +105,9 @@ TEST_F(KernelChannelTest, EveryWrapperSendsItsExactRecord) {
   const std::string sw = sw70.substr(0, 63), port = port50.substr(0, 47);
   const std::string name = name130.substr(0, 127);
   using Fill = std::function<void(Bytes &)>;
-  auto u32 = [](size_t off, uint32_t v) { return [=](Bytes &b) { Put(b, off, v); }; };
-  auto data = [&](uint32_t type) {  // a value of `type`: its type, length and address
-    return [=, &value](Bytes &b) {
-      Put(b, 248, type);
-      Put(b, 260, sizeof value);
-      Put(b, 264, Addr(value), 8);
-    };
+  auto u32 = [](size_t off, uint32_t v) -> Fill { return [=](Bytes &b) { Put(b, off, v); }; };
+  auto data = [&](uint32_t type) -> Fill {  // a value of `type`: its type, length and address
+    return [&, type](Bytes &b) { Put(b, 248, type), Put(b, 260, 5), Put(b, 264, Addr(value), 8); };
   };
   void *out = nullptr;
   uint32_t len = 0;
@@ -127,7 +123,7 @@ TEST_F(KernelChannelTest, EveryWrapperSendsItsExactRecord) {
       {2, [] { return ZELPYX_StateSanitize(); }, "", "", ""},
       {3, [&] { return ZELPYX_StateGet(&out, &len); }, "", "", "", {}, 260},
       {4, [&] { return ZELPYX_SwitchAdd(sw70.c_str(), name130.c_str(), 512, 7); }, sw, "", name,
-       [&](Bytes &b) { u32(240, 512)(b), u32(244, 7)(b); }},
+       [](Bytes &b) { Put(b, 240, 512), Put(b, 244, 7); }},
       {5, [] { return ZELPYX_SwitchRemove("sw"); }, "sw", "", ""},
       {6, [] { return ZELPYX_SwitchAssociate("sw"); }, "sw", "", ""},
       {7, [] { return ZELPYX_SwitchDissociate("sw"); }, "sw", "", ""},
@@ -161,7 +157,7 @@ TEST_F(KernelChannelTest, EveryWrapperSendsItsExactRecord) {
        sw, "", "",
        [&](Bytes &b) {
          std::memcpy(&b[272], name.data(), name.size());
-         u32(400, 7)(b);
+         Put(b, 400, 7);
          Put(b, 404, Addr(input.data()), 8);
        },
        412},

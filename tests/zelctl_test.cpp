@@ -174,7 +174,7 @@ TEST_F(ZelctlTest, DiffFindsEachChange) {
   }
 }
 
-TEST_F(ZelctlTest, MigrateBothWaysAndFailureLeavesTarget) {
+TEST_F(ZelctlTest, MigrateBothWaysFailuresLeaveTargetsAndStoreCheck) {
   const std::string state = StateFile("state");
   ASSERT_EQ(Run("migrate " + state + " store:s.db").rc, 0);
   EXPECT_EQ(Run("diff " + state + " store:s.db").out, "equal\n");
@@ -199,10 +199,8 @@ TEST_F(ZelctlTest, MigrateBothWaysAndFailureLeavesTarget) {
   EXPECT_EQ(res.rc, 2);
   EXPECT_NE(res.err.find("zelctl: file:back: not written"), std::string::npos) << res.err;
   EXPECT_EQ(ReadText(Path("back")), target);
-}
 
-TEST_F(ZelctlTest, StoreCheckNamesObjectsALoadFailsOn) {
-  ASSERT_EQ(Run("migrate " + StateFile("state") + " store:s.db").rc, 0);
+  // Objects a load fails on, each named with its problem.
   EXPECT_EQ(Run("store check --db s.db").out, "ok: 2 switch objects\n");
   const std::string put = "store --db s.db put switches network_zel orn ";
   auto noVersion =
@@ -213,7 +211,7 @@ TEST_F(ZelctlTest, StoreCheckNamesObjectsALoadFailsOn) {
   // Corrupt content can only come from outside the client: written by hand.
   const std::string sql = R"(UPDATE objects SET content='{\"uuid\":' WHERE instance='sw-blue')";
   ASSERT_EQ(std::system(("sqlite3 '" + Path("s.db") + "' \"" + sql + "\"").c_str()), 0);
-  const Result res = Run("store check --db s.db");
+  res = Run("store check --db s.db");
   EXPECT_EQ(res.rc, 1);
   for (const char *line : {"sw-blue: unparsable content", "sw-gray: product: no product",
                            "sw-green: product/version: no version"}) {
