@@ -2,24 +2,20 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <iterator>
-#include <tuple>
 
 #include "hardening_support.h"
 
 namespace {
 
-namespace fs = std::filesystem;
-
 // Configures this binary's source tree (nothing is compiled) and reads the
 // compile commands: a release library never aborts its host over the lock order.
 TEST(HardeningBuild, OnlyDebugAndTestBuildsCheckTheLockOrder) {
-  std::ifstream cache(fs::read_symlink("/proc/self/exe").parent_path().parent_path() /
-                      "CMakeCache.txt");
+  const auto cache = std::filesystem::read_symlink("/proc/self/exe").parent_path().parent_path() /
+                     "CMakeCache.txt";
+  std::ifstream in(cache);
   const std::string key = "CMAKE_HOME_DIRECTORY:INTERNAL=";
   std::string source;
-  for (std::string line; source.empty() && std::getline(cache, line);) {
+  for (std::string line; source.empty() && std::getline(in, line);) {
     if (line.rfind(key, 0) == 0) source = line.substr(key.size());
   }
   if (source.empty() || std::system("cmake --version >/dev/null 2>&1") != 0) GTEST_SKIP();
@@ -29,15 +25,15 @@ TEST(HardeningBuild, OnlyDebugAndTestBuildsCheckTheLockOrder) {
         Build{"Release", "ON", true}}) {
     SCOPED_TRACE(std::string(buildType) + " ZEL_TESTS=" + tests);
     hardening::TempDir tree;
-    EXPECT_EQ(std::system(("cmake -S '" + source + "' -B " + tree.path() +
-                           " -G Ninja -DCMAKE_BUILD_TYPE=" + buildType + " -DZEL_TESTS=" + tests +
+    EXPECT_EQ(std::system(("cmake -S '" + source + "' -B " + tree.path() + " -G Ninja " +
+                           "-DCMAKE_BUILD_TYPE=" + buildType + " -DZEL_TESTS=" + tests +
                            " >/dev/null 2>&1")
                               .c_str()),
               0);
-    std::ifstream in(tree.path() + "/compile_commands.json");
-    const std::string commands(std::istreambuf_iterator<char>(in), {});
-    EXPECT_NE(commands.find("host/lock.cpp"), std::string::npos);
-    EXPECT_EQ(commands.find("ZEL_LOCK_RANK_CHECK") != std::string::npos, checks);
+    const auto commands = hardening::Slurp(tree.path() + "/compile_commands.json");
+    const std::string text(commands.begin(), commands.end());
+    EXPECT_NE(text.find("host/lock.cpp"), std::string::npos);
+    EXPECT_EQ(text.find("ZEL_LOCK_RANK_CHECK") != std::string::npos, checks);
   }
 }
 

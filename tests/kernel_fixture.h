@@ -2,31 +2,23 @@
 // switches, ports and properties inside it.
 #pragma once
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
 #include <functional>
 
 #include "kernel/channel.h"
 #include "sim/emulated_kernel.h"
 #include "sim/state_view.h"
-#include "state/state_testing.h"
 #include "state_fixture.h"
-#include "test_support.h"
-#include "zel/data.h"
-#include "zel/kernel.h"
-#include "zel/state.h"
 
 namespace zelkerneltest {
 
 using zelstatetest::Bytes;
+using zelstatetest::DatabaseEmpty;
 using zelstatetest::Text;
 using zelstatetest::U32;
 using Prop = zel::sim::PropView;
 using Props = zel::sim::PropsView;
 using zel::sim::SwitchView;
 using V = std::vector<std::string>;
-using zelstatetest::DatabaseEmpty;
 
 inline Props Entries(PropertyList *list) { return zel::sim::ViewList(list); }
 
@@ -36,13 +28,19 @@ inline V Names(const Props &props) {
   return names;
 }
 
+template <typename T>
+V Ids(const std::vector<T> &items) {
+  V ids;
+  for (const T &item : items) ids.push_back(item.id);
+  return ids;
+}
+
 inline PropertyList *MakeList(const Props &props) {
   PropertyList *list = nullptr;
   EXPECT_EQ(ZELData_Alloc(&list, [](uint64_t n) { return std::malloc(n); }, std::free), STATUS_OK);
   for (const Prop &p : props) {
-    EXPECT_EQ(ZELData_Append(list, p.name.c_str(), p.value.data(),
-                             static_cast<uint32_t>(p.value.size()), p.type),
-              STATUS_OK);
+    const auto size = static_cast<uint32_t>(p.value.size());
+    EXPECT_EQ(ZELData_Append(list, p.name.c_str(), p.value.data(), size, p.type), STATUS_OK);
   }
   return list;
 }
@@ -54,18 +52,25 @@ inline Bytes Encode(const Props &props, uint32_t version = 7) {
   return out;
 }
 
+// A state blob as the library nests it (class name in its 128-byte field).
+inline Bytes Blob(const std::vector<SwitchView> &switches) {
+  Props outer;
+  for (const SwitchView &sw : switches) {
+    Bytes cls = Text(sw.className);
+    cls.resize(128);
+    Props fields = {{"switchVersion", U32(sw.version)}, {"className", cls},
+                    {"maxPorts", U32(sw.maxPorts)},     {"globalPropList", Encode(sw.global, 5)},
+                    {"hostPropList", Encode(sw.host, 5)}};
+    for (const auto &p : sw.ports) fields.push_back({p.id, Encode(p.props, 5)});
+    outer.push_back({sw.id, Encode(fields, 5)});
+  }
+  return Encode(outer, 5);
+}
+
 inline std::vector<SwitchView> View(const void *blob, uint32_t length) {
   std::vector<SwitchView> out;
   EXPECT_EQ(zel::sim::ViewState(blob, length, &out), STATUS_OK);
   return out;
-}
-
-// The ids of switches or ports.
-template <typename T>
-V Ids(const std::vector<T> &items) {
-  V ids;
-  for (const T &item : items) ids.push_back(item.id);
-  return ids;
 }
 
 // A host limit of 4096 ports on both sides.
@@ -96,10 +101,8 @@ class KernelTest : public ::testing::Test {
     Props all = props;
     if (kind != PORT_KIND_NORMAL) all.insert(all.begin(), {ZEL_PROP_PORT_TYPE, U32(kind), 16});
     const Bytes data = all.empty() ? Bytes{} : Encode(all);
-    ASSERT_EQ(ZELPYX_PortAdd(sw, port, data.empty() ? nullptr : data.data(),
-                             static_cast<uint32_t>(data.size())),
-              STATUS_OK)
-        << port;
+    const auto size = static_cast<uint32_t>(data.size());
+    ASSERT_EQ(ZELPYX_PortAdd(sw, port, size ? data.data() : nullptr, size), STATUS_OK) << port;
   }
 
   zel::sim::EmulatedKernel kernel{4096};

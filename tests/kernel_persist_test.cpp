@@ -1,9 +1,5 @@
-// Persistent retrieval end to end against the emulated module: which
-// switches come from the kernel and which from the stored state, which
-// properties and ports are left out; one port's persistable data; the search
-// by external id; the save into the configuration store; and all of it run
-// from several threads at once.
-#include <algorithm>
+// Persistent retrieval, port state, the search by external id and the save
+// into the configuration store against the emulated module.
 #include <atomic>
 #include <latch>
 #include <thread>
@@ -21,8 +17,8 @@ namespace {
 
 using namespace zelkerneltest;
 using Kind = zel::sim::EmulatedKernel::FaultKind;
+constexpr const char *kVnic = "com.zorlan.port.extraConfig.vnic.external.id";
 
-// The retrieval's blob, decoded.
 std::vector<SwitchView> Persistent(const char *statePath, ReturnStatus expect = STATUS_OK) {
   void *blob = nullptr;
   uint32_t length = 0;
@@ -52,9 +48,8 @@ class KernelPersistTest : public KernelTest {
   const std::string statePath_ = tmp_.path() + "/zel.state";
 };
 
-// Names with ".volatile." go at every level; only normal ports without the
-// persist marker stay, and of an opaque portset's only those with ids that
-// are not numbers from 1000 on.
+// ".volatile." names go at every level; only normal ports without the persist
+// marker stay, and of an opaque portset's only ids that are not numbers >= 1000.
 TEST_F(KernelPersistTest, VolatileNamesPortKindsAndOpaquePortsets) {
   AddSwitch("a");
   SetGlobal("a", {{"com.zorlan.common.alias", Text("blue")},
@@ -74,7 +69,7 @@ TEST_F(KernelPersistTest, VolatileNamesPortKindsAndOpaquePortsets) {
   }
   AddPort("o", "5000", {}, PORT_KIND_SHADOW);  // no normal port of that id to remove
 
-  // Nothing flagged: the state path is never read (the file does not exist).
+  // Nothing flagged: the state path (no such file) is never read.
   const auto result = Persistent(statePath_.c_str());
   ASSERT_EQ(Ids(result), (V{"a", "o", "t", "f"}));
   EXPECT_EQ(result[0].global, (Props{{"com.zorlan.common.alias", Text("blue")}}));
@@ -93,7 +88,6 @@ TEST_F(KernelPersistTest, VolatileNamesPortKindsAndOpaquePortsets) {
   uint32_t capacity = sizeof small;
   EXPECT_EQ(ZELPYX_PersistentStateGet(&buffer, &capacity), STATUS_LIMIT_EXCEEDED);
   EXPECT_TRUE(DatabaseEmpty());
-  EXPECT_EQ(ZELPYX_PersistentStateGet(nullptr, &capacity), STATUS_BAD_PARAM);
 }
 
 TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
@@ -113,25 +107,14 @@ TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
 
   // The stored state: its version of "flag" (reduced in turn) replaces the
   // kernel's; its other switches stay out.
-  zel::sim::EmulatedKernel stored;
-  {
-    zel::kernel::ScopedTransport useStored(&stored);
-    AddSwitch("other");
-    AddSwitch("flag", "limited", 5, 16);
-    SetGlobal("flag", {{"com.zorlan.common.alias", Text("stored")}, {"a.volatile.b", {1}}});
-    AddPort("flag", "sp", {{"v", {1}}});
-    AddPort("flag", "ss", {}, PORT_KIND_SHADOW);
-    void *blob = nullptr;
-    uint32_t length = 0;
-    ASSERT_EQ(ZELPYX_StateGet(&blob, &length), STATUS_OK);
-    ASSERT_EQ(ZELFile_Write(statePath_.c_str(), blob, length), STATUS_OK);
-    ZELPYX_DataFree(blob);
-  }
+  SwitchView other{"other", 7, "vswitch", 4096}, flag{"flag", 5, "limited", 16};
+  flag.global = {{"com.zorlan.common.alias", Text("stored")}, {"a.volatile.b", {1}}};
+  flag.ports = {{"sp", {{"v", {1}}}}, {"ss", {{ZEL_PROP_PORT_TYPE, U32(PORT_KIND_SHADOW)}}}};
+  const Bytes blob = Blob({other, flag});
+  ASSERT_EQ(ZELFile_Write(statePath_.c_str(), blob.data(), uint32_t(blob.size())), STATUS_OK);
   const auto result = Persistent(statePath_.c_str());
   ASSERT_EQ(Ids(result), (V{"keep", "flag"}));
   EXPECT_EQ(result[1].className, "limited");
-  EXPECT_EQ(result[1].version, 5u);
-  EXPECT_EQ(result[1].maxPorts, 16u);
   EXPECT_EQ(result[1].global, (Props{{"com.zorlan.common.alias", Text("stored")}}));
   EXPECT_EQ(Ids(result[1].ports), V{"sp"});
 
@@ -146,40 +129,36 @@ TEST_F(KernelPersistTest, FlaggedSwitchesWithAndWithoutAStatePath) {
   EXPECT_TRUE(Persistent(statePath_.c_str(), STATUS_NO_MEMORY).empty());
 }
 
-TEST_F(KernelPersistTest, PersistentPortState) {
-  AddSwitch("sw");
+// One port's data without volatile names, straight from the kernel; the
+// search by external id: p3's vnic id hides its pyxnic id, an empty id matches
+// any search, and a search longer than the field is matched whole and echoed
+// cut to 47 characters.
+TEST_F(KernelPersistTest, PortStateAndTheSearchByExternalId) {
+  constexpr const char *kPyxnic = "com.zorlan.port.extraConfig.pyxnic.external.id";
   const Props kept = {{"com.zorlan.common.port.alias", Text("a")}, {"acme", {1, 2}, 24}};
-  AddPort("sw", "p", {kept[0], {"com.zorlan.common.port.volatile.persist", {1}}, kept[1],
-                      {"x.volatile.", {3}}});
+  const std::string longId(50, 'L');
+  AddSwitch("sw");
+  AddPort("sw", "p0", {kept[0], {"com.zorlan.common.port.volatile.persist", {1}}, kept[1],
+                       {"x.volatile.", {3}}});
+  AddPort("sw", "p1", {{kVnic, Text("abc")}});
+  AddPort("sw", "p2", {{kPyxnic, Text("xyz")}});
+  AddPort("sw", "p3", {{kVnic, Text("v")}, {kPyxnic, Text("q")}});
+  AddPort("sw", "p4", {{kVnic, Text(longId)}});
+  AddPort("sw", "p5", {{kVnic, Text("")}});
+  AddSwitch("none");
+  AddPort("none", "p1", {{kVnic, Text("abc")}});
   void *buffer = nullptr;
   uint32_t length = 0;
   for (uint32_t version : {5u, 7u}) {
-    ASSERT_EQ(ZELPYX_PersistentPortStateGet("sw", "p", version, &buffer, &length), STATUS_OK);
-    EXPECT_EQ(Bytes(static_cast<uint8_t *>(buffer), static_cast<uint8_t *>(buffer) + length),
-              Encode(kept, version));
+    ASSERT_EQ(ZELPYX_PersistentPortStateGet("sw", "p0", version, &buffer, &length), STATUS_OK);
+    EXPECT_EQ(zelstatetest::AsBytes(buffer, length), Encode(kept, version));
     std::free(buffer);
     buffer = nullptr;
   }
   EXPECT_EQ(ZELPYX_PersistentPortStateGet("sw", "nop", 7, &buffer, &length), STATUS_NOT_FOUND);
   EXPECT_EQ(buffer, nullptr);
   EXPECT_EQ(kernel.IoctlCount(ZELPYX_REQ_STATE_GET), 0u);  // no state database involved
-}
 
-TEST_F(KernelPersistTest, PortByExternalId) {
-  constexpr const char *kVnic = "com.zorlan.port.extraConfig.vnic.external.id";
-  constexpr const char *kPyxnic = "com.zorlan.port.extraConfig.pyxnic.external.id";
-  const std::string longId(50, 'L');
-  AddSwitch("sw");
-  AddPort("sw", "p0");
-  AddPort("sw", "p1", {{kVnic, Text("abc")}});
-  AddPort("sw", "p2", {{kPyxnic, Text("xyz")}});
-  AddPort("sw", "p3", {{kVnic, Text("v")}, {kPyxnic, Text("q")}});
-  AddPort("sw", "p4", {{kVnic, Text(longId)}});
-  AddPort("sw", "p5", {{kVnic, Text("")}});  // an empty id matches any search
-  AddSwitch("none");
-  AddPort("none", "p1", {{kVnic, Text("abc")}});
-  // p3's vnic id hides its pyxnic id; a search longer than the field is
-  // matched whole and echoed cut to 47 characters.
   const struct {
     const char *sw;
     std::string search, port, echoed;
@@ -201,7 +180,48 @@ TEST_F(KernelPersistTest, PortByExternalId) {
   EXPECT_EQ(ZELPYX_PortGetByExternalId("sw", nullptr, &untouched), STATUS_BAD_PARAM);
 }
 
-TEST_F(KernelPersistTest, FetchFailureLeavesTheStoreAlone) {
+// The reduced state saved into a store file and read back through the state
+// file's reader with the store features on; a state that cannot be fetched
+// saves nothing.
+TEST_F(KernelPersistTest, SaveToConfigStoreAndReadBack) {
+  const Props global = {{"com.zorlan.common.alias", Text("blue")},
+                        {"com.zorlan.common.version", U32(7)},
+                        {"com.zorlan.common.respools.sched", {1}},
+                        {"acme.blob", {1, 2, 3}, 24}};
+  const Props port = {{"com.zorlan.common.port.alias", Text("uplink")}};
+  AddSwitch("sw-1");
+  SetGlobal("sw-1", {global[3], {"com.zorlan.common.x.volatile.y", {1}}, global[0], global[1],
+                     global[2]});
+  AddPort("sw-1", "10", port);
+  AddPort("sw-1", "11", {{ZEL_PROP_PORT_PERSIST, {1}}});
+  AddSwitch("es-2", "etherswitch", 6);
+  SetGlobal("es-2", {{ZEL_PROP_NOPERSIST, {1}}});
+  auto stored = [&] {
+    void *blob = nullptr;
+    int32_t length = 0;
+    uint32_t offset = 0;
+    EXPECT_EQ(ZELFile_Read(statePath_.c_str(), &blob, &length, &offset), STATUS_OK);
+    const auto out = View(blob, static_cast<uint32_t>(length));
+    std::free(static_cast<uint8_t *>(blob) - offset);
+    return out;
+  };
+  {
+    zeltest::ScopedLevel quiet(zelconfigstore_debug, -1);
+    zeltest::LogCapture log;
+    ASSERT_EQ(ZELState_SaveToConfigStore(), 0u);
+    EXPECT_TRUE(DatabaseEmpty());
+    zel::host::SetConfigStoreFeatures(true, true);
+    const auto loaded = stored();
+    ASSERT_EQ(Ids(loaded), V{"sw-1"});  // the flagged switch was never saved
+    EXPECT_EQ(loaded[0].global, global);
+    ASSERT_EQ(Ids(loaded[0].ports), V{"10"});
+    EXPECT_EQ(loaded[0].ports[0].props, port);
+    // Saving one switch that the kernel no longer has deletes its object.
+    ASSERT_EQ(ZELPYX_SwitchRemove("sw-1"), STATUS_OK);
+    ASSERT_EQ(ZELState_SaveToConfigStore_ByInstance("sw-1"), 0u);
+    EXPECT_TRUE(stored().empty());
+  }
+  zel::cfgstore::testing::ClearFailures();
   kernel.InjectFault({Kind::kFailWithStatus, ZELPYX_REQ_STATE_GET, STATUS_NO_MEMORY, ENOMEM});
   uint32_t status = 0;
   EXPECT_EQ(zeltest::CaptureStdout([&] { status = ZELState_SaveToConfigStore(); }),
@@ -218,68 +238,10 @@ TEST_F(KernelPersistTest, FetchFailureLeavesTheStoreAlone) {
   EXPECT_EQ(zel::cfgstore::testing::Calls(zel::cfgstore::testing::Op::kAny), 0u);
 }
 
-// From the emulated module into a store file, and back through the state
-// file's reader with the configuration-store features on.
-TEST_F(KernelPersistTest, SavedStateLoadsBackThroughTheStateFileReader) {
-  // Mapped properties come back with type 16; vendor text and opaque bytes
-  // with their types; volatile names and types the store does not keep not at all.
-  const Props global = {{"acme.blob", {1, 2, 3}, 24},
-                        {"acme.rate", Text("x"), 32},
-                        {"acme.vendor", Text("v1")},
-                        {"com.zorlan.common.alias", Text("blue")},
-                        {"com.zorlan.common.respools.sched", {1}},
-                        {"com.zorlan.common.resv.threshold", U32(75), 24},
-                        {"com.zorlan.common.version", U32(7)},
-                        {"com.zorlan.common.x.volatile.y", {1}}};
-  const Props port = {{"com.zorlan.common.port.alias", Text("uplink")},
-                      {"com.zorlan.common.port.connectid", U32(77)}};
-  AddSwitch("sw-1", "vswitch", 7);
-  SetGlobal("sw-1", global);
-  SetHost("sw-1", {{"com.zorlan.common.host.portset", Text("ps0")}});
-  AddPort("sw-1", "10", port);
-  AddPort("sw-1", "11", {{ZEL_PROP_PORT_PERSIST, {1}}});
-  AddSwitch("es-2", "etherswitch", 6);
-  SetGlobal("es-2", {{"com.zorlan.common.alias", Text("green")}, {ZEL_PROP_NOPERSIST, {1}}});
-
-  zeltest::ScopedLevel quiet(zelconfigstore_debug, -1);
-  zeltest::LogCapture log;
-  ASSERT_EQ(ZELState_SaveToConfigStore(), 0u);
-  EXPECT_TRUE(DatabaseEmpty());
-
-  zel::host::SetConfigStoreFeatures(true, true);
-  void *blob = nullptr;
-  int32_t length = 0;
-  uint32_t offset = 0;
-  ASSERT_EQ(ZELFile_Read(statePath_.c_str(), &blob, &length, &offset), STATUS_OK);
-  const auto loaded = View(blob, static_cast<uint32_t>(length));
-  std::free(static_cast<uint8_t *>(blob) - offset);
-
-  ASSERT_EQ(Ids(loaded), V{"sw-1"});  // the flagged switch was never saved
-  const SwitchView &sw = loaded[0];
-  EXPECT_EQ(sw.className, "vswitch");
-  EXPECT_EQ(sw.version, 7u);
-  EXPECT_EQ(sw.maxPorts, 4096u);
-  Props saved = sw.global;
-  std::sort(saved.begin(), saved.end(), [](auto &x, auto &y) { return x.name < y.name; });
-  EXPECT_EQ(saved, (Props{global[0], global[2], global[3], global[4],
-                          {global[5].name, global[5].value}, global[6]}));
-  EXPECT_EQ(sw.host, (Props{{"com.zorlan.common.host.portset", Text("ps0")}}));
-  ASSERT_EQ(Ids(sw.ports), V{"10"});
-  EXPECT_EQ(sw.ports[0].props, port);
-
-  // Saving one switch that the kernel no longer has deletes its object.
-  ASSERT_EQ(ZELPYX_SwitchRemove("sw-1"), STATUS_OK);
-  ASSERT_EQ(ZELState_SaveToConfigStore_ByInstance("sw-1"), 0u);
-  ASSERT_EQ(ZELFile_Read(statePath_.c_str(), &blob, &length, &offset), STATUS_OK);
-  EXPECT_TRUE(View(blob, static_cast<uint32_t>(length)).empty());
-  std::free(blob);
-}
-
-// Retrievals and slices from several threads share the one state database
-// as scratch space: each must see only its own load, nobody else may ever
-// see it (a thread holding both locks in the right order finds the table
-// empty), and the lock order is checked on every acquisition.  Meanwhile
-// every thread adds ports, and the module counts them all.
+// Retrievals and slices from several threads share the state database as
+// scratch space: each sees only its own load and nobody else ever sees it (a
+// thread holding both locks finds the table empty).  Meanwhile every thread
+// adds ports, and the module counts them all.
 class KernelConcurrency : public KernelTest {};
 
 TEST_F(KernelConcurrency, RetrievalsAndSlicesRunTogether) {
@@ -287,11 +249,8 @@ TEST_F(KernelConcurrency, RetrievalsAndSlicesRunTogether) {
     const std::string sw = "sw" + std::to_string(s);
     AddSwitch(sw.c_str());
     SetGlobal(sw.c_str(), {{"acme.g", Text("x")}});
-    for (int p = 0; p < 8; ++p) {
-      const std::string port = std::to_string(p);
-      AddPort(sw.c_str(), port.c_str(), {{"com.zorlan.port.extraConfig.vnic.external.id",
-                                          Text("ext-" + sw + "-" + port)}});
-    }
+    for (const std::string port : {"0", "1", "2", "3", "4", "5", "6", "7"})
+      AddPort(sw.c_str(), port.c_str(), {{kVnic, Text("ext-" + sw + "-" + port)}});
   }
   constexpr int kThreads = 6, kRounds = 25;
   std::latch start(kThreads + 1);
@@ -303,7 +262,6 @@ TEST_F(KernelConcurrency, RetrievalsAndSlicesRunTogether) {
       start.arrive_and_wait();
       EXPECT_EQ(ZELPYX_SwitchAdd(own.c_str(), "vswitch", 0, 7), STATUS_OK);
       for (int r = 0; r < kRounds; ++r) {
-        // Each thread also grows a switch of its own as the others read.
         const std::string id = std::to_string(r);
         EXPECT_EQ(ZELPYX_PortAdd(own.c_str(), id.c_str(), nullptr, 0), STATUS_OK);
         EXPECT_EQ(ZELPYX_PortDataSet(own.c_str(), id.c_str(), "n", &r, sizeof r, 16), STATUS_OK);

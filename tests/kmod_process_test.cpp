@@ -2,22 +2,15 @@
 // clients that die, a daemon that dies, and frames that make no sense.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <future>
 #include <random>
 #include <thread>
 
 #include "hardening_support.h"
-#include "kernel/channel.h"
 #include "sim/emulated_kernel.h"
 #include "sim/kmod/session.h"
 #include "sim/kmod/socket_transport.h"
@@ -103,15 +96,12 @@ class Daemon {
     if (sig == SIGKILL) pid_ = -1;
   }
   // Descriptors and threads of the daemon, to see that nothing leaks.
-  std::pair<size_t, int> Resources() const {
-    const std::string proc = "/proc/" + std::to_string(pid_);
-    const auto fds = std::distance(fs::directory_iterator(proc + "/fd"), fs::directory_iterator());
-    std::ifstream status(proc + "/status");
-    int threads = -1;
-    for (std::string line; std::getline(status, line);) {
-      if (line.rfind("Threads:", 0) == 0) threads = std::stoi(line.substr(8));
-    }
-    return {static_cast<size_t>(fds), threads};
+  std::pair<long, long> Resources() const {
+    auto count = [&](const char *what) {
+      const fs::path dir = "/proc/" + std::to_string(pid_) + what;
+      return std::distance(fs::directory_iterator(dir), fs::directory_iterator());
+    };
+    return {count("/fd"), count("/task")};
   }
   // An agent through the device shim, its output in a pipe.
   FILE *Agent(const std::string &args) const {
@@ -119,7 +109,6 @@ class Daemon {
     return ::popen(("ZEL_KMOD_SOCKET=" + socket_ + shim + ZEL_AGENT " " + args + " 2>&1").c_str(),
                    "r");
   }
-  // An agent's exit code and output.
   std::pair<int, std::string> RunAgent(const std::string &args) const {
     FILE *f = Agent(args);
     std::string text;
@@ -287,7 +276,6 @@ TEST(KmodProcess, BuffersAsInProcessAndADaemonKilledMidRequest) {
 // Every answer to a damaged stream is a well-formed reply; the module descriptor is closed.
 TEST(KmodFrames, DamagedStreamsNeverCrashTheReader) {
   ZELPYXCommand add = Record(), set = Record(4), get = Record(64), exec = Record(0, 5, 16);
-  add.maxPorts = 0;
   add.version = 7;
   std::snprintf(add.name, sizeof add.name, "vswitch");
   Bytes stream = OpenFrame();
