@@ -1,7 +1,9 @@
-// The state blob: exact bytes against an independent encoder of the
-// serialized form, round trips, refusals, and allocation failures.
+// The state blob: exact bytes of both writers against an independent encoder
+// of the serialized form, round trips through both readers, refusals, and
+// allocation failures.
 #include <string>
 
+#include "data/property_list_internal.h"
 #include "state_fixture.h"
 
 using namespace zelstatetest;
@@ -32,12 +34,33 @@ ReturnStatus Load(const Bytes &blob) {
   return ZELState_ConfigDeserialize(blob.data(), static_cast<uint32_t>(blob.size()));
 }
 
+// The status, blob and messages of the writer in place, or of the
+// level-by-level one (which a test allocator selects).
+struct Written {
+  ReturnStatus status;
+  Bytes blob;
+  std::string out;
+  bool operator==(const Written &) const = default;
+};
+Written Write(bool inPlace) {
+  st::SetAllocator(inPlace ? nullptr : fa::Alloc, inPlace ? nullptr : fa::Free);
+  zeltest::ScopedLevel data(zeldata_debug, 0), state(zel_debug, 2);
+  Written w{};
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  w.out = zeltest::CaptureStdout([&] { w.status = ZELState_ConfigSerialize(&buffer, &length); });
+  w.blob = AsBytes(buffer, length);
+  inPlace ? std::free(buffer) : fa::Free(buffer);
+  st::SetAllocator(nullptr, nullptr);
+  return w;
+}
+
 using StateBlobTest = StateTest;
 
-TEST_F(StateBlobTest, ExactBytesWithPropertiesAndPortsOfEveryKind) {
+TEST_F(StateBlobTest, BothWritersGiveTheExactBytesWithPortsOfEveryKind) {
   EXPECT_EQ(StateBlob(), Encode({}));
   ASSERT_EQ(ZELState_SwitchAdd("a", "mine", 10, 107), STATUS_OK);
-  ASSERT_EQ(ZELState_SwitchAdd("b", "vswitch", 0, 5), STATUS_OK);
+  ASSERT_EQ(ZELState_SwitchAdd("b", "vswitch", 0, 3), STATUS_OK);  // version notices
   ASSERT_EQ(ZELState_GlobalPropSet("a", ZEL_PROP_SWITCH_ALIAS, "sky", 4, 0), STATUS_OK);
   ASSERT_EQ(ZELState_HostPropSet("a", "h", "\x01\x02", 2, 24), STATUS_OK);
   ASSERT_EQ(AddPort("a", "1", PORT_KIND_NORMAL, {{"p", Text("x")}}), STATUS_OK);
@@ -45,18 +68,29 @@ TEST_F(StateBlobTest, ExactBytesWithPropertiesAndPortsOfEveryKind) {
   ASSERT_EQ(AddPort("a", "1", PORT_KIND_SHADOW), STATUS_OK);
   ASSERT_EQ(AddPort("a", "z", PORT_KIND_ZOMBIE), STATUS_OK);
   ASSERT_EQ(AddPort("a", "z", PORT_KIND_ZOMBIE), STATUS_OK);
-  ASSERT_EQ(AddPort("b", "c", PORT_KIND_LOCAL_CACHE), STATUS_OK);
+  ASSERT_EQ(AddPort("b", "c", PORT_KIND_LOCAL_CACHE, {{"v", Bytes(301, 7)}}), STATUS_OK);
   ZEL_PortSetKind(ZELState_PortFind("a", "gone"), PORT_KIND_NONE);
-  EXPECT_EQ(StateBlob(),
-            Encode({
-                {"a", SwitchBlob(107, "mine", 10, {{ZEL_PROP_SWITCH_ALIAS, Text("sky"), 32}},
-                                 {{"h", Bytes{1, 2}, 24}},
-                                 {{"1", Encode({{"p", Text("x")}})},
-                                  {"1", Encode({})},
-                                  {"z", Encode({})},
-                                  {"z", Encode({})}})},
-                {"b", SwitchBlob(5, "vswitch", 4096, {}, {}, {{"c", Encode({})}})},
-            }));
+  const Written direct = Write(true);
+  EXPECT_EQ(
+      direct.blob,
+      Encode({
+          {"a", SwitchBlob(107, "mine", 10, {{ZEL_PROP_SWITCH_ALIAS, Text("sky"), 32}},
+                           {{"h", Bytes{1, 2}, 24}},
+                           {{"1", Encode({{"p", Text("x")}})},
+                            {"1", Encode({})},
+                            {"z", Encode({})},
+                            {"z", Encode({})}})},
+          {"b", SwitchBlob(3, "vswitch", 4096, {}, {}, {{"c", Encode({{"v", Bytes(301, 7)}})}})},
+      }));
+  EXPECT_EQ(Write(false), direct);
+  EXPECT_NE(direct.out.find("ZEL version 3 is smaller than 6.0.\n"), std::string::npos);
+  // A port list whose serialSize disagrees with its entries fails both ways alike.
+  ZEL_PortData(ZELState_PortFind("a", "1"))->serialSize += 4;
+  const Written bad = Write(true);
+  EXPECT_EQ(bad.status, STATUS_EXISTS);
+  EXPECT_EQ(Write(false), bad);
+  EXPECT_NE(bad.out.find("length changed"), std::string::npos);
+  ZEL_PortData(ZELState_PortFind("a", "1"))->serialSize -= 4;
 }
 
 TEST_F(StateBlobTest, RoundTripKeepsOrderAndClosesSlotGaps) {
@@ -72,15 +106,22 @@ TEST_F(StateBlobTest, RoundTripKeepsOrderAndClosesSlotGaps) {
   }
   for (const char *p : {"1", "2", "4", "5", "6"}) ASSERT_EQ(ZELState_PortRemove("a", p), STATUS_OK);
   const Bytes blob = StateBlob();
-  ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
-  ASSERT_EQ(Load(blob), STATUS_OK);
-  EXPECT_EQ(Slots()[1], "b");
-  EXPECT_EQ(ZEL_GetNewMaxPorts(ZELState_SwitchFind("a")), 12u);
-  int slot = 0;
-  for (const char *p : {"0", "3", "7"}) EXPECT_EQ(st::PortSlot(ZELState_PortFind("a", p)), slot++);
-  EXPECT_EQ(HostPorts(), 3u);
-  // Everything else read back shows in the bytes; compacting slots keeps the order only.
-  EXPECT_EQ(StateBlob(), blob);
+  for (int level : {-1, 2}) {  // read in place, and through lists with traces on
+    SCOPED_TRACE(level);
+    ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
+    {
+      zeltest::ScopedLevel data(zeldata_debug, level);
+      zeltest::CaptureStdout([&] { ASSERT_EQ(Load(blob), STATUS_OK); });
+    }
+    EXPECT_EQ(Slots()[1], "b");
+    EXPECT_EQ(ZEL_GetNewMaxPorts(ZELState_SwitchFind("a")), 12u);
+    int slot = 0;
+    for (const char *p : {"0", "3", "7"})
+      EXPECT_EQ(st::PortSlot(ZELState_PortFind("a", p)), slot++);
+    EXPECT_EQ(HostPorts(), 3u);
+    // Everything else read back shows in the bytes; compacting slots keeps the order only.
+    EXPECT_EQ(StateBlob(), blob);
+  }
   // A malformed blob leaves the table alone.
   Bytes bad = blob;
   bad[8] = 2;  // header version
