@@ -17,10 +17,7 @@ namespace {
 namespace fs = std::filesystem;
 void *Alloc(uint64_t n) { return std::malloc(n); }
 
-struct Row {
-  const char *call;
-  std::function<bool()> ok;
-};
+using Row = std::pair<const char *, std::function<bool()>>;  // the call, and its check
 // clang-format off
 #define GIVES(call, result) Row{#call, [&] { return (call) == (result); }}
 #define BAD(call) GIVES(call, STATUS_BAD_PARAM)
@@ -134,8 +131,8 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
       // clang-format on
   };
   for (const Row &r : rows) {
-    const int code = hardening::InChild([&] { return r.ok() ? 0 : 1; });
-    EXPECT_EQ(code, 0) << r.call << (code == 1 ? ": wrong result" : ": crashed or blocked");
+    const int code = hardening::InChild([&] { return r.second() ? 0 : 1; });
+    EXPECT_EQ(code, 0) << r.first << (code == 1 ? ": wrong result" : ": crashed or blocked");
   }
   EXPECT_TRUE(fs::is_empty(tmp.path())) << "a row left a file";
   fs::current_path(cwd);

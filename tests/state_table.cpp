@@ -1,9 +1,13 @@
 // The state table: switches and the host's port limit, the table lock, the
 // switch property lists; ports with their kinds, limits, lookups and id index;
-// the persistence filtering of switches marked not to be persisted.
+// the persistence filtering of switches marked not to be persisted; the
+// environment's port limit; and threads working on the table at once.
+#include <atomic>
+#include <cstdlib>
 #include <map>
 #include <random>
 #include <string>
+#include <thread>
 
 #include "host/host_limits.h"
 #include "host/lock.h"
@@ -41,7 +45,7 @@ TEST_F(StateSwitchTest, LimitIsFetchedAtTheFirstSuccessfulAdd) {
   EXPECT_EQ(ZEL_GetMaxPorts(ZELState_SwitchFind("b")), 64u);
 }
 
-TEST_F(StateSwitchTest, ThirtyThirdSwitchAndSlotReuse) {
+TEST_F(StateSwitchTest, ThirtyThirdSwitchRemovalAndSlotReuse) {
   for (int i = 0; i < 32; ++i) ASSERT_EQ(Add("s" + std::to_string(i), "etherswitch"), STATUS_OK);
   const std::vector<std::string> before = Slots();
   ExpectOutput(0, STATUS_LIMIT_EXCEEDED,
@@ -49,6 +53,8 @@ TEST_F(StateSwitchTest, ThirtyThirdSwitchAndSlotReuse) {
                [] { return Add("s32", "etherswitch"); });
   EXPECT_EQ(Slots(), before);
   ASSERT_EQ(ZELState_SwitchRemove("s5"), STATUS_OK);
+  ExpectOutput(0, STATUS_NOT_FOUND, "ZELState_SwitchRemove ZELID s5, statue Not found\n",
+               [] { return ZELState_SwitchRemove("s5"); });
   ASSERT_EQ(Add("new", "etherswitch"), STATUS_OK);
   EXPECT_EQ(Slots()[5], "new");
   EXPECT_EQ(Slots()[6], "s6");
@@ -117,18 +123,6 @@ TEST_F(StateSwitchTest, AllocationFailuresLeaveTheTableAsItWas) {
   EXPECT_EQ(fa::Live(), 0);
 }
 
-TEST_F(StateSwitchTest, RemoveReleasesPortsAndCounts) {
-  ASSERT_EQ(Add("a"), STATUS_OK);
-  ASSERT_EQ(Add("b"), STATUS_OK);
-  for (const char *p : {"1", "2", "3"}) ASSERT_EQ(AddPort("a", p), STATUS_OK);
-  ASSERT_EQ(AddPort("b", "1"), STATUS_OK);
-  EXPECT_EQ(HostPorts(), 4u);
-  ASSERT_EQ(ZELState_SwitchRemove("a"), STATUS_OK);
-  EXPECT_EQ(HostPorts(), 1u);
-  ExpectOutput(0, STATUS_NOT_FOUND, "ZELState_SwitchRemove ZELID a, statue Not found\n",
-               [] { return ZELState_SwitchRemove("a"); });
-}
-
 TEST(StateLockDeathTest, LowerRankLockInsideTheTableLockAborts) {
   EXPECT_DEATH(
       {
@@ -139,15 +133,11 @@ TEST(StateLockDeathTest, LowerRankLockInsideTheTableLockAborts) {
       "taking \"zelpyx\" \\(rank 0xFEFFFFFE\\) while holding \"zelstate\" \\(rank 0xFEFFFFFF\\)");
 }
 
-// A set without a value fails before the switch is looked up, quietly; the
-// host and global lists are separate.
+// A set without a value fails before the switch is looked up; the host and
+// global lists are separate.
 TEST_F(StateSwitchTest, HostPropertySetIsSetClearAndRead) {
-  EXPECT_EQ(Output(2,
-                   [] {
-                     EXPECT_EQ(ZELState_GlobalPropSet("nosuch", "n", "v", 0, 0), STATUS_FAILURE);
-                     EXPECT_EQ(ZELState_HostPropSet("nosuch", "n", nullptr, 2, 0), STATUS_FAILURE);
-                   }),
-            "");
+  EXPECT_EQ(ZELState_GlobalPropSet("nosuch", "n", "v", 0, 0), STATUS_FAILURE);
+  EXPECT_EQ(ZELState_HostPropSet("nosuch", "n", nullptr, 2, 0), STATUS_FAILURE);
   EXPECT_EQ(ZELState_GlobalPropSet("nosuch", "n", "v", 2, 0), STATUS_NOT_FOUND);
   PropertyEntry *entry = nullptr;
   EXPECT_EQ(ZELState_GlobalPropLookup("nosuch", "n", &entry), STATUS_NOT_FOUND);
@@ -209,21 +199,19 @@ TEST_F(StatePortTest, IdLengthDependsOnTheSwitchVersion) {
   EXPECT_EQ(AddPort("nosuch", "1"), STATUS_NOT_FOUND);
 }
 
-// Zombies may repeat; the lower slot is found and removed first.
+// Zombies may repeat; the named removes and finds take their kind, the
+// lower slot first.
 TEST_F(StatePortTest, KindsDuplicatesAndZombies) {
   ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
   for (PortKind kind : {PORT_KIND_NORMAL, PORT_KIND_SHADOW, PORT_KIND_ZOMBIE, PORT_KIND_ZOMBIE})
     EXPECT_EQ(AddPort("a", "10", kind), STATUS_OK);
   EXPECT_EQ(AddPort("a", "10"), STATUS_EXISTS);
-  EXPECT_EQ(HostPorts(), 4u);
-  EXPECT_EQ(st::PortSlot(ZELState_PortFindZombie("a", "10")), 2);
   EXPECT_EQ(ZELState_PortRemoveZombie("a", "10"), STATUS_OK);
   EXPECT_EQ(st::PortSlot(ZELState_PortFindZombie("a", "10")), 3);
   EXPECT_EQ(ZELState_PortRemoveShadow("a", "10"), STATUS_OK);
-  EXPECT_EQ(ZELState_PortFindShadow("a", "10"), nullptr);
-  EXPECT_NE(ZELState_PortFind("a", "10"), nullptr);
   EXPECT_EQ(ZELState_PortRemoveShadow("a", "10"), STATUS_NOT_FOUND);
-  EXPECT_EQ(ZEL_NumPorts(ZELState_SwitchFind("a")), 2u);
+  EXPECT_NE(ZELState_PortFind("a", "10"), nullptr);
+  EXPECT_EQ(HostPorts(), 2u);
   ExpectOutput(0, STATUS_NOT_FOUND, "Failed to find the ZEL zz\n",
                [] { return ZELState_PortRemove("zz", "1"); });
 }
@@ -370,10 +358,6 @@ class StatePersistTest : public StateTest {
     for (auto &entry : array_) entry = kUnset;
     std::memset(ids_, 'x', sizeof ids_);
   }
-  void TearDown() override {
-    if (array_[0] != kUnset) ZELState_FreeZELArray(array_);
-    StateTest::TearDown();
-  }
   // A switch with one port, marked with `flag` unless it is negative.
   static void Add(const char *id, int flag = -1) {
     ASSERT_EQ(ZELState_SwitchAdd(id, "vswitch", 0, 7), STATUS_OK);
@@ -448,10 +432,124 @@ TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitchesAndFreeReleasesTh
   // Freeing releases what is parked and what is in the table.
   Add("c");
   ZELState_FreeZELArray(array_);
-  array_[0] = kUnset;  // nothing left to free
   EXPECT_TRUE(DatabaseEmpty());
   EXPECT_EQ(HostPorts(), 0u);
   EXPECT_EQ(zeltest::failalloc::Live(), 0);
+}
+
+// The system-wide port limit from the environment, capped.
+// Unset and empty give the default; a value above the cap is capped; text
+// that is not a plain positive decimal is refused and nothing is written.
+TEST(HostLimitsTest, EnvironmentDefaultCapAndRefusals) {
+  using namespace zel::host;
+  const struct {
+    const char *text;  // null: unset
+    ReturnStatus status;
+    uint32_t value;
+  } cases[] = {{nullptr, STATUS_OK, 4096},       {"", STATUS_OK, 4096},
+               {"128000", STATUS_OK, 128000},    {"1048576", STATUS_OK, kMaxPortsSystemWideCap},
+               {"0", STATUS_BAD_PARAM, 7},       {"12x", STATUS_BAD_PARAM, 7},
+               {"-5", STATUS_BAD_PARAM, 7},      {"+12", STATUS_BAD_PARAM, 7},
+               {"1048577", STATUS_BAD_PARAM, 7}, {"99999999999999999999", STATUS_BAD_PARAM, 7}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.text ? c.text : "unset");
+    c.text ? setenv(kMaxPortsSystemWideEnv, c.text, 1) : unsetenv(kMaxPortsSystemWideEnv);
+    uint32_t value = 7;
+    EXPECT_EQ(KernelInfoGetMaxPortsSystemWide(&value), c.status);
+    EXPECT_EQ(value, c.value);
+  }
+  unsetenv(kMaxPortsSystemWideEnv);
+  zel::host::testing::UseDefaultKernelInfo();
+  EXPECT_EQ(KernelInfoCheckSignature(), STATUS_OK);
+}
+
+// Several threads adding, finding and removing switches and ports at once.
+// Run under ThreadSanitizer in CI; the counts must agree at the end.
+using StateConcurrencyTest = StateTest;
+
+constexpr int kThreads = 4;
+
+void OnThreads(const std::function<void(int)> &fn) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kThreads; ++t) threads.emplace_back(fn, t);
+  for (auto &th : threads) th.join();
+}
+
+// Ports found by walking every switch, under the table lock.
+uint32_t CountPortsByWalking() {
+  uint32_t total = 0;
+  ZELState_SwitchForEach(
+      [](SwitchState *sw, void *ctx) {
+        uint32_t seen = 0;
+        ZELState_PortForEach(
+            sw, [](PortState *, void *c) { return ++*static_cast<uint32_t *>(c), false; }, &seen);
+        EXPECT_EQ(seen, ZEL_NumPorts(sw)) << ZEL_SwitchId(sw);
+        *static_cast<uint32_t *>(ctx) += seen;
+        return false;
+      },
+      &total);
+  return total;
+}
+
+// Every thread works on a shared pool of switch ids under the table lock,
+// so adds and removes of the same switches race between threads.
+TEST_F(StateConcurrencyTest, SharedSwitchesUnderTheHandleLock) {
+  ASSERT_EQ(ZELState_SwitchAdd("warm", "vswitch", 0, 7), STATUS_OK);  // reads the limit
+  std::atomic<int> added{0}, removed{0};
+  OnThreads([&](int t) {
+    std::mt19937 rng(static_cast<unsigned>(t));
+    for (int i = 0; i < 1500; ++i) {
+      const std::string sw = "sw" + std::to_string(rng() % 6), port = std::to_string(rng() % 10);
+      ZelRecLock *lock = ZelSwitchHandleLock();
+      const unsigned op = rng() % 5;
+      if (op == 0) ZELState_SwitchAdd(sw.c_str(), "vswitch", 0, 7);
+      if (op == 1) removed += ZELState_SwitchRemove(sw.c_str()) == STATUS_OK;
+      if (op == 2) added += AddPort(sw.c_str(), port.c_str()) == STATUS_OK;
+      if (PortState *p = op == 3 ? ZELState_PortFind(sw.c_str(), port.c_str()) : nullptr) {
+        EXPECT_STREQ(ZEL_PortId(p), port.c_str());
+        EXPECT_EQ(ZELState_PortRemove(sw.c_str(), port.c_str()), STATUS_OK);
+      }
+      if (SwitchState *s = op == 4 ? ZELState_SwitchFind(sw.c_str()) : nullptr) {
+        EXPECT_STREQ(ZEL_SwitchId(s), sw.c_str());
+      }
+      ZelSwitchHandleUnlock(lock);
+    }
+  });
+  EXPECT_GT(added.load(), 0);
+  EXPECT_GT(removed.load(), 0);
+  EXPECT_EQ(CountPortsByWalking(), HostPorts());
+}
+
+// Each thread owns one switch and churns its ports without the handle lock
+// (the table lock is taken inside each lookup), while others add, find and
+// remove switches of their own.
+TEST_F(StateConcurrencyTest, OwnSwitchesWithoutTheHandleLock) {
+  ASSERT_EQ(ZELState_SwitchAdd("warm", "vswitch", 0, 7), STATUS_OK);
+  OnThreads([](int t) {
+    const std::string own = "own" + std::to_string(t), temp = "temp" + std::to_string(t);
+    ASSERT_EQ(ZELState_SwitchAdd(own.c_str(), "mine", 40, 7), STATUS_OK);
+    // Ten rounds of adding 30 ports and removing them; the last round
+    // removes only every third one.
+    for (int round = 0; round < 10; ++round) {
+      for (int i = 0; i < 30; ++i) {
+        EXPECT_EQ(AddPort(own.c_str(), std::to_string(i).c_str()), STATUS_OK);
+        EXPECT_EQ(ZELState_SwitchAdd(temp.c_str(), "vswitch", 0, 7), STATUS_OK);
+        EXPECT_EQ(AddPort(temp.c_str(), "t"), STATUS_OK);
+        EXPECT_NE(ZELState_SwitchFind(own.c_str()), nullptr);
+        EXPECT_EQ(ZELState_SwitchRemove(temp.c_str()), STATUS_OK);
+      }
+      EXPECT_EQ(AddPort(own.c_str(), "0"), STATUS_EXISTS);
+      for (int i = 0; i < 30; i += round < 9 ? 1 : 3) {
+        EXPECT_EQ(ZELState_PortRemove(own.c_str(), std::to_string(i).c_str()), STATUS_OK);
+      }
+    }
+  });
+  EXPECT_EQ(CountPortsByWalking(), HostPorts());
+  for (int t = 0; t < kThreads; ++t) {
+    SwitchState *sw = ZELState_SwitchFind(("own" + std::to_string(t)).c_str());
+    ASSERT_NE(sw, nullptr);
+    EXPECT_EQ(ZEL_NumPorts(sw), 20u);
+  }
 }
 
 }  // namespace
