@@ -15,7 +15,7 @@
 namespace {
 
 namespace fs = std::filesystem;
-void *Alloc(uint64_t n) { return std::malloc(n); }
+using zelstatetest::Malloc;
 
 using Row = std::pair<const char *, std::function<bool()>>;  // the call, and its check
 // clang-format off
@@ -43,19 +43,19 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
   SwitchState *sw = ZELState_SwitchFind("sw");
   const Row rows[] = {
       // clang-format off
-      BAD(ZELData_Alloc(nullptr, Alloc, std::free)), BAD(ZELData_Append(list, "y", nullptr, 2, 16)),
-      RUNS(ZELData_Free(nullptr)), BAD(ZELData_DeserializeGetPropVal(nullptr, len, "x", &type, 4)),
-      RUNS(ZELData_FreeAssocData(nullptr, nullptr)), BAD(ZELData_Serialize(list, nullptr, &len, 7)),
+      BAD(ZELData_Alloc(nullptr, Malloc, std::free)), RUNS(ZELData_FreeAssocData(nullptr, nullptr)),
+      RUNS(ZELData_Free(nullptr)), BAD(ZELData_Deserialize(&out, nullptr, len, Malloc, std::free)),
       RUNS(ZELData_GetMemFreeFn(nullptr, nullptr)), GIVES(ZELData_SerializedSize(nullptr, 0), 0u),
       BAD(ZELData_Lookup(nullptr, "x", &entry)), GIVES(ZELData_Data(nullptr, &value), 0u),
-      NUL(ZELData_Name(nullptr)), BAD(ZELData_SerializeExNamedProp(nullptr, &buf, &len, 7, "x")),
+      NUL(ZELData_Name(nullptr)), BAD(ZELData_DeserializeGetPropVal(nullptr, len, "x", &type, 4)),
       GIVES(ZELData_PropType(nullptr), 0u), BAD(ZELData_SerializeEntry(nullptr, "x", &buf, &len)),
       BAD(ZELData_Next(nullptr, nullptr, &entry)), RUNS(ZELData_ForEach(nullptr, nullptr, nullptr)),
-      BAD(ZELData_Update(nullptr, "y", "v", 2, 16)), BAD(ZELData_UpdateProp(nullptr, "y", "v", 2)),
+      BAD(ZELData_Append(list, "y", nullptr, 2, 16)), BAD(ZELData_Update(nullptr, "y", "v", 2, 16)),
+      BAD(ZELData_UpdateProp(nullptr, "y", "v", 2)), BAD(ZELData_Serialize(list, nullptr, &len, 7)),
       BAD(ZELData_Remove(nullptr, "x")), BAD(ZELDataRemove(nullptr, "x", &type)),
       GIVES(ZELData_SerializedSizeExNamedProp(nullptr, 0, "x"), 0u),
-      BAD(ZELData_Deserialize(&out, nullptr, len, Alloc, std::free)),
-      BAD(ZELData_DeserializeWithPropType(nullptr, buf, len, Alloc, std::free, 0x3C)),
+      BAD(ZELData_SerializeExNamedProp(nullptr, &buf, &len, 7, "x")),
+      BAD(ZELData_DeserializeWithPropType(nullptr, buf, len, Malloc, std::free, 0x3C)),
       RUNS(ZelSwitchHandleUnlock(nullptr)), BAD(ZELState_PortDataRead(nullptr, "x", &value, &len)),
       BAD(ZELState_SwitchAdd(nullptr, "vswitch", 8, 7)), BAD(ZELState_SwitchSetVersion(nullptr, 7)),
       NUL(ZELState_SwitchFind(nullptr)), BAD(ZELState_GlobalPropForEach(nullptr, nullptr, nullptr)),
