@@ -1,6 +1,7 @@
 // The state file: padding, verification on reading, every failure with its
-// host-log message, and the replace-by-rename write surviving failures and a
-// writer killed at any point.
+// host-log message, the replace-by-rename write surviving failures and a
+// writer killed at any point, and a hostile directory: files planted beside
+// the state, several processes writing at once, paths that are not files.
 #include "zel/file.h"
 
 #include <gtest/gtest.h>
@@ -73,17 +74,18 @@ using Step = FaultIo::Step;
 
 class StateFileTest : public ::testing::Test {
  protected:
-  Bytes ReadBack(ReturnStatus expect = STATUS_OK) {
+  // Reads the state into *out, checking that it starts on a block boundary.
+  ReturnStatus Read(Bytes *out) {
     void *blob = nullptr;
     int32_t length = -1;
     uint32_t offset = 12345;
-    EXPECT_EQ(ZELFile_ReadClassical(path_.c_str(), &blob, &length, &offset), expect);
-    if (expect != STATUS_OK) return {};
+    const ReturnStatus status = ZELFile_ReadClassical(path_.c_str(), &blob, &length, &offset);
+    if (status != STATUS_OK) return status;
     EXPECT_EQ(reinterpret_cast<uintptr_t>(blob) % 512, 0u);
     EXPECT_LT(offset, 512u);
-    Bytes out(static_cast<uint8_t *>(blob), static_cast<uint8_t *>(blob) + length);
+    out->assign(static_cast<uint8_t *>(blob), static_cast<uint8_t *>(blob) + length);
     std::free(static_cast<uint8_t *>(blob) - offset);
-    return out;
+    return status;
   }
   ReturnStatus Write(const Bytes &b, const std::string &path = "") {
     return ZELFile_Write((path.empty() ? path_ : path).c_str(), b.data(), b.size());
@@ -93,7 +95,22 @@ class StateFileTest : public ::testing::Test {
   const std::string dir_ = tmp_.path(), path_ = dir_ + "/zel.state", tmpName_ = path_ + ".tmp";
 };
 
-TEST_F(StateFileTest, BlobIsPaddedToWholeBlocks) {
+// Reading a missing, empty or unverifiable file fails with its host-log
+// message; a blob is written padded to whole blocks.
+TEST_F(StateFileTest, ReadFailuresAndPaddingToWholeBlocks) {
+  zeltest::LogCapture log;
+  Bytes read;
+  EXPECT_EQ(Read(&read), STATUS_NOT_FOUND);
+  std::ofstream(path_).close();
+  EXPECT_EQ(Read(&read), STATUS_FILE_EMPTY);
+  std::ofstream(path_, std::ios::binary) << std::string(1000, 'z');
+  EXPECT_EQ(Read(&read), STATUS_IO_ERROR);
+  const auto lines = log.Host();
+  ASSERT_EQ(lines.size(), 2u);  // the empty file logs nothing
+  EXPECT_EQ(lines[0].first, 110);
+  EXPECT_EQ(lines[0].second,
+            "failed to open zelfile " + path_ + " for read, error: No such file or directory\n");
+  EXPECT_EQ(lines[1].second, "failed to verify zelfile " + path_ + " with length 1000\n");
   for (auto [blobLength, fileLength] : {std::pair{1000u, 1024u}, {1024u, 1024u}, {1u, 512u}}) {
     Bytes blob = Pattern(blobLength, static_cast<uint8_t>(blobLength));
     ASSERT_EQ(Write(blob), STATUS_OK);
@@ -101,27 +118,13 @@ TEST_F(StateFileTest, BlobIsPaddedToWholeBlocks) {
     ASSERT_EQ(stat(path_.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0600u);
     blob.resize(fileLength);  // zero filler
-    EXPECT_EQ(ReadBack(), blob);
+    EXPECT_EQ(Read(&read), STATUS_OK);
+    EXPECT_EQ(read, blob);
     EXPECT_FALSE(fs::exists(tmpName_));
   }
   // Written in place, without a temporary file.
   ASSERT_EQ(ZELFile_WriteClassical(path_.c_str(), Pattern(600, 1).data(), 600, 0), STATUS_OK);
   EXPECT_EQ(fs::file_size(path_), 1024u);
-}
-
-TEST_F(StateFileTest, ReadFailuresAndTheirMessages) {
-  zeltest::LogCapture log;
-  ReadBack(STATUS_NOT_FOUND);
-  std::ofstream(path_).close();
-  ReadBack(STATUS_FILE_EMPTY);
-  std::ofstream(path_, std::ios::binary) << std::string(1000, 'z');
-  ReadBack(STATUS_IO_ERROR);
-  const auto lines = log.Host();
-  ASSERT_EQ(lines.size(), 2u);  // the empty file logs nothing
-  EXPECT_EQ(lines[0].first, 110);
-  EXPECT_EQ(lines[0].second,
-            "failed to open zelfile " + path_ + " for read, error: No such file or directory\n");
-  EXPECT_EQ(lines[1].second, "failed to verify zelfile " + path_ + " with length 1000\n");
 }
 
 TEST_F(StateFileTest, FailedWritesKeepThePreviousState) {
@@ -191,6 +194,82 @@ TEST_F(StateFileTest, KilledWriterLeavesOldOrNewState) {
     });
     EXPECT_EQ(code, -2);
     EXPECT_EQ(Slurp(path_), step == Step::kRename ? fresh : old);
+  }
+}
+
+using HardeningStateFile = StateFileTest;
+
+TEST_F(HardeningStateFile, FilesPlantedAtTheTemporaryNameAreNotTrusted) {
+  const std::string victim = dir_ + "/victim";
+  const Bytes old(512, 'o'), fresh(1024, 'n');
+  const std::pair<std::function<void()>, ReturnStatus> rows[] = {
+      {[&] { fs::create_symlink(victim, tmpName_); }, STATUS_IO_ERROR},
+      {[&] { mkfifo(tmpName_.c_str(), 0666); }, STATUS_IO_ERROR},
+      {[&] { std::ofstream(tmpName_) << "x", chmod(tmpName_.c_str(), 0666); }, STATUS_OK},
+  };
+  for (const auto &[plant, expect] : rows) {
+    SCOPED_TRACE(expect);
+    ASSERT_EQ(Write(old), STATUS_OK);
+    std::ofstream(victim) << "victim";
+    plant();
+    EXPECT_EQ(hardening::InChild([&] { return Write(fresh) == expect ? 0 : 1; }), 0);
+    EXPECT_EQ(Slurp(victim), Bytes({'v', 'i', 'c', 't', 'i', 'm'}));
+    EXPECT_EQ(Slurp(path_), expect == STATUS_OK ? fresh : old);
+    struct stat st {};
+    ASSERT_EQ(lstat(path_.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & (S_IFMT | 07777), S_IFREG | 0600u);
+    fs::remove(tmpName_);
+  }
+}
+
+TEST_F(HardeningStateFile, ConcurrentWritersLeaveACompleteState) {
+  // Writer w writes 512 * (w + 1) bytes of the letter 'a' + w.
+  auto blobOf = [](int w) { return Bytes(512 * (w + 1), static_cast<uint8_t>('a' + w)); };
+  ASSERT_EQ(Write(blobOf(0)), STATUS_OK);
+  std::vector<pid_t> writers;
+  for (int w = 0; w < 4; ++w) {
+    writers.push_back(fork());
+    if (writers.back() == 0) {
+      for (int i = 0; i < 40; ++i) {
+        if (Write(blobOf(w)) != STATUS_OK) _exit(1);
+      }
+      _exit(0);
+    }
+  }
+  int reads = 0, torn = 0, failedWriters = 0;
+  for (size_t running = writers.size(); running > 0; ++reads) {
+    Bytes read;
+    torn += Read(&read) != STATUS_OK || read != blobOf(static_cast<int>(read.size() / 512) - 1);
+    for (pid_t &child : writers) {
+      int wstatus = 0;
+      if (child > 0 && waitpid(child, &wstatus, WNOHANG) == child) {
+        failedWriters += !WIFEXITED(wstatus) || WEXITSTATUS(wstatus) != 0;
+        child = 0;
+        --running;
+      }
+    }
+  }
+  EXPECT_EQ(torn, 0) << "of " << reads << " reads";
+  EXPECT_EQ(failedWriters, 0);
+}
+
+TEST_F(HardeningStateFile, ReadRefusesWhatIsNotARegularFileWithoutBlocking) {
+  const std::function<void()> rows[] = {
+      [&] { mkfifo(path_.c_str(), 0600); },
+      [&] { fs::create_directory(path_); },
+      [&] { fs::create_symlink("/dev/null", path_); },
+  };
+  for (const auto &make : rows) {
+    SCOPED_TRACE(&make - rows);
+    make();
+    EXPECT_EQ(hardening::InChild([&] {
+                void *blob = nullptr;
+                int32_t length = 0;
+                uint32_t offset = 0;
+                return ZELFile_Read(path_.c_str(), &blob, &length, &offset) != STATUS_IO_ERROR;
+              }),
+              0);
+    fs::remove(path_);
   }
 }
 

@@ -1,5 +1,5 @@
 // Shared by the hardening and state file tests: a scratch directory, a child
-// process that may crash or block, and a scripted device.
+// process that may crash or block, and a device that fails every command.
 #pragma once
 
 #include <signal.h>
@@ -48,13 +48,12 @@ inline int InChild(const std::function<int()> &fn) {
   return -1;
 }
 
-class FakeModule : public zel::host::DeviceTransport {
+// A device that fails every command.
+class FailingDevice : public zel::host::DeviceTransport {
  public:
-  std::function<int(unsigned long, ZELPYXCommand *)> answer;
-  int calls = 0;
   int Open(const char *, int) override { return 7; }
-  int Ioctl(int, unsigned long request, void *arg) override {
-    return ++calls, answer(request, static_cast<ZELPYXCommand *>(arg));
+  int Ioctl(int, unsigned long, void *arg) override {
+    return static_cast<ZELPYXCommand *>(arg)->status = STATUS_FAILURE, -1;
   }
   int Close(int) override { return 0; }
 };

@@ -14,8 +14,6 @@ class LogCapture final : public zel::host::LogSink {
  public:
   LogCapture() { previous_ = zel::host::SetLogSink(this); }
   ~LogCapture() override { zel::host::SetLogSink(previous_); }
-  LogCapture(const LogCapture &) = delete;
-  LogCapture &operator=(const LogCapture &) = delete;
 
   void HostLog(int id, const std::string &line) override {
     std::lock_guard<std::mutex> lock(mu_);

@@ -1,7 +1,9 @@
-// The state blob: exact bytes against an independent encoder of the
-// serialized form, round trips, refusals, and allocation failures.
+// The state blob: exact bytes of both writers against an independent encoder
+// of the serialized form, round trips through both readers, refusals, and
+// allocation failures.
 #include <string>
 
+#include "data/property_list_internal.h"
 #include "state_fixture.h"
 
 using namespace zelstatetest;
@@ -32,31 +34,70 @@ ReturnStatus Load(const Bytes &blob) {
   return ZELState_ConfigDeserialize(blob.data(), static_cast<uint32_t>(blob.size()));
 }
 
+// The status, blob and messages of the writer in place, or of the
+// level-by-level one (which a test allocator selects).
+struct Written {
+  ReturnStatus status;
+  Bytes blob;
+  std::string out;
+  bool operator==(const Written &) const = default;
+};
+Written Write(bool inPlace) {
+  st::SetAllocator(inPlace ? nullptr : fa::Alloc, inPlace ? nullptr : fa::Free);
+  zeltest::ScopedLevel data(zeldata_debug, 0), state(zel_debug, 2);
+  Written w{};
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  w.out = zeltest::CaptureStdout([&] { w.status = ZELState_ConfigSerialize(&buffer, &length); });
+  w.blob = AsBytes(buffer, length);
+  inPlace ? std::free(buffer) : fa::Free(buffer);
+  st::SetAllocator(nullptr, nullptr);
+  return w;
+}
+
 using StateBlobTest = StateTest;
 
-TEST_F(StateBlobTest, ExactBytesWithPropertiesAndPortsOfEveryKind) {
+TEST_F(StateBlobTest, BothWritersGiveTheExactBytesWithPortsOfEveryKind) {
   EXPECT_EQ(StateBlob(), Encode({}));
   ASSERT_EQ(ZELState_SwitchAdd("a", "mine", 10, 107), STATUS_OK);
-  ASSERT_EQ(ZELState_SwitchAdd("b", "vswitch", 0, 5), STATUS_OK);
+  ASSERT_EQ(ZELState_SwitchAdd("b", "vswitch", 0, 3), STATUS_OK);  // version notices
   ASSERT_EQ(ZELState_GlobalPropSet("a", ZEL_PROP_SWITCH_ALIAS, "sky", 4, 0), STATUS_OK);
-  ASSERT_EQ(ZELState_HostPropSet("a", "h", "\x01\x02", 2, 24), STATUS_OK);
-  ASSERT_EQ(AddPort("a", "1", PORT_KIND_NORMAL, {{"p", Text("x")}}), STATUS_OK);
+  ASSERT_EQ(ZELState_HostPropSet("a", "h", "\x01\x02\x03", 3, 24), STATUS_OK);
+  ASSERT_EQ(AddPort("a", "1", PORT_KIND_NORMAL, {{"p", Text("x")}, {"e", {}}}), STATUS_OK);
   ASSERT_EQ(AddPort("a", "gone"), STATUS_OK);
   ASSERT_EQ(AddPort("a", "1", PORT_KIND_SHADOW), STATUS_OK);
   ASSERT_EQ(AddPort("a", "z", PORT_KIND_ZOMBIE), STATUS_OK);
   ASSERT_EQ(AddPort("a", "z", PORT_KIND_ZOMBIE), STATUS_OK);
-  ASSERT_EQ(AddPort("b", "c", PORT_KIND_LOCAL_CACHE), STATUS_OK);
+  ASSERT_EQ(AddPort("b", "c", PORT_KIND_LOCAL_CACHE, {{"v", Bytes(301, 7)}}), STATUS_OK);
   ZEL_PortSetKind(ZELState_PortFind("a", "gone"), PORT_KIND_NONE);
-  EXPECT_EQ(StateBlob(),
-            Encode({
-                {"a", SwitchBlob(107, "mine", 10, {{ZEL_PROP_SWITCH_ALIAS, Text("sky"), 32}},
-                                 {{"h", Bytes{1, 2}, 24}},
-                                 {{"1", Encode({{"p", Text("x")}})},
-                                  {"1", Encode({})},
-                                  {"z", Encode({})},
-                                  {"z", Encode({})}})},
-                {"b", SwitchBlob(5, "vswitch", 4096, {}, {}, {{"c", Encode({})}})},
-            }));
+  const Written direct = Write(true);
+  EXPECT_EQ(
+      direct.blob,
+      Encode({
+          {"a", SwitchBlob(107, "mine", 10, {{ZEL_PROP_SWITCH_ALIAS, Text("sky"), 32}},
+                           {{"h", Bytes{1, 2, 3}, 24}},
+                           {{"1", Encode({{"p", Text("x")}, {"e", {}}})},
+                            {"1", Encode({})},
+                            {"z", Encode({})},
+                            {"z", Encode({})}})},
+          {"b", SwitchBlob(3, "vswitch", 4096, {}, {}, {{"c", Encode({{"v", Bytes(301, 7)}})}})},
+      }));
+  EXPECT_EQ(Write(false), direct);
+  EXPECT_NE(direct.out.find("ZEL version 3 is smaller than 6.0.\n"), std::string::npos);
+  // A port list whose serialSize disagrees with its entries, either way, fails
+  // both ways alike.
+  const std::pair<int, std::string> rows[] = {
+      {4, "buflen = 312, lenRemaining = 8, name NULL, size 0\n"},
+      {-8, "buflen = 300, lenRemaining = 140, name e, size 144\n"}};
+  for (const auto &[delta, text] : rows) {
+    ZEL_PortData(ZELState_PortFind("a", "1"))->serialSize += delta;
+    const Written bad = Write(true);
+    EXPECT_EQ(bad.status, STATUS_EXISTS);
+    EXPECT_EQ(Write(false), bad);
+    EXPECT_NE(bad.out.find("ZELData length changed during serialization, " + text),
+              std::string::npos);
+    ZEL_PortData(ZELState_PortFind("a", "1"))->serialSize -= delta;
+  }
 }
 
 TEST_F(StateBlobTest, RoundTripKeepsOrderAndClosesSlotGaps) {
@@ -72,15 +113,22 @@ TEST_F(StateBlobTest, RoundTripKeepsOrderAndClosesSlotGaps) {
   }
   for (const char *p : {"1", "2", "4", "5", "6"}) ASSERT_EQ(ZELState_PortRemove("a", p), STATUS_OK);
   const Bytes blob = StateBlob();
-  ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
-  ASSERT_EQ(Load(blob), STATUS_OK);
-  EXPECT_EQ(Slots()[1], "b");
-  EXPECT_EQ(ZEL_GetNewMaxPorts(ZELState_SwitchFind("a")), 12u);
-  int slot = 0;
-  for (const char *p : {"0", "3", "7"}) EXPECT_EQ(st::PortSlot(ZELState_PortFind("a", p)), slot++);
-  EXPECT_EQ(HostPorts(), 3u);
-  // Everything else read back shows in the bytes; compacting slots keeps the order only.
-  EXPECT_EQ(StateBlob(), blob);
+  for (int level : {-1, 2}) {  // read in place, and through lists with traces on
+    SCOPED_TRACE(level);
+    ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
+    {
+      zeltest::ScopedLevel data(zeldata_debug, level);
+      zeltest::CaptureStdout([&] { ASSERT_EQ(Load(blob), STATUS_OK); });
+    }
+    EXPECT_EQ(Slots()[1], "b");
+    EXPECT_EQ(ZEL_GetNewMaxPorts(ZELState_SwitchFind("a")), 12u);
+    int slot = 0;
+    for (const char *p : {"0", "3", "7"})
+      EXPECT_EQ(st::PortSlot(ZELState_PortFind("a", p)), slot++);
+    EXPECT_EQ(HostPorts(), 3u);
+    // Everything else read back shows in the bytes; compacting slots keeps the order only.
+    EXPECT_EQ(StateBlob(), blob);
+  }
   // A malformed blob leaves the table alone.
   Bytes bad = blob;
   bad[8] = 2;  // header version
@@ -90,7 +138,8 @@ TEST_F(StateBlobTest, RoundTripKeepsOrderAndClosesSlotGaps) {
   EXPECT_EQ(StateBlob(), blob);
 }
 
-TEST_F(StateBlobTest, PortKindComesFromTheTypeProperty) {
+// A port's kind comes from its type property, which is then dropped.
+TEST_F(StateBlobTest, PortKindMissingAndLongerFields) {
   const Bytes blob =
       Encode({{"s", SwitchBlob(7, "vswitch", 0, {}, {},
                                {{"p", Encode({{"keep", Text("1")}, {ZEL_PROP_PORT_TYPE, U32(2)}})},
@@ -103,11 +152,10 @@ TEST_F(StateBlobTest, PortKindComesFromTheTypeProperty) {
   EXPECT_EQ(ZELState_PortFind("s", "p"), nullptr);
   EXPECT_NE(ZELState_PortFind("s", "q"), nullptr);
   EXPECT_EQ(ZEL_GetMaxPorts(ZELState_SwitchFind("s")), 4096u) << "class rules apply on rebuild";
-}
-
-// A missing version means version 0 (short port ids), absent lists leave the
-// switch its own empty ones, and longer numbers are read from their first four bytes.
-TEST_F(StateBlobTest, MissingAndLongerFields) {
+  // A missing version means version 0 (short port ids), absent lists leave the
+  // switch its own empty ones, and longer numbers are read from their first
+  // four bytes.
+  ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
   ASSERT_EQ(Load(Encode({{"s", Encode({{"className", ClassField("vswitch")},
                                        {"maxPorts", U32(0)},
                                        {std::string(15, 'p'), Encode({})}})},
@@ -158,12 +206,7 @@ TEST_F(StateBlobTest, FailedSwitchEmptiesTheWholeTable) {
     EXPECT_TRUE(DatabaseEmpty());
     EXPECT_EQ(HostPorts(), 0u);
   }
-  // The switch deserializer alone leaves the table as it was.
-  const Bytes &unterminated = rows[4].sw;
   ASSERT_EQ(ZELState_SwitchAdd("dup", "vswitch", 0, 7), STATUS_OK);
-  EXPECT_EQ(ZELState_SwitchDeserialize("s", unterminated.data(), unterminated.size()),
-            STATUS_BAD_PARAM);
-  EXPECT_EQ(Slots()[0], "dup");
   ExpectOutput(
       0, STATUS_EXISTS,
       "ZELState_SwitchAdd failed ZEL:dup Error: Already exists\nZELState_SwitchDeserialize Switch "
@@ -174,30 +217,9 @@ TEST_F(StateBlobTest, FailedSwitchEmptiesTheWholeTable) {
   EXPECT_TRUE(DatabaseEmpty());
 }
 
-TEST_F(StateBlobTest, SerializeFailuresProduceNoBuffer) {
-  ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
-  st::SetAllocator(fa::Alloc, fa::Free);
-  void *buffer = nullptr;
-  uint32_t length = 0;
-  const auto serialize = [&] { return ZELState_ConfigSerialize(&buffer, &length); };
-  fa::FailAt(1);
-  ExpectOutput(0, STATUS_NO_MEMORY, "ZELState_ConfigSerialize, alloc failed\n", serialize);
-  fa::FailAt(2);
-  ExpectOutput(0, STATUS_EXISTS, "ZELStateConfigSerializeCB ZEL a failed Out of memory\n",
-               serialize);
-  EXPECT_EQ(buffer, nullptr);
-  EXPECT_EQ(fa::Live(), 0);
-  uint8_t small[16];  // a caller's buffer that is too small
-  buffer = small;
-  length = sizeof small;
-  fa::FailAt(0);
-  EXPECT_EQ(ZELState_SwitchSerialize(ZELState_SwitchFind("a"), &buffer, &length),
-            STATUS_LIMIT_EXCEEDED);
-}
-
 // Every allocation of a deserialization and a serialization is made to fail
-// in turn: the result is a defined status, nothing leaks, and a failed load
-// leaves the table empty.
+// in turn: the result is a defined status, nothing leaks, a failed load
+// leaves the table empty, and a failed save gives no buffer.
 TEST_F(StateBlobTest, EveryAllocationFailureIsCleanedUp) {
   ASSERT_EQ(ZELState_SwitchAdd("a", "mine", 4, 7), STATUS_OK);
   ASSERT_EQ(ZELState_SwitchAdd("b", "vswitch", 0, 7), STATUS_OK);
@@ -230,8 +252,12 @@ TEST_F(StateBlobTest, EveryAllocationFailureIsCleanedUp) {
     void *buffer = nullptr;
     uint32_t length = 0;
     fa::FailAt(k);
-    status = ZELState_ConfigSerialize(&buffer, &length);
+    const std::string out = Output(0, [&] { status = ZELState_ConfigSerialize(&buffer, &length); });
     fa::FailAt(0);
+    if (k <= 2) {
+      EXPECT_EQ(out, k == 1 ? "ZELState_ConfigSerialize, alloc failed\n"
+                            : "ZELStateConfigSerializeCB ZEL a failed Out of memory\n");
+    }
     if (status == STATUS_OK) {
       EXPECT_EQ(AsBytes(buffer, length), reloaded);
       fa::Free(buffer);
@@ -241,6 +267,11 @@ TEST_F(StateBlobTest, EveryAllocationFailureIsCleanedUp) {
     }
     ASSERT_EQ(fa::Live(), live) << k;
   }
+  uint8_t small[16];  // a caller's buffer that is too small
+  void *buffer = small;
+  uint32_t length = sizeof small;
+  EXPECT_EQ(ZELState_SwitchSerialize(ZELState_SwitchFind("a"), &buffer, &length),
+            STATUS_LIMIT_EXCEEDED);
   ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
   EXPECT_EQ(fa::Live(), 0);
 }

@@ -62,12 +62,12 @@ inline Bytes Encode(const std::vector<Entry> &entries) {
   return b;
 }
 
+inline void *Malloc(uint64_t n) { return std::malloc(n); }
+
 // A malloc-backed list holding the properties in order (type 16).
 inline PropertyList *MakeList(const Props &props, uint32_t propType = ZELDATA_PROPTYPE_LIBRARY) {
   PropertyList *list = nullptr;
-  EXPECT_EQ(ZELData_Alloc(
-                &list, [](uint64_t n) { return std::malloc(n); }, std::free),
-            STATUS_OK);
+  EXPECT_EQ(ZELData_Alloc(&list, Malloc, std::free), STATUS_OK);
   for (const auto &[name, value] : props) {
     EXPECT_EQ(ZELData_Append(list, name.c_str(), value.data(), static_cast<uint32_t>(value.size()),
                              propType),
@@ -87,10 +87,10 @@ inline Props ListProps(PropertyList *list) {
   return props;
 }
 
-inline Bytes Serialize(PropertyList *list, uint32_t version = 7, const char *pattern = nullptr) {
+inline Bytes Serialize(PropertyList *list, uint32_t version = 7) {
   void *buffer = nullptr;
   uint32_t length = 0;
-  EXPECT_EQ(ZELData_SerializeExNamedProp(list, &buffer, &length, version, pattern), STATUS_OK);
+  EXPECT_EQ(ZELData_Serialize(list, &buffer, &length, version), STATUS_OK);
   Bytes out = AsBytes(buffer, length);
   ZELData_FreeAssocData(list, buffer);
   return out;

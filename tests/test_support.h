@@ -17,8 +17,6 @@ class ScopedLevel {
  public:
   ScopedLevel(int &level, int value) : level_(level), saved_(level) { level_ = value; }
   ~ScopedLevel() { level_ = saved_; }
-  ScopedLevel(const ScopedLevel &) = delete;
-  ScopedLevel &operator=(const ScopedLevel &) = delete;
 
  private:
   int &level_;

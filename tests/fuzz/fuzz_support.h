@@ -15,9 +15,7 @@ using Seeds = std::vector<std::vector<uint8_t>>;
 // the process; otherwise returns and fuzzing goes on.
 inline void MaybeWriteSeeds(const Seeds &seeds) {
   const char *dir = std::getenv("ZEL_FUZZ_WRITE_SEEDS");
-  if (dir == nullptr) {
-    return;
-  }
+  if (dir == nullptr) return;
   for (size_t i = 0; i < seeds.size(); ++i) {
     std::string path = std::string(dir) + "/seed_" + std::to_string(i);
     FILE *f = std::fopen(path.c_str(), "wb");
