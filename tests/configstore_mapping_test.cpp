@@ -1,4 +1,4 @@
-// The mapping tables as exported and the sub-object helper's messages.
+// The mapping tables as exported.
 #include <string>
 
 #include "configstore_persist_support.h"
@@ -41,13 +41,10 @@ std::string Kinds(const PropToConfigEntry *table, size_t named, uint32_t catchAl
 }
 
 TEST(PersistMapping, TablesAreWellFormed) {
-  static_assert(sizeof zelGlobalProp2Config / sizeof zelGlobalProp2Config[0] == 29);
-  static_assert(sizeof zelHostProp2Config / sizeof zelHostProp2Config[0] == 5);
-  static_assert(sizeof zelPortProp2Config / sizeof zelPortProp2Config[0] == 25);
-  EXPECT_EQ(Kinds(zelGlobalProp2Config, 28, 22),
+  EXPECT_EQ(Kinds(zelConfigMaps[0], 28, 22),
             "1 15 21 21 21 4 20 16 5 2 6 7 8 9 9 10 1 1 1 11 11 12 13 3 1 0 18 22");
-  EXPECT_EQ(Kinds(zelHostProp2Config, 4, 22), "1 14 19 22");
-  EXPECT_EQ(Kinds(zelPortProp2Config, 24, 33),
+  EXPECT_EQ(Kinds(zelConfigMaps[1], 4, 22), "1 14 19 22");
+  EXPECT_EQ(Kinds(zelConfigMaps[2], 24, 33),
             "1 0 31 32 23 23 1 17 18 24 25 34 26 26 27 28 29 36 1 0 9 9 35 33");
   // Rows the other checks do not reach.
   EXPECT_STREQ(zelGlobalProp2Config[18].name, zelGlobalProp2Config[16].name);
@@ -55,45 +52,9 @@ TEST(PersistMapping, TablesAreWellFormed) {
   EXPECT_EQ(Path(zelGlobalProp2Config[10]), "settings/pvlans");
   EXPECT_EQ(Path(zelPortProp2Config[17]), "settings/network_resource_pools");
   EXPECT_EQ(Path(zelPortProp2Config[21]), "vspans");
-  EXPECT_EQ(zelConfigMaps[0], zelGlobalProp2Config);
-  EXPECT_EQ(zelConfigMaps[1], zelHostProp2Config);
-  EXPECT_EQ(zelConfigMaps[2], zelPortProp2Config);
   for (int i = 0; i < 3; ++i) EXPECT_EQ(GetConfigMap(i), zelConfigMaps[i]);
   EXPECT_EQ(GetConfigMap(3), nullptr);
   EXPECT_EQ(GetConfigMap(-1), nullptr);
-}
-
-class PersistPaths : public ::testing::Test {
- protected:
-  void TearDown() override { cs::testing::ClearFailures(); }
-  cfgtest::ObjectPtr sw_ = cfgtest::NewSwitch("sw");
-};
-
-TEST_F(PersistPaths, GetOrCreateReportsOnlyRealFailures) {
-  zeltest::ScopedLevel level(zelconfigstore_debug, 0);
-  cs::Object *child = nullptr;
-  std::string out = zeltest::CaptureStdout([&] {
-    EXPECT_EQ(zp::GetOrCreateSubObject(false, sw_.get(), "settings", nullptr, &child), 6u);
-  });
-  EXPECT_EQ(out, "");
-  EXPECT_EQ(child, nullptr);
-
-  cs::testing::FailNext(cs::testing::Op::kGetSubObject, cs::kTypeMismatch);
-  out = zeltest::CaptureStdout([&] {
-    EXPECT_EQ(zp::GetOrCreateSubObject(true, sw_.get(), "settings", nullptr, &child), 3u);
-  });
-  EXPECT_EQ(out, "GetOrCreateSubObject for prop: settings failed, failure code: 3\n");
-
-  cs::testing::FailNext(cs::testing::Op::kCreateSubObject, cs::kNoMemory);
-  out = zeltest::CaptureStdout(
-      [&] { EXPECT_EQ(zp::GetOrCreateSubObject(true, sw_.get(), "ports", "p1", &child), 5u); });
-  EXPECT_EQ(out, "Create sub object for key: ports failed\n");
-  EXPECT_EQ(child, nullptr);
-
-  ASSERT_EQ(zp::GetOrCreateSubObject(true, sw_.get(), "ports", "p1", &child), 0u);
-  cs::Object *again = nullptr;
-  EXPECT_EQ(zp::GetOrCreateSubObject(false, sw_.get(), "ports", "p1", &again), 0u);
-  EXPECT_EQ(again, child);
 }
 
 }  // namespace

@@ -22,7 +22,6 @@ constexpr const char *kEsMap = "com.zorlan.etherswitch.pvlanMap";
 constexpr const char *kVsMap = "com.zorlan.vswitch.pvlanMap";
 constexpr const char *kMac = "mac_management_policy", *kFp = "filter_policy";
 constexpr const char *kTeamObject = "uplink_teaming_policy";
-constexpr int32_t kOther = zp::kClassOther, kVs = zp::kClassVswitch, kCs = zp::kClassCswitch;
 
 class PolicyPort : public RoundTripTest {};
 
@@ -64,19 +63,15 @@ TEST_F(PolicyPort, ShapingAndMacManagement) {
       {26, "in_shaping_policy", kShaperIn, {},
        R"({"in_shaping_policy":{"average_bandwidth":12,"peak_bandwidth":-12,"enabled":false}})",
        {{kShaperIn, Cat({U64(1), U64(~uint64_t{0}), U64(0)})}}},
-      {26, "out_shaping_policy", kShaperOut, {}, R"({"out_shaping_policy":{"burst_size":"8"}})",
-       {{kShaperOut, Bytes(24, 0)}}},
       // Only the input row with the input object and the output row with the output object load.
       {26, "out_shaping_policy", kShaperIn, {}, both, {}},
       {26, "out_shaping_policy", kShaperOut, {}, both, {{kShaperOut, Record(24).u8(16, 100).b}}},
       {26, "in_shaping_policy", kShaperIn, Bytes(23, 0), "{}", {}, kFail},
       // What was written before a failure stays; an unreadable object is skipped.
       {26, "in_shaping_policy", kShaperIn, in,
-       R"({"in_shaping_policy":{"@types":{"average_bandwidth":"int64"},)"
-       R"("average_bandwidth":8000,"enabled":true}})",
-       {}, 7, {Op::kSetValueLong, 7, 1}},
-      {26, "in_shaping_policy", kShaperIn, {}, R"({"in_shaping_policy":{}})", {}, 0,
-       {Op::kGetSubObject, 3}},
+       R"(@{"@types":{"average_bandwidth":"int64"},"average_bandwidth":8000,"enabled":true})", {},
+       7, {Op::kSetValueLong, 7, 1}},
+      {26, "in_shaping_policy", kShaperIn, {}, "@{}", {}, 0, {Op::kGetSubObject, 3}},
 
       // Both kinds save the one object on every class; bits above 2 are dropped. It loads as the
       // etherswitch property on other classes, as the vswitch one on vswitch and cswitch.
@@ -86,8 +81,7 @@ TEST_F(PolicyPort, ShapingAndMacManagement) {
       {28, kMac, kVswitchSecurity, {}, mac, {{kVswitchSecurity, U32(5)}}, 0, {}, kCs},
       {27, kMac, kEtherSecurity, {}, mac, {}, 0, {}, kCs},
       // A missing or unreadable allowance leaves its bit clear.
-      {27, kMac, kEtherSecurity, {},
-       R"({"mac_management_policy":{"allow_promiscuous":false,"allow_mac_change":"no"}})",
+      {27, kMac, kEtherSecurity, {}, R"(@{"allow_promiscuous":false,"allow_mac_change":"no"})",
        {{kEtherSecurity, U32(1)}}},
       {27, kMac, kEtherSecurity, Bytes{1, 2, 3}, "{}", {}, kFail},
       {27, kMac, kEtherSecurity, U32(0), "-", {}, 8, {Op::kSetValueBool, 8, 2}},
@@ -117,15 +111,12 @@ TEST_F(PolicyPort, Filters) {
   padded.resize(padded.size() + 2 * 260, 0);
   Check({
       {29, kFp, kFilter, two,
-       R"({"filter_policy":{"network_filters":[)"
-       R"({"agent_name":"guard","key":"2","on_failure":"FAIL_OPEN",)"
-       R"("parameters":["a=1","mode=strict"],"slot_number":"2"},)"
-       R"({"agent_name":"tap","key":"-1","on_failure":"FAIL_CLOSED","parameters":[],)"
-       R"("slot_number":"4294967295"}]}})",
+       R"(@{"network_filters":[{"agent_name":"guard","key":"2","on_failure":"FAIL_OPEN",)"
+       R"("parameters":["a=1","mode=strict"],"slot_number":"2"},{"agent_name":"tap","key":"-1",)"
+       R"("on_failure":"FAIL_CLOSED","parameters":[],"slot_number":"4294967295"}]})",
        {{kFilter, Filters(2, {Filter(2, "guard", 1, {{0, "a=1"}, {1, "mode=strict"}}),
                               Filter(4294967295u, "tap", 0, {})})}}},
-      {29, kFp, kFilter, U32(0), R"({"filter_policy":{"network_filters":[]}})",
-       {{kFilter, U32(0)}}},
+      {29, kFp, kFilter, U32(0), R"(@{"network_filters":[]})", {{kFilter, U32(0)}}},
       // Longer values are read up to what their counts need; texts without a NUL end with their
       // slot, and stored texts are cut to theirs.
       {29, kFp, kFilter, longer,
@@ -160,9 +151,7 @@ TEST_F(PolicyPort, Filters) {
       // Instances the first pass did not list are not written.
       {29, kFp, kFilter, {}, twoStored, {{kFilter, U32(0)}}, 0, {Op::kGetSubObjectInstances, 3}},
   });
-  zel::persist::policy::testing::SetFilterAllocator([](size_t, size_t) -> void * {
-    return nullptr;
-  });
+  zel::persist::policy::testing::SetFilterAllocator([](size_t, size_t) -> void * { return {}; });
   Check({29, kFp, kFilter, {}, twoStored, {}, kFail, {}, kOther,
          "Failed to alloc memory for DVFilterConfig"});
   zel::persist::policy::testing::SetFilterAllocator(nullptr);
@@ -227,21 +216,18 @@ TEST_F(PolicyPort, Teaming) {
        R"("best_effort":false,"uplink_port_order":{"active_uplink_ports":[)" + names.substr(1) +
            R"(],"standby_uplink_ports":[")" + std::string(100, 'z') + R"(","s1","s2","s3"]}}})",
        {{kVsTeaming, TeamingRecord(hand)}}, 0, {}, kVs},
-      {17, kTeamObject, kEsTeaming, {}, R"({"uplink_teaming_policy":{}})",
-       {{kEsTeaming, TeamingRecord({})}}},
+      {17, kTeamObject, kEsTeaming, {}, "@{}", {{kEsTeaming, TeamingRecord({})}}},
       // Other classes: the vswitch kind saves and loads nothing; vswitch classes load only the
       // vswitch kind.
       {18, kTeamObject, kVsTeaming, TeamingRecord(zero), "{}", {}},
       {17, kTeamObject, kEsTeaming, TeamingRecord(zero), "-", {}, 0, {}, kVs},
       {18, kTeamObject, kVsTeaming, Bytes(2615, 0), "{}", {}, kFail, {}, kVs},
-      {17, kTeamObject, kEsTeaming, Bytes{}, "{}", {}, kFail},
       // Store failures end the conversion; kind 17 alone takes "not found" from creating the
       // object as nothing to do.
       {18, kTeamObject, "p", TeamingRecord(one), "{}", {}, 4, {Op::kCreateSubObject, 4}, kVs},
       {18, kTeamObject, "p", TeamingRecord(one),
-       R"({"uplink_teaming_policy":{"failure_criteria":{"check_beacon":false},)"
-       R"("policy":"LOADBALANCE_IP"}})",
-       {}, 4, {Op::kSetValueBool, 4, 1}, kVs},
+       R"(@{"failure_criteria":{"check_beacon":false},"policy":"LOADBALANCE_IP"})", {}, 4,
+       {Op::kSetValueBool, 4, 1}, kVs},
       {17, kTeamObject, "p", TeamingRecord(one), "{}", {}, 0, {Op::kCreateSubObject, 6}},
       {18, kTeamObject, "p", TeamingRecord(one), "{}", {}, 6, {Op::kCreateSubObject, 6}, kVs},
   });
@@ -293,9 +279,7 @@ TEST_F(PolicyPort, Vlans) {
       {24, "vlan", kEsVlan, W({1, 5, 0, 0}), R"({"vlan":{"trunk_vlan_ids":[]}})",
        {{kEsVlan, W({0, 0, 0, 0})}}},
       {24, "vlan", kEsVlan, W({0, 5, 0, 9}), "-", {{kEsVlan, W({0, 5, 0, 0})}}},
-      {24, "vlan", kEsVlan, Bytes{}, "{}", {}, kFail},
       {24, "vlan", kEsVlan, W({0, 1, 0}), "{}", {}, kFail},
-      {24, "vlan", kEsVlan, W({1, 0, 0, 2, 1, 10, 20}), "{}", {}, kFail},
       {24, "vlan", kEsVlan, Cat({W({1, 0, 0, 2, 1, 10, 20}), Bytes{30}}), "{}", {}, kFail},
       // Other classes: the vswitch kind saves nothing. Vswitch classes load it only: the private
       // VLAN wins, and a trunk range hides both ids.
@@ -334,7 +318,6 @@ TEST_F(PolicyPort, PrivateVlanMapLoadsUnderTheClassProperty) {
   } cases[] = {
       {"etherswitch", "false", 7, kEsMap}, {"vswitch", "false", 7, kEsMap},
       {"cswitch", "false", 7, kVsMap},     {"etherswitch", "true", 107, kVsMap},
-      {"vswitch", "true", 107, kVsMap},
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(std::string(c.cls) + " " + c.qor);

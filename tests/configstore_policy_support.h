@@ -15,6 +15,7 @@ namespace policytest {
 
 using namespace persisttest;
 using Op = cs::testing::Op;
+constexpr int32_t kOther = zp::kClassOther, kVs = zp::kClassVswitch, kCs = zp::kClassCswitch;
 
 // Little-endian record writer at fixed offsets.
 struct Record {
@@ -47,7 +48,8 @@ struct Case {
   uint32_t kind;
   const char *key, *name;
   std::optional<Bytes> save;  // saved on "{}"; without it the case loads `json`
-  std::string json;           // the content after the save ("-": not compared), or the one loaded
+  std::string json;  // the content after the save ("-": not compared), or the one loaded;
+                     // "@body" stands for {"<key>":body}
   Props loaded;               // what the load adds (no load after a failing save)
   uint32_t status = 0;        // of the save, or of the load
   Fault fault = {};           // injected before the save, or the load
@@ -97,7 +99,9 @@ inline std::string Check(const Case &c) {
                                     << (c.save ? c.save->size() : 0));
   const int32_t cls = std::exchange(zp::currentSwitchClass, c.cls);
   const bool qor = std::exchange(zp::currentSwitchIsQor, c.qor);
-  cfgtest::ObjectPtr o = Stored(c.save ? "{}" : c.json);
+  const std::string want =
+      c.json[0] == '@' ? "{\"" + std::string(c.key) + "\":" + c.json.substr(1) + "}" : c.json;
+  cfgtest::ObjectPtr o = Stored(c.save ? "{}" : want);
   std::optional<uint32_t> saved, loaded;
   std::string json;
   Props props;
@@ -117,7 +121,7 @@ inline std::string Check(const Case &c) {
   zp::currentSwitchIsQor = qor;
   if (c.save) {
     EXPECT_EQ(saved, c.status);
-    EXPECT_EQ(json, c.json == "-" ? json : c.json) << "saved";
+    EXPECT_EQ(json, want == "-" ? json : want) << "saved";
   }
   if (loaded) {
     EXPECT_EQ(*loaded, c.save ? 0u : c.status);

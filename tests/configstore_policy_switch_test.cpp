@@ -24,7 +24,6 @@ constexpr const char *kPortPools = "com.zorlan.common.port.respools.cfg";
 constexpr const char *kLdp = "link_discovery_protocol";
 
 class PolicySwitch : public PersistTest {};
-constexpr int32_t kOther = zp::kClassOther;
 
 Bytes Group(const std::string &name, const std::string &key, uint32_t mode, uint32_t algorithm,
             uint32_t uplinks) {
@@ -52,18 +51,14 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
   const Bytes v4 = Ipfix({10, 0, 0, 5}, false);
   const Bytes v6 = Ipfix({0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, true);
   Check({
-      {8, kLdp, kCdp, Bytes{1, 3},
-       R"({"link_discovery_protocol":{"operation":"BOTH","protocol":"LLDP"}})", {{kCdp, {1, 3}}}},
+      {8, kLdp, kCdp, Bytes{1, 3}, R"(@{"operation":"BOTH","protocol":"LLDP"})", {{kCdp, {1, 3}}}},
       // Values without a name are written as numbers and load as the unknown values.
-      {8, kLdp, kCdp, Bytes{7, 9},
-       R"({"link_discovery_protocol":{"operation":"9","protocol":"7"}})", {{kCdp, {2, 4}}}},
-      {8, kLdp, kCdp, {}, R"({"link_discovery_protocol":{"protocol":"lldp","operation":"LISTEN"}})",
-       {{kCdp, {2, 1}}}},
+      {8, kLdp, kCdp, Bytes{7, 9}, R"(@{"operation":"9","protocol":"7"})", {{kCdp, {2, 4}}}},
+      {8, kLdp, kCdp, {}, R"(@{"protocol":"lldp","operation":"LISTEN"})", {{kCdp, {2, 1}}}},
       // A key that does not read fails the load; no object adds nothing.
-      {8, kLdp, kCdp, {}, R"({"link_discovery_protocol":{"protocol":"LLDP"}})", {}, 6},
+      {8, kLdp, kCdp, {}, R"(@{"protocol":"LLDP"})", {}, 6},
       {8, kLdp, kCdp, {}, "{}", {}},
       {8, kLdp, kCdp, Bytes{1}, "{}", {}, kFail},
-      {8, kLdp, kCdp, Bytes{}, "{}", {}, kFail},
 
       {16, "lacp_groups", kLacp, groups,
        R"({"lacp_groups":[{"@types":{"uplink_num":"uint32"},"key":"g1","load_balance_algorithm":)"
@@ -85,19 +80,17 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
            R"("}]})",
        {{kLacp, Cat({U32(1), Group(longName.substr(0, 64), "k0123456789abcd", 0xFFFFFFFF, 0, 3)})}},
        0, {}, kOther, "Unknown lacp mode FAST\n"},
-      {16, "lacp_groups", kLacp, {},
-       R"({"lacp_groups":[{"key":"g1","load_balance_algorithm":"NONE","mode":"ACTIVE"}]})", {}, 6},
+      {16, "lacp_groups", kLacp, {}, R"(@[{"key":"g1","load_balance_algorithm":"NONE"}])", {}, 6},
       {16, "lacp_groups", kLacp, Bytes{1, 0}, "{}", {}, kFail},
       {16, "lacp_groups", kLacp, Cat({U32(2), Group("a", "g1", 0, 0, 1)}), "{}", {}, kFail},
       {16, "lacp_groups", kLacp, Cat({U32(1), Group("no key", "", 0, 0, 1)}), "{}", {}, kFail},
 
       {35, "lacp_policy", kPortLacp, Bytes{1, 0, 0, 0, 1, 0, 0, 0},
-       R"({"lacp_policy":{"enabled":true,"mode":"ACTIVE"}})",
-       {{kPortLacp, {1, 0, 0, 0, 1, 0, 0, 0}}}},
+       R"(@{"enabled":true,"mode":"ACTIVE"})", {{kPortLacp, {1, 0, 0, 0, 1, 0, 0, 0}}}},
       // Any non-zero byte is enabled; the unnamed mode -1 loads back as -1.
       {35, "lacp_policy", kPortLacp, Bytes{9, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, "-",
        {{kPortLacp, {1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}}}},
-      {35, "lacp_policy", kPortLacp, {}, R"({"lacp_policy":{"enabled":true}})", {}, 6},
+      {35, "lacp_policy", kPortLacp, {}, R"(@{"enabled":true})", {}, 6},
       {35, "lacp_policy", kPortLacp, {}, "{}", {}},
       {35, "lacp_policy", kPortLacp, Bytes(7, 0), "{}", {}, kFail},
 
@@ -107,8 +100,7 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
       // Text that is no address loads as the zero IPv4 address; every key may be missing.
       {10, "ipfix", kIpfix, {}, IpfixJson("collector.example"),
        {{kIpfix, Ipfix(Bytes(16, 0), false)}}},
-      {10, "ipfix", kIpfix, {},
-       R"({"ipfix":{"@types":{"collector_port":"uint16"},"collector_port":2055}})",
+      {10, "ipfix", kIpfix, {}, R"(@{"@types":{"collector_port":"uint16"},"collector_port":2055})",
        {{kIpfix, Record(36).u16(24, 2055).b}}},
       {10, "ipfix", kIpfix, {}, "{}", {}},
       {10, "ipfix", kIpfix, Bytes(35, 0), "{}", {}, kFail},
@@ -184,7 +176,6 @@ TEST_F(PolicySwitch, MirrorSessions) {
                          0xFFFFFFFF, 0, 1};
   Session one{"s1", "n"};
   one.destinations = 1;
-  const int32_t vs = zp::kClassVswitch;
   Check({
       {9, "vspans", kEther, saved,
        R"({"settings":{"promiscuous_mode_vspan_session":"s-b"},"vspans":[)"
@@ -212,10 +203,9 @@ TEST_F(PolicySwitch, MirrorSessions) {
       {9, "vspans", kEther, loaded, "-", {{kEther, loaded}}},
       // Each class loads its own row only.
       {9, "vspans", kVswitch, {}, bogus, {{kVswitch, Table({defaults}, {})}}, 0, {},
-       vs, "Unknown vspan session type in schema: BOGUS\n"},
-      {9, "vspans", kEther, {}, bogus, {}, 0, {}, vs},
+       kVs, "Unknown vspan session type in schema: BOGUS\n"},
+      {9, "vspans", kEther, {}, bogus, {}, 0, {}, kVs},
       {9, "vspans", kVswitch, {}, bogus, {}, 0, {}, kOther},
-      {9, "vspans", "com.other.mirror", {}, bogus, {}},
       // A session bool of the wrong type fails the load; no sessions add nothing.
       {9, "vspans", kEther, {}, R"({"vspans":[{"key":"s1","legacy_mode":"yes"}]})", {},
        static_cast<uint32_t>(cs::kTypeMismatch)},
@@ -225,7 +215,6 @@ TEST_F(PolicySwitch, MirrorSessions) {
       // entry, a session without a key, narrow entries on a wide switch.
       {9, "vspans", kEther, Bytes(19, 0), "{}", {}, kFail},
       {9, "vspans", kEther, Record(20).u32(8, 1).b, "{}", {}, kFail},
-      {9, "vspans", kEther, Table({one}, {}, false), "{}", {}, kFail},
       {9, "vspans", kEther, Table({one}, {Bytes(35, 0)}, false), "{}", {}, kFail},
       {9, "vspans", kEther, Table({Session{"", "n"}}, {}, false), "{}", {}, kFail},
       {9, "vspans", kEther, Table({one}, {Entry(0, "p1")}, false), "{}", {}, kFail, {}, kOther,
@@ -290,8 +279,8 @@ Bytes Keys(const std::vector<std::string> &keys) {
 
 TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
   const char *hc = "health_checks", *tr = "traffic_resources", *nk = "network_resource_pool_keys";
-  const std::string check = R"({"health_checks":[{"key":"VLAN_MTU","enabled":true}]})";
-  const std::string pool = R"({"traffic_resources":[{"key":"a"}]})";
+  const std::string check = R"(@[{"key":"VLAN_MTU","enabled":true}])";
+  const std::string teaming = R"(@[{"key":"TEAMING","enabled":true}])";
   const std::string longKey(150, 'k'), key199(199, 'x');
   const std::vector<Pool> two = {{"pool-a", 100, 50, -1}, {"pool-b", 0x01020304, 7, 1000}};
   Bytes cutPools = Pools({{"a", 1, 1, 1}, {"b", 1, 1, 1}}), cutKeys = Keys({"a", "b"});
@@ -299,22 +288,21 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
   cutKeys.pop_back();
   Check({
       {11, hc, kVlanMtu, HealthCheck(2, 60),
-       R"({"health_checks":[{"@types":{"interval":"uint32"},"enabled":true,"interval":60,)"
-       R"("key":"VLAN_MTU"}]})",
+       R"(@[{"@types":{"interval":"uint32"},"enabled":true,"interval":60,"key":"VLAN_MTU"}])",
        {{kVlanMtu, {1, 60, 0, 0, 0}}}},
       {11, hc, kTeaming, HealthCheck(0, 0x01020304),
-       R"({"health_checks":[{"@types":{"interval":"uint32"},"enabled":false,)"
-       R"("interval":16909060,"key":"TEAMING"}]})",
+       R"(@[{"@types":{"interval":"uint32"},"enabled":false,"interval":16909060,"key":"TEAMING"}])",
        {{kTeaming, {0, 4, 3, 2, 1}}}},
       // Fields that cannot be read stay zero; an absent check adds nothing.
-      {11, hc, kTeaming, {}, R"({"health_checks":[{"key":"TEAMING","enabled":true}]})",
-       {{kTeaming, {1, 0, 0, 0, 0}}}},
-      {11, hc, kVlanMtu, {}, R"({"health_checks":[{"key":"TEAMING","enabled":true}]})", {}},
+      {11, hc, kTeaming, {}, teaming, {{kTeaming, {1, 0, 0, 0, 0}}}},
+      {11, hc, kVlanMtu, {}, teaming, {}},
       {11, hc, "com.x.check", HealthCheck(1, 1), "{}", {}, kFail, {}, kOther,
        "Unknown health check type com.x.check\n"},
       {11, hc, "com.x.check", {}, check, {}, kFail},
       {11, hc, kVlanMtu, Bytes{1, 0, 0, 0}, "{}", {}, kFail},
       {11, hc, kVlanMtu, HealthCheck(1, 1), "-", {}, 7, {Op::kSetValueBool, 7}},
+      {11, hc, kVlanMtu, HealthCheck(1, 1), "{}", {}, 3, {Op::kGetSubObject, 3}, kOther,
+       "GetOrCreateSubObject for prop: health_checks failed, failure code: 3\n"},
       {11, hc, kVlanMtu, {}, check, {}, 9, {Op::kGetSubObject, 9}},
 
       // Bytes that are not converted come back zero.
@@ -329,26 +317,23 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
       {12, tr, kPools, {}, R"({"traffic_resources":[{"key":")" + longKey + R"("}]})",
        {{kPools, Pools({{longKey.substr(0, 127), 0, 0, 0}})}}},
       {12, tr, kPools, U32(0), "{}", {}},
-      {12, tr, kPools, {}, R"({"traffic_resources":[]})", {}},
+      {12, tr, kPools, {}, "@[]", {}},
       {12, tr, kPools, cutPools, "{}", {}, kFail},
       {12, tr, kPools, Bytes{1, 0, 0}, "{}", {}, kFail},
       {12, tr, kPools, Pools({{"", 1, 1, 1}}), "-", {}, kFail},
       {12, tr, kPools, Pools({{"a", 1, 1, 1}}), "-", {}, 7, {Op::kSetValueUint32, 7, 1}},
-      {12, tr, kPools, {}, pool, {}, 8, {Op::kGetSubObjectInstances, 8}},
-      {12, tr, kPools, {}, pool, {}, 5, {Op::kCreateFilterSpecObject, 5}},
+      {12, tr, kPools, {}, R"(@[{"key":"a"}])", {}, 8, {Op::kGetSubObjectInstances, 8}},
 
       // A slot holds 199 characters on saving; a load cuts keys to 127.
-      {13, nk, kKeys, Keys({"alpha", "beta", "gamma"}),
-       R"({"network_resource_pool_keys":["alpha","beta","gamma"]})",
+      {13, nk, kKeys, Keys({"alpha", "beta", "gamma"}), R"(@["alpha","beta","gamma"])",
        {{kKeys, Keys({"alpha", "beta", "gamma"})}}},
       {13, nk, kKeys, Keys({key199}), R"({"network_resource_pool_keys":[")" + key199 + R"("]})",
        {{kKeys, Keys({key199.substr(0, 127)})}}},
       {13, nk, kKeys, U32(0), "{}", {}},
-      {13, nk, kKeys, {}, R"({"network_resource_pool_keys":[]})", {}},
+      {13, nk, kKeys, {}, "@[]", {}},
       {13, nk, kKeys, cutKeys, "{}", {}, kFail},
       {13, nk, kKeys, Keys({"a", "b"}), "-", {}, 7, {Op::kAppendValueString, 7, 1}},
-      {13, nk, kKeys, {}, R"({"network_resource_pool_keys":["a"]})", {}, 9,
-       {Op::kGetValueStringArray, 9}},
+      {13, nk, kKeys, {}, R"(@["a"])", {}, 9, {Op::kGetValueStringArray, 9}},
   });
 }
 
@@ -405,8 +390,7 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
     Props loaded;
     std::vector<uint32_t> types;
   } cases[] = {
-      {22,
-       zp::kTableGlobal,
+      {22, zp::kTableGlobal,
        {{"com.vendor.setting", Text("abc"), kText},
         {"com.zorlan.extraconfig.mode", Bytes{'o', 'n', 0, 'x'}, kText},
         {"x.com.zorlan.extraconfig", Text("y"), kText},
@@ -422,16 +406,14 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
         {"com.zorlan.extraconfig.blob", Bytes{1, 0, 2}}, {"com.vendor.raw", Bytes{0xDE, 0xAD}},
         {"com.zorlan.extraconfig.mode", Text("on")}, {"x.com.zorlan.extraconfig", Text("y")}},
        {kText, kText, kOpaque, kOpaque, kText, kText}},
-      {22,
-       zp::kTableHost,
+      {22, zp::kTableHost,
        {{"com.vendor.host", Bytes{'h', 0, 'z'}, kText}, {"com.vendor.hostblob", Bytes{0, 9}, kRaw}},
        R"({"data":{"host_opaque_data":[{"@types":{"opaque_data":"binary"},)"
        R"("key":"com.vendor.hostblob","opaque_data":"AAk="}],)"
        R"("vendor_specific_host_member_config":[{"key":"com.vendor.host","value":"h"}]}})",
        {{"com.vendor.host", Bytes{'h', 0}}, {"com.vendor.hostblob", Bytes{0, 9}}},
        {kText, kOpaque}},
-      {33,
-       zp::kTablePort,
+      {33, zp::kTablePort,
        {{"com.vendor.filter.ruleset", Bytes{7, 0, 7}, kRaw},
         {"com.zorlan.port.extraConfig.a", Text("A"), kRaw},
         {"com.zorlan.port.extraConfigB", Text("B"), kText},
@@ -489,47 +471,37 @@ TEST_F(PolicySwitch, CatchAllStoreFailures) {
       R"("vendor_specific_host_member_config":[{"key":"h.v","value":"3"}],)"
       R"("ruleset_data":[{"key":"p.r","opaque_data":"AQ==","@types":{"opaque_data":"binary"}}],)"
       R"("vendor_specific_data":[{"key":"p.v","value":"4"}]}})";
-  const uint32_t global = zp::kTableGlobal, host = zp::kTableHost, port = zp::kTablePort;
-  const struct {
-    bool save;  // of "com.v.p" with `type` on "{}", else a load of `stored`
-    Op op;
-    int status, skip;
-    uint32_t kind, type, table, result;
-  } cases[] = {
-      {true, Op::kGetSubObject, 7, 0, 22, kText, global, 7},
-      {true, Op::kGenerateInstanceId, 7, 0, 22, kOpaque, global, 7},
-      {true, Op::kSetValueBinary, 7, 0, 22, kOpaque, host, 7},
-      {true, Op::kSetValueStr, 7, 0, 22, kText, host, 7},
-      {true, Op::kCreateSubObject, 7, 0, 33, kOpaque, port, 7},
-      {true, Op::kSetValueUint32, 7, 0, 33, kRaw, port, 7},
-      // A data object that cannot be read, and reads that fail.
-      {false, Op::kGetSubObject, 7, 0, 22, 0, global, 7},
-      {false, Op::kGetValueStr, 8, 1, 22, 0, global, 8},
-      {false, Op::kGetValueBinary, 8, 0, 33, 0, port, 8},
-      // Switch: an earlier listing that fails is passed over, the last one is not.
-      {false, Op::kGetSubObjectInstances, 7, 0, 22, 0, global, 0},
-      {false, Op::kGetSubObjectInstances, 7, 2, 22, 0, global, 7},
-      {false, Op::kCreateFilterSpecObject, 5, 1, 22, 0, host, 5},
-      // Port: any listing failure ends the load.
-      {false, Op::kGetSubObjectInstances, 7, 3, 33, 0, port, 7},
-      {false, Op::kCreateFilterSpecObject, 5, 0, 33, 0, port, 5},
-      {false, Op::kGetSubObject, 0, 0, 33, 0, port, 0},
+  // Saves of "com.v.p" with a type on "{}"; loads of `stored`.
+  const auto save = [](uint32_t kind, uint32_t table, uint32_t type, Op op) {
+    Case c{kind, "data", "com.v.p", Text("v"), "-", {}, 7, {op, 7}};
+    c.table = table, c.type = type;
+    return c;
   };
-  const Props switchLoaded = {{"s.e", Text("2")}};
-  const Props portLoaded = {{"p.r", {1}}, {"s.e", Text("2")}, {"p.v", Text("4")}};
-  for (const auto &c : cases) {
-    SCOPED_TRACE(::testing::Message() << static_cast<int>(c.op) << " skip " << c.skip);
-    cfgtest::ObjectPtr o = Stored(c.save ? "{}" : stored);
-    if (c.status != 0) cs::testing::FailNext(c.op, c.status, c.skip);
-    Props props;
-    EXPECT_EQ(c.save ? SaveOn(o.get(), c.kind, "data", "com.v.p", Text("v"), c.table, c.type)
-                     : LoadFrom(o.get(), c.kind, "data", "DEFAULT", &props, nullptr, c.table),
-              c.result);
-    cs::testing::ClearFailures();
-    if (!c.save && c.result == 0) {
-      EXPECT_EQ(props, c.kind == 22 ? switchLoaded : portLoaded);
-    }
-  }
+  const auto load = [&](uint32_t kind, uint32_t table, Fault f, uint32_t status, Props props) {
+    Case c{kind, "data", "DEFAULT", {}, stored, std::move(props), status, f};
+    c.table = table;
+    return c;
+  };
+  const uint32_t global = zp::kTableGlobal, host = zp::kTableHost, port = zp::kTablePort;
+  Check({
+      save(22, global, kText, Op::kGetSubObject),
+      save(22, global, kOpaque, Op::kGenerateInstanceId),
+      save(22, host, kOpaque, Op::kSetValueBinary),
+      save(22, host, kText, Op::kSetValueStr),
+      save(33, port, kOpaque, Op::kCreateSubObject),
+      save(33, port, kRaw, Op::kSetValueUint32),
+      // A data object that cannot be read, and reads that fail.
+      load(22, global, {Op::kGetSubObject, 7}, 7, {}),
+      load(22, global, {Op::kGetValueStr, 8, 1}, 8, {}),
+      load(33, port, {Op::kGetValueBinary, 8}, 8, {}),
+      // Switch: an earlier listing that fails is passed over, the last one is not.
+      load(22, global, {Op::kGetSubObjectInstances, 7}, 0, {{"s.e", Text("2")}}),
+      load(22, global, {Op::kGetSubObjectInstances, 7, 2}, 7, {{"s.v", Text("1")}}),
+      // Port: any listing failure ends the load.
+      load(33, port, {Op::kGetSubObjectInstances, 7, 3}, 7, {{"p.r", {1}}, {"s.e", Text("2")}}),
+      load(33, port, {Op::kCreateFilterSpecObject, 5}, 5, {}),
+      load(33, port, {}, 0, {{"p.r", {1}}, {"s.e", Text("2")}, {"p.v", Text("4")}}),
+  });
 }
 
 }  // namespace
