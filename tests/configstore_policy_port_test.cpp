@@ -77,7 +77,6 @@ TEST_F(PolicyPort, ShapingAndMacManagement) {
       // etherswitch property on other classes, as the vswitch one on vswitch and cswitch.
       {27, kMac, kEtherSecurity, U32(0xFFFFFFFD), mac, {{kEtherSecurity, U32(5)}}},
       {28, kMac, kVswitchSecurity, U32(0xFFFFFFFD), mac, {}},
-      {28, kMac, kVswitchSecurity, U32(0xFFFFFFFD), mac, {{kVswitchSecurity, U32(5)}}, 0, {}, kVs},
       {28, kMac, kVswitchSecurity, {}, mac, {{kVswitchSecurity, U32(5)}}, 0, {}, kCs},
       {27, kMac, kEtherSecurity, {}, mac, {}, 0, {}, kCs},
       // A missing or unreadable allowance leaves its bit clear.
@@ -175,16 +174,11 @@ Bytes TeamingRecord(const Teaming &t) {
 }
 
 TEST_F(PolicyPort, Teaming) {
-  Teaming all{4, 0xFFFFFFFF, 50, 7, 1000, 0xFFFFFFFF, 2, 1, {"u1", "u2", "u3", "left-over"}};
+  const Teaming all{4, 0xFFFFFFFF, 50, 7, 1000, 0xFFFFFFFF, 2, 1, {"u1", "u2", "u3", "left-over"}};
   // Only failure bits 5 and 7 (plus 9 from the load) and teaming bits 1-5 survive; slots past the
   // counts come back empty; full duplex reads as 1.
-  Teaming back = all;
-  back.failureFlags = 0x2A0;
-  back.teamingFlags = 0x3E;
-  back.fullDuplex = 1;
-  back.names.pop_back();
-  // Counts beyond the 32 slots are cut, the standby one first; a slot without a NUL gives 80
-  // characters.
+  const Teaming back{4, 0x2A0, 50, 1, 1000, 0x3E, 2, 1, {"u1", "u2", "u3"}};
+  // Counts past the 32 slots are cut, standby first; a slot without a NUL gives 80 characters.
   Teaming many{0, 0, 0, 0, 0, 0, 30, 0xFFFFFFFF, {std::string(81, 'x')}};
   many.names.resize(32, "n");
   Teaming manyBack = many;
@@ -217,13 +211,11 @@ TEST_F(PolicyPort, Teaming) {
            R"(],"standby_uplink_ports":[")" + std::string(100, 'z') + R"(","s1","s2","s3"]}}})",
        {{kVsTeaming, TeamingRecord(hand)}}, 0, {}, kVs},
       {17, kTeamObject, kEsTeaming, {}, "@{}", {{kEsTeaming, TeamingRecord({})}}},
-      // Other classes: the vswitch kind saves and loads nothing; vswitch classes load only the
-      // vswitch kind.
+      // On other classes kind 18 saves and loads nothing; vswitch classes load kind 18 alone.
       {18, kTeamObject, kVsTeaming, TeamingRecord(zero), "{}", {}},
       {17, kTeamObject, kEsTeaming, TeamingRecord(zero), "-", {}, 0, {}, kVs},
       {18, kTeamObject, kVsTeaming, Bytes(2615, 0), "{}", {}, kFail, {}, kVs},
-      // Store failures end the conversion; kind 17 alone takes "not found" from creating the
-      // object as nothing to do.
+      // Store failures end the save; kind 17 alone takes "not found" on creating as nothing to do.
       {18, kTeamObject, "p", TeamingRecord(one), "{}", {}, 4, {Op::kCreateSubObject, 4}, kVs},
       {18, kTeamObject, "p", TeamingRecord(one),
        R"(@{"failure_criteria":{"check_beacon":false},"policy":"LOADBALANCE_IP"})", {}, 4,
@@ -276,8 +268,7 @@ TEST_F(PolicyPort, Vlans) {
            R"("end":30,"key":"*","start":20}]}})",
        {{kEsVlan, W({1, 0, 0, 2, 1, 10, 20, 30})}}},
       // An empty trunk comes back as VLAN 0; a single VLAN needs only its 8 bytes.
-      {24, "vlan", kEsVlan, W({1, 5, 0, 0}), R"({"vlan":{"trunk_vlan_ids":[]}})",
-       {{kEsVlan, W({0, 0, 0, 0})}}},
+      {24, "vlan", kEsVlan, W({1, 5, 0, 0}), R"(@{"trunk_vlan_ids":[]})", {{kEsVlan, Bytes(8, 0)}}},
       {24, "vlan", kEsVlan, W({0, 5, 0, 9}), "-", {{kEsVlan, W({0, 5, 0, 0})}}},
       {24, "vlan", kEsVlan, W({0, 1, 0}), "{}", {}, kFail},
       {24, "vlan", kEsVlan, Cat({W({1, 0, 0, 2, 1, 10, 20}), Bytes{30}}), "{}", {}, kFail},
@@ -303,8 +294,7 @@ TEST_F(PolicyPort, PrivateVlanMapLoadsUnderTheClassProperty) {
   const Bytes saved(map.begin(), map.begin() + 20);
   const Bytes loaded = Cat({Entry(10, 11, 1), Entry(10, 12, 2)});
   const Teaming team{0, 0, 0, 0, 1000, 0, 1, 0, {"uplink1"}};
-  Teaming teamBack = team;
-  teamBack.failureFlags = 0x200;
+  const Teaming teamBack{0, 0x200, 0, 0, 1000, 0, 1, 0, {"uplink1"}};
   const std::string stored =
       R"("pvlans":[{"@types":{"primary_id":"uint16","secondary_id":"uint16"},"key":"*",)"
       R"("primary_id":10,"secondary_id":11,"type":"PROMISCUOUS"},)"
@@ -338,22 +328,19 @@ TEST_F(PolicyPort, PrivateVlanMapLoadsUnderTheClassProperty) {
 }
 
 TEST_F(PolicyPort, PrivateVlanMapFailures) {
-  // A type without a name refuses the whole map before anything is written.
-  std::vector<Case> cases;
-  for (uint8_t type : {0, 4, 255})
-    cases.push_back(
-        {6, "pvlans", kEsMap, Cat({Entry(1, 2, 1), Entry(1, 3, type)}), "{}", {}, kFail});
   const std::string head =
       R"({"product":{"forwarding_class":"etherswitch","version":"7.0.0"},"pvlans":[)"
       R"({"key":"a","primary_id":1,"secondary_id":2,)";
-  cases.push_back({6, "pvlans", kEsMap, {}, head + R"("type":"isolated"}]})", {}, kFail, {},
-                   kOther, "Unknown PvlanType isolated\n"});
-  cases.push_back({6, "pvlans", kEsMap, {},
-                   head + R"("type":"ISOLATED"},{"key":"b","secondary_id":2,"type":"ISOLATED"}]})",
-                   {}, static_cast<uint32_t>(cs::kNotFound)});
-  cases.push_back({6, "pvlans", kEsMap, {}, head + R"("type":2}]})", {},
-                   static_cast<uint32_t>(cs::kTypeMismatch)});
-  Check(cases);
+  Check({
+      // A type without a name refuses the whole map before anything is written.
+      {6, "pvlans", kEsMap, Cat({Entry(1, 2, 1), Entry(1, 3, 0)}), "{}", {}, kFail},
+      {6, "pvlans", kEsMap, Cat({Entry(1, 2, 1), Entry(1, 3, 4)}), "{}", {}, kFail},
+      {6, "pvlans", kEsMap, {}, head + R"("type":"isolated"}]})", {}, kFail, {}, kOther,
+       "Unknown PvlanType isolated\n"},
+      {6, "pvlans", kEsMap, {},
+       head + R"("type":"ISOLATED"},{"key":"b","secondary_id":2,"type":"ISOLATED"}]})", {}, 6},
+      {6, "pvlans", kEsMap, {}, head + R"("type":2}]})", {}, 3},
+  });
   // An empty map saves an empty list and loads as nothing.
   Loaded sw = RoundTrip("sw-v", "etherswitch", {{kEsMap, Bytes{1, 2, 3}}}, {});
   EXPECT_NE(Json("sw-v").find(R"("pvlans":[])"), std::string::npos);

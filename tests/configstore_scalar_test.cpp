@@ -46,11 +46,7 @@ SwitchDef EtherSwitch() {
   return s;
 }
 
-class PersistScalar : public RoundTripTest {
- protected:
-  // Port p1 is an uplink in some tests; its resource pools are not looked at.
-  ScopedKinds pools_{{36}, zp::KindCase{NoSave, NoLoad}};
-};
+class PersistScalar : public RoundTripTest {};
 
 TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
   ASSERT_EQ(Save({EtherSwitch()}), 0u);
@@ -142,46 +138,30 @@ TEST_F(PersistScalar, FlagsAndTextsAreNormalized) {
   });
 }
 
-TEST_F(PersistScalar, VersionCodeComesBackFromTextAndQorFlag) {
-  struct Case {
+TEST_F(PersistScalar, VersionCodeAsTextAndBackWithTheQorFlag) {
+  const char *version = "com.zorlan.common.version";
+  const struct {
     uint32_t code;
-    const char *qor;  // host "com.zorlan.common.portset.qor", or null
-    const char *text;
+    const char *text, *qor;  // "qor_enabled" of the loaded switch, or null
     uint32_t loaded;
-  } cases[] = {
-      {4, nullptr, "6.0.0", 4},       {5, nullptr, "6.5.0", 5},     {6, nullptr, "6.6.0", 6},
-      {7, nullptr, "7.0.0", 7},       {100, nullptr, "QOR 1.0", 100}, {107, "true", "7.0.0", 107},
-      {107, "false", "7.0.0", 7},     {107, nullptr, "7.0.0", 7},
-  };
-  for (const Case &c : cases) {
+  } cases[] = {{4, "6.0.0", nullptr, 4},    {5, "6.5.0", nullptr, 5},   {6, "6.6.0", nullptr, 6},
+               {7, "7.0.0", nullptr, 7},    {100, "QOR 1.0", nullptr, 100},
+               {107, "7.0.0", "true", 107}, {107, "7.0.0", "false", 7}, {107, "7.0.0", nullptr, 7}};
+  for (const auto &c : cases) {
     SCOPED_TRACE(c.code);
-    SwitchDef s;
-    s.id = "sw-v";
-    s.version = c.code;
-    s.global = {{"com.zorlan.common.version", U32(c.code)}};
-    if (c.qor != nullptr) s.host = {{"com.zorlan.common.portset.qor", Text(c.qor)}};
-    ASSERT_EQ(Save({s}), 0u);
-    EXPECT_NE(Json("sw-v").find(std::string(R"("version":")") + c.text + "\""), std::string::npos);
-    Loaded sw = LoadOne();
-    EXPECT_EQ(sw.version, c.loaded);
-    EXPECT_EQ(sw.global, (Props{{"com.zorlan.common.alias", Text("unknown")},
-                                {"com.zorlan.common.version", U32(c.loaded)}}));
+    cfgtest::ObjectPtr o = policytest::Stored("{}");
+    EXPECT_EQ(policytest::SaveOn(o.get(), 15, "version", version, U32(c.code)), 0u);
+    const std::string text = R"("version":")" + std::string(c.text) + "\"";
+    EXPECT_EQ(cfgtest::Json(o.get()), "{" + text + "}");
+    const std::string qor = c.qor ? R"(,"qor_enabled":)" + std::string(c.qor) : "";
+    policytest::Check({15, "version", version, {}, R"({"product":{)" + text + "}" + qor + "}",
+                       {{version, U32(c.loaded)}}});
   }
+  policytest::Check({15, "version", version, U32(8), "{}", {}, kFail, {}, policytest::kOther,
+                     "Unknow version : 8\n"});
 }
 
 TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
-  const std::string before = Dump();
-  zelconfigstore_debug = 0;
-  SwitchDef s;
-  s.id = "sw-m";
-  s.global = {{"com.zorlan.common.version", U32(8)}};
-  std::string out = zeltest::CaptureStdout([&] { EXPECT_EQ(Save({s}), kFail); });
-  EXPECT_EQ(out,
-            "Unknow version : 8\n"
-            "Set prop: com.zorlan.common.version failed\n"
-            "Failed to save zel: sw-m to configstore\n"
-            "Failed to save zel to configstore");
-  EXPECT_EQ(Dump(), before);
   // Numbers and list counts shorter than 4 bytes are refused; of a count beyond the value's slots
   // only the whole slots present are read; loaded names are cut to their slots.
   const std::string key(60, 'k'), name(100, 'n');
