@@ -1,5 +1,4 @@
-// Port policy conversions: traffic shaping, MAC management, filters, uplink teaming, VLANs, and
-// the private-VLAN map whose row depends on the stored switch.
+// Port policy conversions (shaping, MAC, filters, teaming, VLANs) and the private-VLAN map.
 #include <string>
 
 #include "configstore/policy/port_policies.h"
@@ -73,8 +72,7 @@ TEST_F(PolicyPort, ShapingAndMacManagement) {
        7, {Op::kSetValueLong, 7, 1}},
       {26, "in_shaping_policy", kShaperIn, {}, "@{}", {}, 0, {Op::kGetSubObject, 3}},
 
-      // Both kinds save the one object on every class; bits above 2 are dropped. It loads as the
-      // etherswitch property on other classes, as the vswitch one on vswitch and cswitch.
+      // Both kinds save on any class, bits above 2 dropped; kind 28 loads on vswitch classes only.
       {27, kMac, kEtherSecurity, U32(0xFFFFFFFD), mac, {{kEtherSecurity, U32(5)}}},
       {28, kMac, kVswitchSecurity, U32(0xFFFFFFFD), mac, {}},
       {28, kMac, kVswitchSecurity, {}, mac, {{kVswitchSecurity, U32(5)}}, 0, {}, kCs},
@@ -89,9 +87,8 @@ TEST_F(PolicyPort, ShapingAndMacManagement) {
 }
 
 TEST_F(PolicyPort, Filters) {
-  // Two filters, the first with two parameters (indexes as the kernel left them), the second with
-  // none and a slot that is -1 when signed. The load numbers the parameters and maps every
-  // failure mode but 1 to 0.
+  // The second filter's slot is -1 when signed. The load numbers the parameters afresh and maps
+  // every failure mode but 1 to 0.
   const Bytes two = Filters(2, {Filter(2, "guard", 1, {{7, "a=1"}, {9, "mode=strict"}}),
                                 Filter(4294967295u, "tap", 5, {})});
   const Bytes one = Filter(1, "f", 0, {{0, "x"}});
@@ -102,9 +99,8 @@ TEST_F(PolicyPort, Filters) {
   const std::string twoStored = R"({"filter_policy":{"network_filters":[)"
                                 R"({"key":"1","slot_number":"1","parameters":["p","q"]},)"
                                 R"({"key":"2","slot_number":"2","parameters":["r"]}]}})";
-  // A list that reads in the second pass but not the first gets no room; one that reads in the
-  // first only keeps its room zero at the value's end. Either way the next filter follows the
-  // first one's header.
+  // A list that reads in only one of the two passes gets no parameters (its room, if any, stays
+  // zero at the value's end); the next filter follows the first one's header.
   const Bytes skipped = Filters(2, {Filter(1, "", 0, {}), Filter(2, "", 0, {{0, "r"}})});
   Bytes padded = skipped;
   padded.resize(padded.size() + 2 * 260, 0);
@@ -116,8 +112,7 @@ TEST_F(PolicyPort, Filters) {
        {{kFilter, Filters(2, {Filter(2, "guard", 1, {{0, "a=1"}, {1, "mode=strict"}}),
                               Filter(4294967295u, "tap", 0, {})})}}},
       {29, kFp, kFilter, U32(0), R"(@{"network_filters":[]})", {{kFilter, U32(0)}}},
-      // Longer values are read up to what their counts need; texts without a NUL end with their
-      // slot, and stored texts are cut to theirs.
+      // Values are read as far as their counts need; texts are cut to their slots.
       {29, kFp, kFilter, longer,
        R"({"filter_policy":{"network_filters":[{"agent_name":")" + agent40 +
            R"(","key":"3","on_failure":"FAIL_OPEN","parameters":[")" + param256 +
@@ -272,8 +267,7 @@ TEST_F(PolicyPort, Vlans) {
       {24, "vlan", kEsVlan, W({0, 5, 0, 9}), "-", {{kEsVlan, W({0, 5, 0, 0})}}},
       {24, "vlan", kEsVlan, W({0, 1, 0}), "{}", {}, kFail},
       {24, "vlan", kEsVlan, Cat({W({1, 0, 0, 2, 1, 10, 20}), Bytes{30}}), "{}", {}, kFail},
-      // Other classes: the vswitch kind saves nothing. Vswitch classes load it only: the private
-      // VLAN wins, and a trunk range hides both ids.
+      // Kind 25 saves and loads on vswitch classes only: the private VLAN wins, a trunk hides both.
       {25, "vlan", kVsVlan, W({0, 42, 0, 0}), "{}", {}},
       {24, "vlan", kEsVlan, {}, both + "]}}", {}, 0, {}, kVs},
       {25, "vlan", kVsVlan, {}, both + "]}}", {{kVsVlan, W({2, 200, 0, 0})}}, 0, {}, kCs},
@@ -311,8 +305,8 @@ TEST_F(PolicyPort, PrivateVlanMapLoadsUnderTheClassProperty) {
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(std::string(c.cls) + " " + c.qor);
-    // Both properties save into the one list; the second save replaces it. On vswitch classes
-    // the etherswitch teaming row saves but the vswitch one loads.
+    // Both maps save into one list, the second replacing the first; on vswitch classes the
+    // etherswitch teaming row saves and the vswitch one loads.
     Loaded sw = RoundTrip("sw-v", c.cls,
                           {{"com.zorlan.common.version", U32(c.version)},
                            {kEsMap, Entry(1, 2, 3)},

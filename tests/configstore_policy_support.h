@@ -128,9 +128,7 @@ inline std::string Check(const Case &c) {
     EXPECT_EQ(props, c.loaded);
     EXPECT_EQ(types, c.types.empty() ? std::vector<uint32_t>(props.size(), 16) : c.types);
   }
-  if (c.out != nullptr) {
-    EXPECT_EQ(out, c.out);
-  }
+  EXPECT_EQ(out, c.out != nullptr ? c.out : out);
   return json;
 }
 

@@ -162,8 +162,7 @@ TEST_F(PersistScalar, VersionCodeAsTextAndBackWithTheQorFlag) {
 }
 
 TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
-  // Numbers and list counts shorter than 4 bytes are refused; of a count beyond the value's slots
-  // only the whole slots present are read; loaded names are cut to their slots.
+  // Short numbers and counts are refused; only whole slots are read; names are cut to their slots.
   const std::string key(60, 'k'), name(100, 'n');
   Bytes names = NameList({"u1", "u2"}, 81, 5);
   names.pop_back();
