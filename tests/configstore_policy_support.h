@@ -36,6 +36,7 @@ struct Record {
 };
 
 inline Bytes U16(uint16_t v) { return Record(2).u16(0, v).b; }
+inline Bytes Short(Bytes b) { return b.pop_back(), b; }  // the value less its last byte
 inline Bytes U64(uint64_t v) { return Record(8).le(0, v, 8).b; }
 
 struct Fault {
@@ -79,20 +80,6 @@ inline uint32_t SaveOn(cs::Object *o, uint32_t kind, const char *key, const char
   return zp::FindKind(kind)->save(args);
 }
 
-// The load of row `name`; the properties it added in *props and their types in *types.
-inline uint32_t LoadFrom(cs::Object *o, uint32_t kind, const char *key, const char *name,
-                         Props *props, std::vector<uint32_t> *types = nullptr,
-                         uint32_t table = zp::kTableGlobal, uint32_t version = 7) {
-  PropertyList *list = zelstatetest::MakeList({});
-  const uint32_t status = zp::FindKind(kind)->load({o, o, key, list, name, 16, table, version});
-  *props = zelstatetest::ListProps(list);
-  PropertyEntry *entry = nullptr;
-  while (types != nullptr && ZELData_Next(list, entry, &entry) == STATUS_OK)
-    types->push_back(ZELData_PropType(entry));
-  ZELData_Free(list);
-  return status;
-}
-
 // Runs a case on the switch class and QOR flag it names; returns the content after its save.
 inline std::string Check(const Case &c) {
   SCOPED_TRACE(::testing::Message() << "kind " << c.kind << " " << c.name << " "
@@ -104,8 +91,7 @@ inline std::string Check(const Case &c) {
   cfgtest::ObjectPtr o = Stored(c.save ? "{}" : want);
   std::optional<uint32_t> saved, loaded;
   std::string json;
-  Props props;
-  std::vector<uint32_t> types;
+  PropertyList *list = zelstatetest::MakeList({});
   zeltest::ScopedLevel level(zelconfigstore_debug, c.out != nullptr ? 0 : zelconfigstore_debug);
   const std::string out = zeltest::CaptureStdout([&] {
     if (c.fault.status != 0) cs::testing::FailNext(c.fault.op, c.fault.status, c.fault.skip);
@@ -114,8 +100,14 @@ inline std::string Check(const Case &c) {
       json = Masked(cfgtest::Json(o.get()));
     }
     if (saved.value_or(0) == 0 && (!c.save || c.status == 0))
-      loaded = LoadFrom(o.get(), c.kind, c.key, c.name, &props, &types, c.table, c.version);
+      loaded = zp::FindKind(c.kind)->load({o.get(), o.get(), c.key, list, c.name, 16, c.table,
+                                           c.version});
   });
+  const Props props = zelstatetest::ListProps(list);
+  std::vector<uint32_t> types;
+  for (PropertyEntry *e = nullptr; ZELData_Next(list, e, &e) == STATUS_OK;)
+    types.push_back(ZELData_PropType(e));
+  ZELData_Free(list);
   cs::testing::ClearFailures();
   zp::currentSwitchClass = cls;
   zp::currentSwitchIsQor = qor;

@@ -33,12 +33,11 @@ Bytes Ipfix(Bytes address, bool v6) {
               Bytes{1, static_cast<uint8_t>(v6)}, U32(77)});
 }
 std::string IpfixJson(const std::string &address) {
-  return R"({"ipfix":{"@types":{"active_flow_timeout":"uint32","collector_port":"uint16",)"
-         R"("idle_flow_timeout":"uint32","observation_domain_id":"uint32",)"
-         R"("sampling_rate":"uint32"},"active_flow_timeout":300,"collector_address":")" +
-         address +
+  return R"(@{"@types":{"active_flow_timeout":"uint32","collector_port":"uint16",)"
+         R"("idle_flow_timeout":"uint32","observation_domain_id":"uint32","sampling_rate":)"
+         R"("uint32"},"active_flow_timeout":300,"collector_address":")" + address +
          R"(","collector_port":4739,"idle_flow_timeout":60,"internal_flows_only":true,)"
-         R"("observation_domain_id":77,"sampling_rate":16909060}})";
+         R"("observation_domain_id":77,"sampling_rate":16909060})";
 }
 
 TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
@@ -139,14 +138,14 @@ Bytes Table(const std::vector<Session> &sessions, const std::vector<Bytes> &entr
   return out;
 }
 
-TEST_F(PolicySwitch, MirrorSessions) {
+TEST_F(PolicySwitch, MirrorSessionsAndEntryWidth) {
   Session a{"s-a", "mixed", 0, 0xFFFFFFFF, 0x21, 0, 0x9, 0x2, 10, 0, 0, 0, 0, 2, 1, 1, 0};
   Session b{"s-b", "erspan", 4, 128, 0x10, 5, 0, 0, 0, 2, 300, 5, 1, 2, 1, 0, 0};
   const Bytes v6 = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   const Bytes saved = Table({a, b},
                             {Entry(0, "p1"), Entry(1, "u1"), Entry(0, "p2"), Entry(0, "p3"),
-                             Record(36).u8(4, 1).raw(8, v6).b,
-                             Record(36).raw(8, {10, 1, 2, 3}).b, Entry(0, "p4")},
+                             Record(36).u8(4, 1).raw(8, v6).b, Record(36).raw(8, {10, 1, 2, 3}).b,
+                             Entry(0, "p4")},
                             false);
   // Loaded: flag 0x2 joins 0x1, 0x8 follows the VLAN, 0x4 marks a wildcard list; no addresses.
   const Session a2{"s-a", "mixed", 0, 0xFFFFFFFF, 0x23, 0, 0xD, 0x6, 10, 0, 0, 0, 0, 2, 1, 1, 0};
@@ -207,28 +206,26 @@ TEST_F(PolicySwitch, MirrorSessions) {
        nullptr, true},
   });
   // Unnamed types are written as numbers; any other combination keeps every entry as a port key.
-  const std::string json = Check({9, "vspans", kEther, Table({x}, {Entry(3, "odd")}, false), "-",
-                                  {{kEther, Table({x2}, {Entry(0, "odd")})}}});
+  std::string json = Check({9, "vspans", kEther, Table({x}, {Entry(3, "odd")}, false), "-",
+                            {{kEther, Table({x2}, {Entry(0, "odd")})}}});
   EXPECT_NE(json.find(R"("encap_type":"5")"), std::string::npos);
   EXPECT_NE(json.find(R"("session_type":"9")"), std::string::npos);
   EXPECT_NE(json.find(R"("destination_port":{"port_keys":["odd"]})"), std::string::npos);
-}
 
-TEST_F(PolicySwitch, RemoteMirrorSessionsAndEntryWidth) {
-  const std::string uplink47(47, 'u');
-  Session c{"s-c", "rspan-src", 2, 64, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0};
-  Session d{"s-d", "rspan-dst", 3, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 0, 0};
-  const Bytes saved = Table({c, d}, {Entry(0, uplink47, 52), Entry(1, "u2", 52), Entry(0, "p9", 52),
-                                     Record(52).u16(4, 100).b, Record(52).u16(4, 200).b});
   // Remote-source destinations load as uplink names, VLAN lists empty; narrow entries cut names.
+  const std::string uplink47(47, 'u');
+  const Session c{"s-c", "rspan-src", 2, 64, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0};
+  const Session d{"s-d", "rspan-dst", 3, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 0, 0};
+  const Bytes rspan = Table({c, d}, {Entry(0, uplink47, 52), Entry(1, "u2", 52), Entry(0, "p9", 52),
+                                     Record(52).u16(4, 100).b, Record(52).u16(4, 200).b});
   const Session d2{"s-d", "rspan-dst", 3, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 2};
   for (uint32_t version : {107u, 100u, 7u}) {
     const size_t width = version >= 100 ? 52 : 36;
     const std::string first = version >= 100 ? uplink47 : uplink47.substr(0, 31);
-    const Bytes loaded =
+    const Bytes back =
         Table({c, d2}, {Entry(1, first, width), Entry(1, "u2", width), Entry(0, "p9", width)});
-    const std::string json = Check({9, "vspans", kEther, saved, "-", {{kEther, loaded}}, 0, {},
-                                    kOther, nullptr, true, version});
+    json = Check({9, "vspans", kEther, rspan, "-", {{kEther, back}}, 0, {}, kOther, nullptr, true,
+                  version});
     EXPECT_NE(json.find(R"("destination_port":{"uplink_port_names":[")" + uplink47 + R"(","u2"]})"),
               std::string::npos);
     EXPECT_NE(json.find(R"("source_recv_port":{"vlans":[100,200],)"), std::string::npos);
@@ -266,9 +263,6 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
   const std::string teaming = R"(@[{"key":"TEAMING","enabled":true}])";
   const std::string longKey(150, 'k'), key199(199, 'x');
   const std::vector<Pool> two = {{"pool-a", 100, 50, -1}, {"pool-b", 0x01020304, 7, 1000}};
-  Bytes cutPools = Pools({{"a", 1, 1, 1}, {"b", 1, 1, 1}}), cutKeys = Keys({"a", "b"});
-  cutPools.pop_back();
-  cutKeys.pop_back();
   Check({
       {11, hc, kVlanMtu, HealthCheck(2, 60),
        R"(@[{"@types":{"interval":"uint32"},"enabled":true,"interval":60,"key":"VLAN_MTU"}])",
@@ -301,7 +295,7 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
        {{kPools, Pools({{longKey.substr(0, 127), 0, 0, 0}})}}},
       {12, tr, kPools, U32(0), "{}", {}},
       {12, tr, kPools, {}, "@[]", {}},
-      {12, tr, kPools, cutPools, "{}", {}, kFail},
+      {12, tr, kPools, Short(Pools({{"a", 1, 1, 1}, {"b", 1, 1, 1}})), "{}", {}, kFail},
       {12, tr, kPools, Bytes{1, 0, 0}, "{}", {}, kFail},
       {12, tr, kPools, Pools({{"", 1, 1, 1}}), "-", {}, kFail},
       {12, tr, kPools, Pools({{"a", 1, 1, 1}}), "-", {}, 7, {Op::kSetValueUint32, 7, 1}},
@@ -314,7 +308,7 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
        {{kKeys, Keys({key199.substr(0, 127)})}}},
       {13, nk, kKeys, U32(0), "{}", {}},
       {13, nk, kKeys, {}, "@[]", {}},
-      {13, nk, kKeys, cutKeys, "{}", {}, kFail},
+      {13, nk, kKeys, Short(Keys({"a", "b"})), "{}", {}, kFail},
       {13, nk, kKeys, Keys({"a", "b"}), "-", {}, 7, {Op::kAppendValueString, 7, 1}},
       {13, nk, kKeys, {}, R"(@["a"])", {}, 9, {Op::kGetValueStringArray, 9}},
   });
@@ -360,7 +354,7 @@ TEST_F(PolicySwitch, SwitchAndPortsThroughTheStore) {
 
 constexpr uint32_t kText = 16, kOpaque = 24, kRaw = 8;
 
-TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
+TEST_F(PolicySwitch, CatchAllDataListsByTableAndTypeAndStoreFailures) {
   // Texts come back up to their first NUL with it; opaque data as type 24.
   const struct {
     uint32_t kind, table;
@@ -435,9 +429,7 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
       rows.push_back({table == zp::kTablePort ? 33u : 22u, "data", "DEFAULT", {}, content, {}, 0,
                       {}, kOther, nullptr, false, 7, table});
   Check(rows);
-}
 
-TEST_F(PolicySwitch, CatchAllStoreFailures) {
   const std::string stored =
       R"({"data":{"vendor_specific_config":[{"key":"s.v","value":"1"}],)"
       R"("extra_config":[{"key":"s.e","value":"2"}],)"

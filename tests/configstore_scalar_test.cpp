@@ -113,18 +113,20 @@ TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
   }
 }
 
-TEST_F(PersistScalar, FlagsAndTextsAreNormalized) {
+TEST_F(PersistScalar, FlagsTextsAndListsAreNormalizedOrRefused) {
   const char *sched = "com.zorlan.common.respools.sched", *opaque = "com.zorlan.common.opaqueZel";
   const char *qor = "com.zorlan.common.portset.qor", *block = "com.zorlan.common.port.block";
   const char *tx = "com.zorlan.etherswitch.port.txUplink", *pt = "com.zorlan.common.port.ptAllowed";
   const char *ipfix = "com.zorlan.etherswitch.port.ipfix";
+  const char *uplinks = "com.zorlan.common.uplinkPorts";
+  const char *keys = "com.zorlan.common.host.uplinkPorts";
+  const std::string key(60, 'k'), name(100, 'n');
   policytest::Check({
       {3, "enable", sched, Bytes{7}, R"({"enable":true})", {{sched, {1}}}},
       {4, "is_opaque", opaque, Text("truex"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
       {4, "is_opaque", opaque, Text("tru"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
       // A text without its NUL is read to the value's end.
-      {4, "is_opaque", opaque, Bytes{'t', 'r', 'u', 'e'}, R"({"is_opaque":true})",
-       {{opaque, Text("true")}}},
+      {4, "is_opaque", opaque, Bytes{'t', 'r', 'u', 'e'}, "@true", {{opaque, Text("true")}}},
       {19, "qor_enabled", qor, Text("TRUE"), R"({"qor_enabled":false})", {{qor, Text("false")}}},
       {19, "qor_enabled", qor, Text("true"), R"({"qor_enabled":true})", {{qor, Text("true")}}},
       {31, "blocked", block, Text("1"), R"({"blocked":false})", {{block, Text("false")}}},
@@ -132,9 +134,21 @@ TEST_F(PersistScalar, FlagsAndTextsAreNormalized) {
       {32, "ferrox_gen2_allowed", pt, U32(1), R"({"ferrox_gen2_allowed":false})", {{pt, U32(0)}}},
       {34, "ipfix_enabled", ipfix, Text("disabled"), R"({"ipfix_enabled":false})", {}},
       // An empty list of uplink names is not stored; one of uplink keys is.
-      {20, "uplink_port_names", "com.zorlan.common.uplinkPorts", PortNames({}), "{}", {}},
-      {14, "uplink_port_keys", "com.zorlan.common.host.uplinkPorts", PortIds({}),
-       R"({"uplink_port_keys":[]})", {}},
+      {20, "uplink_port_names", uplinks, PortNames({}), "{}", {}},
+      {14, "uplink_port_keys", keys, PortIds({}), R"({"uplink_port_keys":[]})", {}},
+      // Short numbers and counts are refused; only whole slots are read; names are cut to slots.
+      {0, "ratio", "com.zorlan.common.resv.threshold", Bytes{1, 2}, "{}", {}, kFail},
+      {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}, "{}", {}, kFail},
+      {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", {}, R"(@"192.168.1")", {}, kFail},
+      {20, "uplink_port_names", uplinks, Bytes{1, 0}, "{}", {}, kFail},
+      {20, "uplink_port_names", uplinks, policytest::Short(NameList({"u1", "u2"}, 81, 5)),
+       R"(@["u1"])", {{uplinks, NameList({"u1"}, 81, 1)}}},
+      {14, "uplink_port_keys", keys, NameList({"k1", "k2"}, 48, 3), R"(@["k1","k2"])",
+       {{keys, NameList({"k1", "k2"}, 48, 2)}}},
+      {20, "uplink_port_names", uplinks, {}, "@[\"" + name + "\"]",
+       {{uplinks, NameList({name.substr(0, 80)}, 81, 1)}}},
+      {14, "uplink_port_keys", keys, {}, "@[\"" + key + "\",\"p2\"]",
+       {{keys, NameList({key.substr(0, 47), "p2"}, 48, 2)}}},
   });
 }
 
@@ -159,30 +173,6 @@ TEST_F(PersistScalar, VersionCodeAsTextAndBackWithTheQorFlag) {
   }
   policytest::Check({15, "version", version, U32(8), "{}", {}, kFail, {}, policytest::kOther,
                      "Unknow version : 8\n"});
-}
-
-TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
-  // Short numbers and counts are refused; only whole slots are read; names are cut to their slots.
-  const std::string key(60, 'k'), name(100, 'n');
-  Bytes names = NameList({"u1", "u2"}, 81, 5);
-  names.pop_back();
-  const char *uplinks = "com.zorlan.common.uplinkPorts";
-  const char *keys = "com.zorlan.common.host.uplinkPorts";
-  policytest::Check({
-      {0, "ratio", "com.zorlan.common.resv.threshold", Bytes{1, 2}, "{}", {}, kFail},
-      {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}, "{}", {}, kFail},
-      {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", {},
-       R"({"switch_address":"192.168.1"})", {}, kFail},
-      {20, "uplink_port_names", uplinks, Bytes{1, 0}, "{}", {}, kFail},
-      {20, "uplink_port_names", uplinks, names, R"({"uplink_port_names":["u1"]})",
-       {{uplinks, NameList({"u1"}, 81, 1)}}},
-      {14, "uplink_port_keys", keys, NameList({"k1", "k2"}, 48, 3),
-       R"({"uplink_port_keys":["k1","k2"]})", {{keys, NameList({"k1", "k2"}, 48, 2)}}},
-      {20, "uplink_port_names", uplinks, {}, R"({"uplink_port_names":[")" + name + R"("]})",
-       {{uplinks, NameList({name.substr(0, 80)}, 81, 1)}}},
-      {14, "uplink_port_keys", keys, {}, R"({"uplink_port_keys":[")" + key + R"(","p2"]})",
-       {{keys, NameList({key.substr(0, 47), "p2"}, 48, 2)}}},
-  });
 }
 
 }  // namespace
