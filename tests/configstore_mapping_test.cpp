@@ -1,5 +1,5 @@
-// The mapping tables as exported: how each ends, and the stored places of rows that no other
-// test compares.
+// The mapping tables as exported: no empty path component within a row's depth, how each table
+// ends, and the stored places of rows that no other test compares.
 #include <string>
 
 #include "configstore_persist_support.h"
@@ -14,12 +14,16 @@ std::string Path(const PropToConfigEntry &e) {
   return path;
 }
 
-TEST(PersistMapping, TablesEndWithTheCatchAllRowAndTheTerminator) {
+TEST(PersistMapping, RowPathsAndTableEnds) {
   const size_t named[] = {28, 4, 24};
   const uint32_t catchAll[] = {22, 22, 33};
   for (int t = 0; t < 3; ++t) {
     const PropToConfigEntry *table = GetConfigMap(t);
     ASSERT_EQ(table, zelConfigMaps[t]);
+    for (size_t i = 0; i < named[t]; ++i) {
+      ASSERT_LE(table[i].depth, 3u) << i;
+      for (uint32_t c = 0; c < table[i].depth; ++c) EXPECT_NE(table[i].path[c][0], '\0') << i;
+    }
     EXPECT_STREQ(table[named[t] - 1].name, "DEFAULT");
     EXPECT_EQ(Path(table[named[t] - 1]), "data");
     EXPECT_EQ(table[named[t] - 1].kind, catchAll[t]);

@@ -176,9 +176,7 @@ TEST_F(PolicyPort, Teaming) {
   // Counts past the 32 slots are cut, standby first; a slot without a NUL gives 80 characters.
   Teaming many{0, 0, 0, 0, 0, 0, 30, 0xFFFFFFFF, {std::string(81, 'x')}};
   many.names.resize(32, "n");
-  Teaming manyBack = many;
-  manyBack.failureFlags = 0x200;
-  manyBack.numStandby = 2;
+  Teaming manyBack{0, 0x200, 0, 0, 0, 0, 30, 2, many.names};
   manyBack.names[0].pop_back();
   // A hand-written object loads within the record; without "failure_criteria" no failure flags.
   std::string names;
@@ -295,8 +293,7 @@ TEST_F(PolicyPort, PrivateVlanMapLoadsUnderTheClassPropertyOrFails) {
       R"({"@types":{"primary_id":"uint16","secondary_id":"uint16"},"key":"*",)"
       R"("primary_id":10,"secondary_id":12,"type":"ISOLATED"}])";
   const struct {
-    const char *cls;
-    const char *qor;  // host "com.zorlan.common.portset.qor"
+    const char *cls, *qor;  // and host "com.zorlan.common.portset.qor"
     uint32_t version;
     const char *owner;
   } cases[] = {

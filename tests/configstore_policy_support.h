@@ -41,8 +41,7 @@ inline Bytes U64(uint64_t v) { return Record(8).le(0, v, 8).b; }
 
 struct Fault {
   Op op = Op::kGetSubObject;
-  int status = 0;  // 0: none
-  int skip = 0;
+  int status = 0, skip = 0;  // status 0: none
 };
 
 struct Case {

@@ -86,6 +86,8 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
       // Any non-zero byte is enabled; the unnamed mode -1 loads back as -1.
       {35, "lacp_policy", kPortLacp, Bytes{9, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, "-",
        {{kPortLacp, {1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}}}},
+      {35, "lacp_policy", kPortLacp, Bytes{0, 0, 0, 0, 2, 0, 0, 0},
+       R"(@{"enabled":false,"mode":"PASSIVE"})", {{kPortLacp, {0, 0, 0, 0, 2, 0, 0, 0}}}},
       {35, "lacp_policy", kPortLacp, {}, R"(@{"enabled":true})", {}, 6},
       {35, "lacp_policy", kPortLacp, {}, "{}", {}},
       {35, "lacp_policy", kPortLacp, Bytes(7, 0), "{}", {}, kFail},
@@ -140,7 +142,7 @@ Bytes Table(const std::vector<Session> &sessions, const std::vector<Bytes> &entr
 
 TEST_F(PolicySwitch, MirrorSessionsAndEntryWidth) {
   Session a{"s-a", "mixed", 0, 0xFFFFFFFF, 0x21, 0, 0x9, 0x2, 10, 0, 0, 0, 0, 2, 1, 1, 0};
-  Session b{"s-b", "erspan", 4, 128, 0x10, 5, 0, 0, 0, 2, 300, 5, 1, 2, 1, 0, 0};
+  Session b{"s-b", "erspan", 4, 128, 0x14, 5, 0, 0, 0, 2, 300, 5, 1, 2, 1, 0, 0};
   const Bytes v6 = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   const Bytes saved = Table({a, b},
                             {Entry(0, "p1"), Entry(1, "u1"), Entry(0, "p2"), Entry(0, "p3"),
@@ -149,7 +151,7 @@ TEST_F(PolicySwitch, MirrorSessionsAndEntryWidth) {
                             false);
   // Loaded: flag 0x2 joins 0x1, 0x8 follows the VLAN, 0x4 marks a wildcard list; no addresses.
   const Session a2{"s-a", "mixed", 0, 0xFFFFFFFF, 0x23, 0, 0xD, 0x6, 10, 0, 0, 0, 0, 2, 1, 1, 0};
-  const Session b2{"s-b", "erspan", 4, 128, 0x18, 5, 0, 0, 0, 2, 300, 5, 1, 0, 1, 0, 4};
+  const Session b2{"s-b", "erspan", 4, 128, 0x1C, 5, 0, 0, 0, 2, 300, 5, 1, 0, 1, 0, 4};
   const Bytes loaded = Table(
       {a2, b2}, {Entry(0, "p1"), Entry(1, "u1"), Entry(0, "p2"), Entry(0, "p3"), Entry(0, "p4")});
 
@@ -184,7 +186,7 @@ TEST_F(PolicySwitch, MirrorSessionsAndEntryWidth) {
        R"("sampling_rate":0,"session_type":"ENCAPSULATED_REMOTE_MIRROR_SOURCE",)"
        R"("source_recv_port":{"port_keys":["p4"],"wildcard_port_connectee_types":[]},)"
        R"("source_transmit_port":{"port_keys":[],"wildcard_port_connectee_types":[]},)"
-       R"("strip_original_vlan":true}]})",
+       R"("strip_original_vlan":false}]})",
        {{kEther, loaded}}},
       // The load of its own output is a fixed point.
       {9, "vspans", kEther, loaded, "-", {{kEther, loaded}}},
@@ -300,6 +302,9 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
       {12, tr, kPools, Pools({{"", 1, 1, 1}}), "-", {}, kFail},
       {12, tr, kPools, Pools({{"a", 1, 1, 1}}), "-", {}, 7, {Op::kSetValueUint32, 7, 1}},
       {12, tr, kPools, {}, R"(@[{"key":"a"}])", {}, 8, {Op::kGetSubObjectInstances, 8}},
+      // A port's copy is not saved; its load reads the switch's list it is given.
+      {36, tr, kPortPools, Pools({{"x", 1, 1, 1}}), "{}", {}},
+      {36, tr, kPortPools, {}, R"(@[{"key":"vm"}])", {{kPortPools, Pools({{"vm", 0, 0, 0}})}}},
 
       // A slot holds 199 characters on saving; a load cuts keys to 127.
       {13, nk, kKeys, Keys({"alpha", "beta", "gamma"}), R"(@["alpha","beta","gamma"])",
@@ -312,44 +317,6 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
       {13, nk, kKeys, Keys({"a", "b"}), "-", {}, 7, {Op::kAppendValueString, 7, 1}},
       {13, nk, kKeys, {}, R"(@["a"])", {}, 9, {Op::kGetValueStringArray, 9}},
   });
-}
-
-TEST_F(PolicySwitch, SwitchAndPortsThroughTheStore) {
-  Session g{"sw-span", "global", 1, 256, 0x4, 0, 0x1, 0, 1, 1, 0, 0, 0, 1, 1, 0, 0};
-  Session p{"port-span", "port", 0, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0};
-  const Bytes pools = Pools({{"vm", 10, 20, 30}, {"mgmt", 0, 100, -1}});
-  SwitchDef s;
-  s.id = "sw";
-  s.global = {{"com.zorlan.common.version", U32(7)},
-              {kLacp, Cat({U32(1), Group("lag", "g7", 1, 3, 2)})},
-              {kCdp, Bytes{0, 2}},
-              {kEther, Table({g}, {Entry(0, "p1"), Entry(0, "p2")})},
-              {kIpfix, Ipfix({192, 168, 0, 9}, false)},
-              {kVlanMtu, HealthCheck(1, 30)},
-              {kPools, pools},
-              {kKeys, Keys({"vm", "mgmt"})},
-              {"com.vendor.setting", Text("abc")}};
-  s.host = {{"com.zorlan.common.host.uplinkPorts", Cat({U32(1), Slot("p1", 48)})},
-            {"com.vendor.host", Text("h")}};
-  Props port = {{"com.zorlan.etherswitch.port.mirrorSessions", Table({p}, {Entry(1, "uplink1")})},
-                {kPortLacp, Bytes{0, 0, 0, 0, 2, 0, 0, 0}},
-                {"com.vendor.other", Text("o")}};
-  s.ports = {{"p1", port}, {"p2", port}};
-  s.ports[0].second.push_back({kPortPools, Pools({{"ignored", 1, 1, 1}})});
-  ASSERT_EQ(Save({s}), 0u);
-  // The port's own copy of the pools is not stored; uplink ports load the switch's.
-  EXPECT_EQ(Json("sw").find("network_resource_pools"), std::string::npos);
-  // Loaded in the order of the rows, with the name a switch without an alias is saved with.
-  Loaded sw = LoadOne();
-  g.recvWildcards = 0x5;
-  s.global[3].second = Table({g}, {Entry(0, "p1"), Entry(0, "p2")});
-  s.global.insert(s.global.begin(), {"com.zorlan.common.alias", Text("unknown")});
-  EXPECT_EQ(sw.global, s.global);
-  EXPECT_EQ(sw.host, s.host);
-  ASSERT_EQ(sw.ports.size(), 2u);
-  EXPECT_EQ(sw.ports[1].second, port);
-  port.push_back({kPortPools, pools});
-  EXPECT_EQ(sw.ports[0].second, port);
 }
 
 constexpr uint32_t kText = 16, kOpaque = 24, kRaw = 8;
@@ -413,42 +380,31 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndTypeAndStoreFailures) {
     Check({c.kind, "data", "DEFAULT", {}, c.json, c.loaded, 0, {}, kOther, nullptr, false, 7,
            c.table, 16, c.types});
   }
-  // Absent data or lists load nothing; other data without a usable type is passed over.
-  std::vector<Case> rows = {
-      {33, "data", "DEFAULT", {},
-       R"({"data":{"other_data":[{"key":"no.type","opaque_data":"AQ==","@types":{"opaque_data":)"
-       R"("binary"}},{"key":"bad.type","opaque_data":"AQ==","prop_type":4,"@types":{)"
-       R"("opaque_data":"binary","prop_type":"uint32"}},{"key":"good","opaque_data":"AQ==",)"
-       R"("prop_type":9,"@types":{"opaque_data":"binary","prop_type":"uint32"}}]}})",
-       {{"good", {1}}}, 0, {}, kOther, nullptr, false, 7, zp::kTablePort, 16, {9}},
-      {22, "data", "com.v.p", Text("v"), "{}", {}, kFail, {}, kOther, nullptr, false, 7,
-       zp::kTablePort},
+  // Absent data or lists load nothing; other data without a usable type is passed over. Store
+  // failures: saves of "com.v.p" on "{}", loads of `stored`.
+  const auto load = [](uint32_t table, std::string json, Fault f, uint32_t status, Props props) {
+    return Case{table == zp::kTablePort ? 33u : 22u, "data", "DEFAULT", {}, std::move(json),
+                std::move(props), status, f, kOther, nullptr, false, 7, table};
   };
-  for (const char *content : {"{}", R"({"data":{}})", R"({"data":{"extra_config":[]}})"})
-    for (uint32_t table : {zp::kTableGlobal, zp::kTableHost, zp::kTablePort})
-      rows.push_back({table == zp::kTablePort ? 33u : 22u, "data", "DEFAULT", {}, content, {}, 0,
-                      {}, kOther, nullptr, false, 7, table});
-  Check(rows);
-
+  const auto save = [](uint32_t kind, uint32_t table, uint32_t type, Op op) {
+    return Case{kind, "data", "com.v.p", Text("v"), "-", {}, 7, {op, 7}, kOther, nullptr, false,
+                7, table, type};
+  };
+  const uint32_t global = zp::kTableGlobal, host = zp::kTableHost, port = zp::kTablePort;
   const std::string stored =
       R"({"data":{"vendor_specific_config":[{"key":"s.v","value":"1"}],)"
       R"("extra_config":[{"key":"s.e","value":"2"}],)"
       R"("vendor_specific_host_member_config":[{"key":"h.v","value":"3"}],)"
       R"("ruleset_data":[{"key":"p.r","opaque_data":"AQ==","@types":{"opaque_data":"binary"}}],)"
       R"("vendor_specific_data":[{"key":"p.v","value":"4"}]}})";
-  // Saves of "com.v.p" with a type on "{}"; loads of `stored`.
-  const auto save = [](uint32_t kind, uint32_t table, uint32_t type, Op op) {
-    Case c{kind, "data", "com.v.p", Text("v"), "-", {}, 7, {op, 7}};
-    c.table = table, c.type = type;
-    return c;
-  };
-  const auto load = [&](uint32_t kind, uint32_t table, Fault f, uint32_t status, Props props) {
-    Case c{kind, "data", "DEFAULT", {}, stored, std::move(props), status, f};
-    c.table = table;
-    return c;
-  };
-  const uint32_t global = zp::kTableGlobal, host = zp::kTableHost, port = zp::kTablePort;
-  Check({
+  std::vector<Case> rows = {
+      {33, "data", "DEFAULT", {},
+       R"({"data":{"other_data":[{"key":"no.type","opaque_data":"AQ==","@types":{"opaque_data":)"
+       R"("binary"}},{"key":"bad.type","opaque_data":"AQ==","prop_type":4,"@types":{)"
+       R"("opaque_data":"binary","prop_type":"uint32"}},{"key":"good","opaque_data":"AQ==",)"
+       R"("prop_type":9,"@types":{"opaque_data":"binary","prop_type":"uint32"}}]}})",
+       {{"good", {1}}}, 0, {}, kOther, nullptr, false, 7, port, 16, {9}},
+      {22, "data", "com.v.p", Text("v"), "{}", {}, kFail, {}, kOther, nullptr, false, 7, port},
       save(22, global, kText, Op::kGetSubObject),
       save(22, global, kOpaque, Op::kGenerateInstanceId),
       save(22, host, kOpaque, Op::kSetValueBinary),
@@ -456,17 +412,20 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndTypeAndStoreFailures) {
       save(33, port, kOpaque, Op::kCreateSubObject),
       save(33, port, kRaw, Op::kSetValueUint32),
       // A data object that cannot be read, and reads that fail.
-      load(22, global, {Op::kGetSubObject, 7}, 7, {}),
-      load(22, global, {Op::kGetValueStr, 8, 1}, 8, {}),
-      load(33, port, {Op::kGetValueBinary, 8}, 8, {}),
+      load(global, stored, {Op::kGetSubObject, 7}, 7, {}),
+      load(global, stored, {Op::kGetValueStr, 8, 1}, 8, {}),
+      load(port, stored, {Op::kGetValueBinary, 8}, 8, {}),
       // Switch: an earlier listing that fails is passed over, the last one is not.
-      load(22, global, {Op::kGetSubObjectInstances, 7}, 0, {{"s.e", Text("2")}}),
-      load(22, global, {Op::kGetSubObjectInstances, 7, 2}, 7, {{"s.v", Text("1")}}),
+      load(global, stored, {Op::kGetSubObjectInstances, 7}, 0, {{"s.e", Text("2")}}),
+      load(global, stored, {Op::kGetSubObjectInstances, 7, 2}, 7, {{"s.v", Text("1")}}),
       // Port: any listing failure ends the load.
-      load(33, port, {Op::kGetSubObjectInstances, 7, 3}, 7, {{"p.r", {1}}, {"s.e", Text("2")}}),
-      load(33, port, {Op::kCreateFilterSpecObject, 5}, 5, {}),
-      load(33, port, {}, 0, {{"p.r", {1}}, {"s.e", Text("2")}, {"p.v", Text("4")}}),
-  });
+      load(port, stored, {Op::kGetSubObjectInstances, 7, 3}, 7, {{"p.r", {1}}, {"s.e", Text("2")}}),
+      load(port, stored, {Op::kCreateFilterSpecObject, 5}, 5, {}),
+      load(port, stored, {}, 0, {{"p.r", {1}}, {"s.e", Text("2")}, {"p.v", Text("4")}}),
+  };
+  for (const char *content : {"{}", R"({"data":{}})", R"({"data":{"extra_config":[]}})"})
+    for (uint32_t table : {global, host, port}) rows.push_back(load(table, content, {}, 0, {}));
+  Check(rows);
 }
 
 }  // namespace

@@ -99,7 +99,6 @@ TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
                           {{"com.zorlan.vswitch.mtu", U32(1600)},
                            {"com.zorlan.vswitch.multicastFilter", Text("snooping")}},
                           {{{"com.zorlan.vswitch.port.txUplink", Text("always")}}});
-    // A switch without an alias was saved with the name "unknown".
     Props global = {{"com.zorlan.common.alias", Text("unknown")},
                     {"com.zorlan.common.version", U32(7)},
                     {"com.zorlan.common.portset.mtu", U32(1600)}};
