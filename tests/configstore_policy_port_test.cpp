@@ -96,9 +96,8 @@ TEST_F(PolicyPort, Filters) {
   Bytes longer = Filters(1, {Filter(3, agent40, 1, {{0, param256}})});
   longer.resize(longer.size() + 5, 0xEE);
   const Bytes faulted = Filters(2, {Filter(1, "a", 1, {{0, "p"}}), Filter(2, "b", 1, {})});
-  const std::string twoStored = R"({"filter_policy":{"network_filters":[)"
-                                R"({"key":"1","slot_number":"1","parameters":["p","q"]},)"
-                                R"({"key":"2","slot_number":"2","parameters":["r"]}]}})";
+  const std::string twoStored = R"(@{"network_filters":[{"key":"1","slot_number":"1","parameters":)"
+                                R"(["p","q"]},{"key":"2","slot_number":"2","parameters":["r"]}]})";
   // A list that reads in only one of the two passes gets no parameters (its room, if any, stays
   // zero at the value's end); the next filter follows the first one's header.
   const Bytes skipped = Filters(2, {Filter(1, "", 0, {}), Filter(2, "", 0, {{0, "r"}})});
@@ -114,9 +113,8 @@ TEST_F(PolicyPort, Filters) {
       {29, kFp, kFilter, U32(0), R"(@{"network_filters":[]})", {{kFilter, U32(0)}}},
       // Values are read as far as their counts need; texts are cut to their slots.
       {29, kFp, kFilter, longer,
-       R"({"filter_policy":{"network_filters":[{"agent_name":")" + agent40 +
-           R"(","key":"3","on_failure":"FAIL_OPEN","parameters":[")" + param256 +
-           R"("],"slot_number":"3"}]}})",
+       R"(@{"network_filters":[{"agent_name":")" + agent40 + R"(","key":"3","on_failure":)"
+       R"("FAIL_OPEN","parameters":[")" + param256 + R"("],"slot_number":"3"}]})",
        {{kFilter, Filters(1, {Filter(3, agent40.substr(1), 1, {{0, param256.substr(1)}})})}}},
       {29, kFp, kFilter, {},
        R"({"filter_policy":{"network_filters":[{"key":"x","agent_name":")" + agent +
@@ -242,9 +240,8 @@ Bytes W(std::initializer_list<uint16_t> words) {
 
 TEST_F(PolicyPort, Vlans) {
   const std::string range = R"({"@types":{"end":"uint16","start":"uint16"},)";
-  const std::string both =
-      R"({"vlan":{"@types":{"vlan_id":"uint16","pvlan_id":"uint16"},"vlan_id":100,)"
-      R"("pvlan_id":200,"trunk_vlan_ids":[)";
+  const std::string both = R"(@{"@types":{"vlan_id":"uint16","pvlan_id":"uint16"},"vlan_id":100,)"
+                           R"("pvlan_id":200,"trunk_vlan_ids":[)";
   Check({
       {24, "vlan", kEsVlan, W({0, 100, 0, 0}),
        R"({"vlan":{"@types":{"vlan_id":"uint16"},"trunk_vlan_ids":[],"vlan_id":100}})",
@@ -267,9 +264,9 @@ TEST_F(PolicyPort, Vlans) {
       {24, "vlan", kEsVlan, Cat({W({1, 0, 0, 2, 1, 10, 20}), Bytes{30}}), "{}", {}, kFail},
       // Kind 25 saves and loads on vswitch classes only: the private VLAN wins, a trunk hides both.
       {25, "vlan", kVsVlan, W({0, 42, 0, 0}), "{}", {}},
-      {24, "vlan", kEsVlan, {}, both + "]}}", {}, 0, {}, kVs},
-      {25, "vlan", kVsVlan, {}, both + "]}}", {{kVsVlan, W({2, 200, 0, 0})}}, 0, {}, kCs},
-      {25, "vlan", kVsVlan, {}, both + range + R"("key":"r","start":3,"end":4}]}})",
+      {24, "vlan", kEsVlan, {}, both + "]}", {}, 0, {}, kVs},
+      {25, "vlan", kVsVlan, {}, both + "]}", {{kVsVlan, W({2, 200, 0, 0})}}, 0, {}, kCs},
+      {25, "vlan", kVsVlan, {}, both + range + R"("key":"r","start":3,"end":4}]})",
        {{kVsVlan, W({1, 0, 0, 1, 3, 4})}}, 0, {}, kVs},
       {25, "vlan", kVsVlan, W({0, 7, 0, 0}), "-", {{kVsVlan, W({0, 7, 0, 0})}}, 0, {}, kVs},
   });

@@ -36,6 +36,13 @@ struct Record {
 };
 
 inline Bytes U16(uint16_t v) { return Record(2).u16(0, v).b; }
+
+// A counted list of names in slots of `slot` bytes.
+inline Bytes NameList(const std::vector<std::string> &names, size_t slot, size_t count) {
+  Bytes b = U32(static_cast<uint32_t>(count));
+  for (const std::string &n : names) b = Cat({b, Slot(n, slot)});
+  return b;
+}
 inline Bytes Short(Bytes b) { return b.pop_back(), b; }  // the value less its last byte
 inline Bytes U64(uint64_t v) { return Record(8).le(0, v, 8).b; }
 

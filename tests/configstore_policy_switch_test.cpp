@@ -159,9 +159,8 @@ TEST_F(PolicySwitch, MirrorSessionsAndEntryWidth) {
   const Session x2{"s-x", "x", 0xFFFFFFFF, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0xFFFFFFFF, 0, 0, 0, 1};
 
   // Stored sessions of unknown type, an over-long name and missing keys load with defaults.
-  const std::string bogus = R"({"vspans":[{"key":"s1","session_type":"BOGUS","name":")" +
-                            std::string(83, 'n') +
-                            R"(","encapsulation_vlan_id":7,"erspan_COS":513}]})";
+  const std::string bogus = R"(@[{"key":"s1","session_type":"BOGUS","encapsulation_vlan_id":7,)"
+                            R"("erspan_COS":513,"name":")" + std::string(83, 'n') + R"("}])";
   const Session defaults{"s1", std::string(80, 'n'), 0xFFFFFFFF, 0xFFFFFFFF, 0x8, 7, 0, 0, 0,
                          0xFFFFFFFF, 0, 1};
   const Session one{"s1", "n", 1, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
@@ -253,11 +252,7 @@ Bytes Pools(const std::vector<Pool> &pools, uint8_t filler = 0) {
   return b;
 }
 
-Bytes Keys(const std::vector<std::string> &keys) {
-  Bytes b = U32(static_cast<uint32_t>(keys.size()));
-  for (const std::string &k : keys) b = Cat({b, Slot(k, 200)});
-  return b;
-}
+Bytes Keys(const std::vector<std::string> &keys) { return NameList(keys, 200, keys.size()); }
 
 TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
   const char *hc = "health_checks", *tr = "traffic_resources", *nk = "network_resource_pool_keys";

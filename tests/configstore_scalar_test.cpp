@@ -3,16 +3,10 @@
 
 #include "configstore_policy_support.h"
 
-using namespace persisttest;
+using namespace policytest;
 
 namespace {
 
-// A counted list of names in slots of `slot` bytes.
-Bytes NameList(const std::vector<std::string> &names, size_t slot, uint32_t count) {
-  Bytes b = U32(count);
-  for (const std::string &n : names) b = Cat({b, Slot(n, slot)});
-  return b;
-}
 Bytes PortIds(const std::vector<std::string> &names) { return NameList(names, 48, names.size()); }
 Bytes PortNames(const std::vector<std::string> &names) { return NameList(names, 81, names.size()); }
 
@@ -120,7 +114,7 @@ TEST_F(PersistScalar, FlagsTextsAndListsAreNormalizedOrRefused) {
   const char *uplinks = "com.zorlan.common.uplinkPorts";
   const char *keys = "com.zorlan.common.host.uplinkPorts";
   const std::string key(60, 'k'), name(100, 'n');
-  policytest::Check({
+  Check({
       {3, "enable", sched, Bytes{7}, R"({"enable":true})", {{sched, {1}}}},
       {4, "is_opaque", opaque, Text("truex"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
       {4, "is_opaque", opaque, Text("tru"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
@@ -140,8 +134,8 @@ TEST_F(PersistScalar, FlagsTextsAndListsAreNormalizedOrRefused) {
       {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}, "{}", {}, kFail},
       {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", {}, R"(@"192.168.1")", {}, kFail},
       {20, "uplink_port_names", uplinks, Bytes{1, 0}, "{}", {}, kFail},
-      {20, "uplink_port_names", uplinks, policytest::Short(NameList({"u1", "u2"}, 81, 5)),
-       R"(@["u1"])", {{uplinks, NameList({"u1"}, 81, 1)}}},
+      {20, "uplink_port_names", uplinks, Short(NameList({"u1", "u2"}, 81, 5)), R"(@["u1"])",
+       {{uplinks, NameList({"u1"}, 81, 1)}}},
       {14, "uplink_port_keys", keys, NameList({"k1", "k2"}, 48, 3), R"(@["k1","k2"])",
        {{keys, NameList({"k1", "k2"}, 48, 2)}}},
       {20, "uplink_port_names", uplinks, {}, "@[\"" + name + "\"]",
@@ -162,16 +156,15 @@ TEST_F(PersistScalar, VersionCodeAsTextAndBackWithTheQorFlag) {
                {107, "7.0.0", "true", 107}, {107, "7.0.0", "false", 7}, {107, "7.0.0", nullptr, 7}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.code);
-    cfgtest::ObjectPtr o = policytest::Stored("{}");
-    EXPECT_EQ(policytest::SaveOn(o.get(), 15, "version", version, U32(c.code)), 0u);
+    cfgtest::ObjectPtr o = Stored("{}");
+    EXPECT_EQ(SaveOn(o.get(), 15, "version", version, U32(c.code)), 0u);
     const std::string text = R"("version":")" + std::string(c.text) + "\"";
     EXPECT_EQ(cfgtest::Json(o.get()), "{" + text + "}");
     const std::string qor = c.qor ? R"(,"qor_enabled":)" + std::string(c.qor) : "";
-    policytest::Check({15, "version", version, {}, R"({"product":{)" + text + "}" + qor + "}",
-                       {{version, U32(c.loaded)}}});
+    Check({15, "version", version, {}, R"({"product":{)" + text + "}" + qor + "}",
+           {{version, U32(c.loaded)}}});
   }
-  policytest::Check({15, "version", version, U32(8), "{}", {}, kFail, {}, policytest::kOther,
-                     "Unknow version : 8\n"});
+  Check({15, "version", version, U32(8), "{}", {}, kFail, {}, kOther, "Unknow version : 8\n"});
 }
 
 }  // namespace
