@@ -15,6 +15,7 @@ namespace policytest {
 
 using namespace persisttest;
 using Op = cs::testing::Op;
+constexpr int32_t kOther = zp::kClassOther, kVs = zp::kClassVswitch, kCs = zp::kClassCswitch;
 
 // Little-endian record writer at fixed offsets.
 struct Record {
@@ -35,19 +36,27 @@ struct Record {
 };
 
 inline Bytes U16(uint16_t v) { return Record(2).u16(0, v).b; }
+
+// A counted list of names in slots of `slot` bytes.
+inline Bytes NameList(const std::vector<std::string> &names, size_t slot, size_t count) {
+  Bytes b = U32(static_cast<uint32_t>(count));
+  for (const std::string &n : names) b = Cat({b, Slot(n, slot)});
+  return b;
+}
+inline Bytes Short(Bytes b) { return b.pop_back(), b; }  // the value less its last byte
 inline Bytes U64(uint64_t v) { return Record(8).le(0, v, 8).b; }
 
 struct Fault {
   Op op = Op::kGetSubObject;
-  int status = 0;  // 0: none
-  int skip = 0;
+  int status = 0, skip = 0;  // status 0: none
 };
 
 struct Case {
   uint32_t kind;
   const char *key, *name;
   std::optional<Bytes> save;  // saved on "{}"; without it the case loads `json`
-  std::string json;           // the content after the save ("-": not compared), or the one loaded
+  std::string json;  // the content after the save ("-": not compared), or the one loaded;
+                     // "@body" stands for {"<key>":body}
   Props loaded;               // what the load adds (no load after a failing save)
   uint32_t status = 0;        // of the save, or of the load
   Fault fault = {};           // injected before the save, or the load
@@ -77,31 +86,18 @@ inline uint32_t SaveOn(cs::Object *o, uint32_t kind, const char *key, const char
   return zp::FindKind(kind)->save(args);
 }
 
-// The load of row `name`; the properties it added in *props and their types in *types.
-inline uint32_t LoadFrom(cs::Object *o, uint32_t kind, const char *key, const char *name,
-                         Props *props, std::vector<uint32_t> *types = nullptr,
-                         uint32_t table = zp::kTableGlobal, uint32_t version = 7) {
-  PropertyList *list = zelstatetest::MakeList({});
-  const uint32_t status = zp::FindKind(kind)->load({o, o, key, list, name, 16, table, version});
-  *props = zelstatetest::ListProps(list);
-  PropertyEntry *entry = nullptr;
-  while (types != nullptr && ZELData_Next(list, entry, &entry) == STATUS_OK)
-    types->push_back(ZELData_PropType(entry));
-  ZELData_Free(list);
-  return status;
-}
-
 // Runs a case on the switch class and QOR flag it names; returns the content after its save.
 inline std::string Check(const Case &c) {
   SCOPED_TRACE(::testing::Message() << "kind " << c.kind << " " << c.name << " "
                                     << (c.save ? c.save->size() : 0));
   const int32_t cls = std::exchange(zp::currentSwitchClass, c.cls);
   const bool qor = std::exchange(zp::currentSwitchIsQor, c.qor);
-  cfgtest::ObjectPtr o = Stored(c.save ? "{}" : c.json);
+  const std::string want =
+      c.json[0] == '@' ? "{\"" + std::string(c.key) + "\":" + c.json.substr(1) + "}" : c.json;
+  cfgtest::ObjectPtr o = Stored(c.save ? "{}" : want);
   std::optional<uint32_t> saved, loaded;
   std::string json;
-  Props props;
-  std::vector<uint32_t> types;
+  PropertyList *list = zelstatetest::MakeList({});
   zeltest::ScopedLevel level(zelconfigstore_debug, c.out != nullptr ? 0 : zelconfigstore_debug);
   const std::string out = zeltest::CaptureStdout([&] {
     if (c.fault.status != 0) cs::testing::FailNext(c.fault.op, c.fault.status, c.fault.skip);
@@ -110,23 +106,27 @@ inline std::string Check(const Case &c) {
       json = Masked(cfgtest::Json(o.get()));
     }
     if (saved.value_or(0) == 0 && (!c.save || c.status == 0))
-      loaded = LoadFrom(o.get(), c.kind, c.key, c.name, &props, &types, c.table, c.version);
+      loaded = zp::FindKind(c.kind)->load({o.get(), o.get(), c.key, list, c.name, 16, c.table,
+                                           c.version});
   });
+  const Props props = zelstatetest::ListProps(list);
+  std::vector<uint32_t> types;
+  for (PropertyEntry *e = nullptr; ZELData_Next(list, e, &e) == STATUS_OK;)
+    types.push_back(ZELData_PropType(e));
+  ZELData_Free(list);
   cs::testing::ClearFailures();
   zp::currentSwitchClass = cls;
   zp::currentSwitchIsQor = qor;
   if (c.save) {
     EXPECT_EQ(saved, c.status);
-    EXPECT_EQ(json, c.json == "-" ? json : c.json) << "saved";
+    EXPECT_EQ(json, want == "-" ? json : want) << "saved";
   }
   if (loaded) {
     EXPECT_EQ(*loaded, c.save ? 0u : c.status);
     EXPECT_EQ(props, c.loaded);
     EXPECT_EQ(types, c.types.empty() ? std::vector<uint32_t>(props.size(), 16) : c.types);
   }
-  if (c.out != nullptr) {
-    EXPECT_EQ(out, c.out);
-  }
+  EXPECT_EQ(out, c.out != nullptr ? c.out : out);
   return json;
 }
 

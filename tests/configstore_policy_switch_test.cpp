@@ -1,6 +1,4 @@
-// Switch-level policy conversions: link discovery, LACP, IPFIX, mirror sessions, health checks,
-// resource pools and the catch-all data lists.
-#include <algorithm>
+// Switch policy conversions (discovery, LACP, IPFIX, mirroring, pools) and the catch-all data.
 #include <tuple>
 
 #include "configstore_policy_support.h"
@@ -15,7 +13,6 @@ constexpr const char *kPortLacp = "com.zorlan.etherswitch.port.lacp";
 constexpr const char *kIpfix = "com.zorlan.etherswitch.ipfix";
 constexpr const char *kEther = "com.zorlan.etherswitch.mirrorSessions";
 constexpr const char *kVswitch = "com.zorlan.vswitch.mirrorSessions";
-constexpr const char *kEtherPort = "com.zorlan.etherswitch.port.mirrorSessions";
 constexpr const char *kVlanMtu = "com.zorlan.common.vlanmtucheck.deploy";
 constexpr const char *kTeaming = "com.zorlan.common.teamcheck.deploy";
 constexpr const char *kPools = "com.zorlan.common.respools.cfg";
@@ -24,7 +21,6 @@ constexpr const char *kPortPools = "com.zorlan.common.port.respools.cfg";
 constexpr const char *kLdp = "link_discovery_protocol";
 
 class PolicySwitch : public PersistTest {};
-constexpr int32_t kOther = zp::kClassOther;
 
 Bytes Group(const std::string &name, const std::string &key, uint32_t mode, uint32_t algorithm,
             uint32_t uplinks) {
@@ -37,12 +33,11 @@ Bytes Ipfix(Bytes address, bool v6) {
               Bytes{1, static_cast<uint8_t>(v6)}, U32(77)});
 }
 std::string IpfixJson(const std::string &address) {
-  return R"({"ipfix":{"@types":{"active_flow_timeout":"uint32","collector_port":"uint16",)"
-         R"("idle_flow_timeout":"uint32","observation_domain_id":"uint32",)"
-         R"("sampling_rate":"uint32"},"active_flow_timeout":300,"collector_address":")" +
-         address +
+  return R"(@{"@types":{"active_flow_timeout":"uint32","collector_port":"uint16",)"
+         R"("idle_flow_timeout":"uint32","observation_domain_id":"uint32","sampling_rate":)"
+         R"("uint32"},"active_flow_timeout":300,"collector_address":")" + address +
          R"(","collector_port":4739,"idle_flow_timeout":60,"internal_flows_only":true,)"
-         R"("observation_domain_id":77,"sampling_rate":16909060}})";
+         R"("observation_domain_id":77,"sampling_rate":16909060})";
 }
 
 TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
@@ -52,18 +47,14 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
   const Bytes v4 = Ipfix({10, 0, 0, 5}, false);
   const Bytes v6 = Ipfix({0xfe, 0x80, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}, true);
   Check({
-      {8, kLdp, kCdp, Bytes{1, 3},
-       R"({"link_discovery_protocol":{"operation":"BOTH","protocol":"LLDP"}})", {{kCdp, {1, 3}}}},
+      {8, kLdp, kCdp, Bytes{1, 3}, R"(@{"operation":"BOTH","protocol":"LLDP"})", {{kCdp, {1, 3}}}},
       // Values without a name are written as numbers and load as the unknown values.
-      {8, kLdp, kCdp, Bytes{7, 9},
-       R"({"link_discovery_protocol":{"operation":"9","protocol":"7"}})", {{kCdp, {2, 4}}}},
-      {8, kLdp, kCdp, {}, R"({"link_discovery_protocol":{"protocol":"lldp","operation":"LISTEN"}})",
-       {{kCdp, {2, 1}}}},
+      {8, kLdp, kCdp, Bytes{7, 9}, R"(@{"operation":"9","protocol":"7"})", {{kCdp, {2, 4}}}},
+      {8, kLdp, kCdp, {}, R"(@{"protocol":"lldp","operation":"LISTEN"})", {{kCdp, {2, 1}}}},
       // A key that does not read fails the load; no object adds nothing.
-      {8, kLdp, kCdp, {}, R"({"link_discovery_protocol":{"protocol":"LLDP"}})", {}, 6},
+      {8, kLdp, kCdp, {}, R"(@{"protocol":"LLDP"})", {}, 6},
       {8, kLdp, kCdp, {}, "{}", {}},
       {8, kLdp, kCdp, Bytes{1}, "{}", {}, kFail},
-      {8, kLdp, kCdp, Bytes{}, "{}", {}, kFail},
 
       {16, "lacp_groups", kLacp, groups,
        R"({"lacp_groups":[{"@types":{"uplink_num":"uint32"},"key":"g1","load_balance_algorithm":)"
@@ -85,19 +76,19 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
            R"("}]})",
        {{kLacp, Cat({U32(1), Group(longName.substr(0, 64), "k0123456789abcd", 0xFFFFFFFF, 0, 3)})}},
        0, {}, kOther, "Unknown lacp mode FAST\n"},
-      {16, "lacp_groups", kLacp, {},
-       R"({"lacp_groups":[{"key":"g1","load_balance_algorithm":"NONE","mode":"ACTIVE"}]})", {}, 6},
+      {16, "lacp_groups", kLacp, {}, R"(@[{"key":"g1","load_balance_algorithm":"NONE"}])", {}, 6},
       {16, "lacp_groups", kLacp, Bytes{1, 0}, "{}", {}, kFail},
       {16, "lacp_groups", kLacp, Cat({U32(2), Group("a", "g1", 0, 0, 1)}), "{}", {}, kFail},
       {16, "lacp_groups", kLacp, Cat({U32(1), Group("no key", "", 0, 0, 1)}), "{}", {}, kFail},
 
       {35, "lacp_policy", kPortLacp, Bytes{1, 0, 0, 0, 1, 0, 0, 0},
-       R"({"lacp_policy":{"enabled":true,"mode":"ACTIVE"}})",
-       {{kPortLacp, {1, 0, 0, 0, 1, 0, 0, 0}}}},
+       R"(@{"enabled":true,"mode":"ACTIVE"})", {{kPortLacp, {1, 0, 0, 0, 1, 0, 0, 0}}}},
       // Any non-zero byte is enabled; the unnamed mode -1 loads back as -1.
       {35, "lacp_policy", kPortLacp, Bytes{9, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}, "-",
        {{kPortLacp, {1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0xFF}}}},
-      {35, "lacp_policy", kPortLacp, {}, R"({"lacp_policy":{"enabled":true}})", {}, 6},
+      {35, "lacp_policy", kPortLacp, Bytes{0, 0, 0, 0, 2, 0, 0, 0},
+       R"(@{"enabled":false,"mode":"PASSIVE"})", {{kPortLacp, {0, 0, 0, 0, 2, 0, 0, 0}}}},
+      {35, "lacp_policy", kPortLacp, {}, R"(@{"enabled":true})", {}, 6},
       {35, "lacp_policy", kPortLacp, {}, "{}", {}},
       {35, "lacp_policy", kPortLacp, Bytes(7, 0), "{}", {}, kFail},
 
@@ -107,8 +98,7 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
       // Text that is no address loads as the zero IPv4 address; every key may be missing.
       {10, "ipfix", kIpfix, {}, IpfixJson("collector.example"),
        {{kIpfix, Ipfix(Bytes(16, 0), false)}}},
-      {10, "ipfix", kIpfix, {},
-       R"({"ipfix":{"@types":{"collector_port":"uint16"},"collector_port":2055}})",
+      {10, "ipfix", kIpfix, {}, R"(@{"@types":{"collector_port":"uint16"},"collector_port":2055})",
        {{kIpfix, Record(36).u16(24, 2055).b}}},
       {10, "ipfix", kIpfix, {}, "{}", {}},
       {10, "ipfix", kIpfix, Bytes(35, 0), "{}", {}, kFail},
@@ -138,8 +128,7 @@ Bytes Entry(uint32_t type, const std::string &payload, size_t size = 36) {
   return Record(size).u32(0, type).text(4, payload).b;
 }
 
-// A table as the load builds it (magic, version and entry count set) or as a save may get it
-// (header zero apart from the session count).
+// A table with the header a load writes, or (not `loaded`) with the session count alone.
 Bytes Table(const std::vector<Session> &sessions, const std::vector<Bytes> &entries,
             bool loaded = true) {
   Record header(20);
@@ -151,40 +140,30 @@ Bytes Table(const std::vector<Session> &sessions, const std::vector<Bytes> &entr
   return out;
 }
 
-TEST_F(PolicySwitch, MirrorSessions) {
+TEST_F(PolicySwitch, MirrorSessionsAndEntryWidth) {
   Session a{"s-a", "mixed", 0, 0xFFFFFFFF, 0x21, 0, 0x9, 0x2, 10, 0, 0, 0, 0, 2, 1, 1, 0};
-  Session b{"s-b", "erspan", 4, 128, 0x10, 5, 0, 0, 0, 2, 300, 5, 1, 2, 1, 0, 0};
+  Session b{"s-b", "erspan", 4, 128, 0x14, 5, 0, 0, 0, 2, 300, 5, 1, 2, 1, 0, 0};
   const Bytes v6 = {0x20, 0x01, 0x0d, 0xb8, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   const Bytes saved = Table({a, b},
                             {Entry(0, "p1"), Entry(1, "u1"), Entry(0, "p2"), Entry(0, "p3"),
-                             Record(36).u8(4, 1).raw(8, v6).b,
-                             Record(36).raw(8, {10, 1, 2, 3}).b, Entry(0, "p4")},
+                             Record(36).u8(4, 1).raw(8, v6).b, Record(36).raw(8, {10, 1, 2, 3}).b,
+                             Entry(0, "p4")},
                             false);
-  // Loaded: flag bit 1 joins bit 0, bit 3 follows the VLAN, the wildcard bit 0x4 marks a non-empty
-  // list, addresses are not read back.
-  Session a2 = a, b2 = b;
-  a2.flags = 0x23;
-  a2.recvWildcards = 0xD;
-  a2.transmitWildcards = 0x6;
-  b2.flags = 0x18;
-  b2.destinations = 0;
-  b2.firstEntry = 4;
+  // Loaded: flag 0x2 joins 0x1, 0x8 follows the VLAN, 0x4 marks a wildcard list; no addresses.
+  const Session a2{"s-a", "mixed", 0, 0xFFFFFFFF, 0x23, 0, 0xD, 0x6, 10, 0, 0, 0, 0, 2, 1, 1, 0};
+  const Session b2{"s-b", "erspan", 4, 128, 0x1C, 5, 0, 0, 0, 2, 300, 5, 1, 0, 1, 0, 4};
   const Bytes loaded = Table(
       {a2, b2}, {Entry(0, "p1"), Entry(1, "u1"), Entry(0, "p2"), Entry(0, "p3"), Entry(0, "p4")});
 
-  Session x{"s-x", "x", 9, 0xFFFFFFFF, 0, 0, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0};
-  Session x2 = x;
-  x2.type = x2.encap = 0xFFFFFFFF;
+  const Session x{"s-x", "x", 9, 0xFFFFFFFF, 0, 0, 0, 0, 0, 5, 0, 0, 0, 1, 0, 0, 0};
+  const Session x2{"s-x", "x", 0xFFFFFFFF, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0xFFFFFFFF, 0, 0, 0, 1};
 
   // Stored sessions of unknown type, an over-long name and missing keys load with defaults.
-  const std::string bogus = R"({"vspans":[{"key":"s1","session_type":"BOGUS","name":")" +
-                            std::string(83, 'n') +
-                            R"(","encapsulation_vlan_id":7,"erspan_COS":513}]})";
+  const std::string bogus = R"(@[{"key":"s1","session_type":"BOGUS","encapsulation_vlan_id":7,)"
+                            R"("erspan_COS":513,"name":")" + std::string(83, 'n') + R"("}])";
   const Session defaults{"s1", std::string(80, 'n'), 0xFFFFFFFF, 0xFFFFFFFF, 0x8, 7, 0, 0, 0,
                          0xFFFFFFFF, 0, 1};
-  Session one{"s1", "n"};
-  one.destinations = 1;
-  const int32_t vs = zp::kClassVswitch;
+  const Session one{"s1", "n", 1, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1};
   Check({
       {9, "vspans", kEther, saved,
        R"({"settings":{"promiscuous_mode_vspan_session":"s-b"},"vspans":[)"
@@ -206,57 +185,48 @@ TEST_F(PolicySwitch, MirrorSessions) {
        R"("sampling_rate":0,"session_type":"ENCAPSULATED_REMOTE_MIRROR_SOURCE",)"
        R"("source_recv_port":{"port_keys":["p4"],"wildcard_port_connectee_types":[]},)"
        R"("source_transmit_port":{"port_keys":[],"wildcard_port_connectee_types":[]},)"
-       R"("strip_original_vlan":true}]})",
+       R"("strip_original_vlan":false}]})",
        {{kEther, loaded}}},
       // The load of its own output is a fixed point.
       {9, "vspans", kEther, loaded, "-", {{kEther, loaded}}},
       // Each class loads its own row only.
       {9, "vspans", kVswitch, {}, bogus, {{kVswitch, Table({defaults}, {})}}, 0, {},
-       vs, "Unknown vspan session type in schema: BOGUS\n"},
-      {9, "vspans", kEther, {}, bogus, {}, 0, {}, vs},
+       kVs, "Unknown vspan session type in schema: BOGUS\n"},
+      {9, "vspans", kEther, {}, bogus, {}, 0, {}, kVs},
       {9, "vspans", kVswitch, {}, bogus, {}, 0, {}, kOther},
-      {9, "vspans", "com.other.mirror", {}, bogus, {}},
       // A session bool of the wrong type fails the load; no sessions add nothing.
-      {9, "vspans", kEther, {}, R"({"vspans":[{"key":"s1","legacy_mode":"yes"}]})", {},
-       static_cast<uint32_t>(cs::kTypeMismatch)},
+      {9, "vspans", kEther, {}, R"(@[{"key":"s1","legacy_mode":"yes"}])", {}, 3},
       {9, "vspans", kEther, {}, "{}", {}},
       {9, "vspans", kEther, Record(20).b, "{}", {}},
-      // Malformed tables: no whole header, a session or an entry beyond the value, a short
-      // entry, a session without a key, narrow entries on a wide switch.
+      // Refused: a short header, session or entry, a session without a key, narrow wide entries.
       {9, "vspans", kEther, Bytes(19, 0), "{}", {}, kFail},
       {9, "vspans", kEther, Record(20).u32(8, 1).b, "{}", {}, kFail},
-      {9, "vspans", kEther, Table({one}, {}, false), "{}", {}, kFail},
       {9, "vspans", kEther, Table({one}, {Bytes(35, 0)}, false), "{}", {}, kFail},
       {9, "vspans", kEther, Table({Session{"", "n"}}, {}, false), "{}", {}, kFail},
       {9, "vspans", kEther, Table({one}, {Entry(0, "p1")}, false), "{}", {}, kFail, {}, kOther,
        nullptr, true},
   });
   // Unnamed types are written as numbers; any other combination keeps every entry as a port key.
-  const std::string json = Check({9, "vspans", kEther, Table({x}, {Entry(3, "odd")}, false), "-",
-                                  {{kEther, Table({x2}, {Entry(0, "odd")})}}});
+  std::string json = Check({9, "vspans", kEther, Table({x}, {Entry(3, "odd")}, false), "-",
+                            {{kEther, Table({x2}, {Entry(0, "odd")})}}});
   EXPECT_NE(json.find(R"("encap_type":"5")"), std::string::npos);
   EXPECT_NE(json.find(R"("session_type":"9")"), std::string::npos);
   EXPECT_NE(json.find(R"("destination_port":{"port_keys":["odd"]})"), std::string::npos);
-}
 
-TEST_F(PolicySwitch, RemoteMirrorSessionsAndEntryWidth) {
+  // Remote-source destinations load as uplink names, VLAN lists empty; narrow entries cut names.
   const std::string uplink47(47, 'u');
-  Session c{"s-c", "rspan-src", 2, 64, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0};
-  Session d{"s-d", "rspan-dst", 3, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 0, 0};
-  const Bytes saved = Table({c, d}, {Entry(0, uplink47, 52), Entry(1, "u2", 52), Entry(0, "p9", 52),
+  const Session c{"s-c", "rspan-src", 2, 64, 0, 0, 0, 0, 0, 1, 0, 0, 0, 2, 0, 0, 0};
+  const Session d{"s-d", "rspan-dst", 3, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 2, 0, 0};
+  const Bytes rspan = Table({c, d}, {Entry(0, uplink47, 52), Entry(1, "u2", 52), Entry(0, "p9", 52),
                                      Record(52).u16(4, 100).b, Record(52).u16(4, 200).b});
-  // Remote-source destinations all load as uplink names; VLAN lists load empty. Below version 100
-  // entries are 36 bytes and names are cut to 31 characters.
-  Session d2 = d;
-  d2.recvSources = 0;
-  d2.firstEntry = 2;
+  const Session d2{"s-d", "rspan-dst", 3, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 2};
   for (uint32_t version : {107u, 100u, 7u}) {
     const size_t width = version >= 100 ? 52 : 36;
     const std::string first = version >= 100 ? uplink47 : uplink47.substr(0, 31);
-    const Bytes loaded =
+    const Bytes back =
         Table({c, d2}, {Entry(1, first, width), Entry(1, "u2", width), Entry(0, "p9", width)});
-    const std::string json = Check({9, "vspans", kEther, saved, "-", {{kEther, loaded}}, 0, {},
-                                    kOther, nullptr, true, version});
+    json = Check({9, "vspans", kEther, rspan, "-", {{kEther, back}}, 0, {}, kOther, nullptr, true,
+                  version});
     EXPECT_NE(json.find(R"("destination_port":{"uplink_port_names":[")" + uplink47 + R"(","u2"]})"),
               std::string::npos);
     EXPECT_NE(json.find(R"("source_recv_port":{"vlans":[100,200],)"), std::string::npos);
@@ -282,39 +252,31 @@ Bytes Pools(const std::vector<Pool> &pools, uint8_t filler = 0) {
   return b;
 }
 
-Bytes Keys(const std::vector<std::string> &keys) {
-  Bytes b = U32(static_cast<uint32_t>(keys.size()));
-  for (const std::string &k : keys) b = Cat({b, Slot(k, 200)});
-  return b;
-}
+Bytes Keys(const std::vector<std::string> &keys) { return NameList(keys, 200, keys.size()); }
 
 TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
   const char *hc = "health_checks", *tr = "traffic_resources", *nk = "network_resource_pool_keys";
-  const std::string check = R"({"health_checks":[{"key":"VLAN_MTU","enabled":true}]})";
-  const std::string pool = R"({"traffic_resources":[{"key":"a"}]})";
+  const std::string check = R"(@[{"key":"VLAN_MTU","enabled":true}])";
+  const std::string teaming = R"(@[{"key":"TEAMING","enabled":true}])";
   const std::string longKey(150, 'k'), key199(199, 'x');
   const std::vector<Pool> two = {{"pool-a", 100, 50, -1}, {"pool-b", 0x01020304, 7, 1000}};
-  Bytes cutPools = Pools({{"a", 1, 1, 1}, {"b", 1, 1, 1}}), cutKeys = Keys({"a", "b"});
-  cutPools.pop_back();
-  cutKeys.pop_back();
   Check({
       {11, hc, kVlanMtu, HealthCheck(2, 60),
-       R"({"health_checks":[{"@types":{"interval":"uint32"},"enabled":true,"interval":60,)"
-       R"("key":"VLAN_MTU"}]})",
+       R"(@[{"@types":{"interval":"uint32"},"enabled":true,"interval":60,"key":"VLAN_MTU"}])",
        {{kVlanMtu, {1, 60, 0, 0, 0}}}},
       {11, hc, kTeaming, HealthCheck(0, 0x01020304),
-       R"({"health_checks":[{"@types":{"interval":"uint32"},"enabled":false,)"
-       R"("interval":16909060,"key":"TEAMING"}]})",
+       R"(@[{"@types":{"interval":"uint32"},"enabled":false,"interval":16909060,"key":"TEAMING"}])",
        {{kTeaming, {0, 4, 3, 2, 1}}}},
       // Fields that cannot be read stay zero; an absent check adds nothing.
-      {11, hc, kTeaming, {}, R"({"health_checks":[{"key":"TEAMING","enabled":true}]})",
-       {{kTeaming, {1, 0, 0, 0, 0}}}},
-      {11, hc, kVlanMtu, {}, R"({"health_checks":[{"key":"TEAMING","enabled":true}]})", {}},
+      {11, hc, kTeaming, {}, teaming, {{kTeaming, {1, 0, 0, 0, 0}}}},
+      {11, hc, kVlanMtu, {}, teaming, {}},
       {11, hc, "com.x.check", HealthCheck(1, 1), "{}", {}, kFail, {}, kOther,
        "Unknown health check type com.x.check\n"},
       {11, hc, "com.x.check", {}, check, {}, kFail},
       {11, hc, kVlanMtu, Bytes{1, 0, 0, 0}, "{}", {}, kFail},
       {11, hc, kVlanMtu, HealthCheck(1, 1), "-", {}, 7, {Op::kSetValueBool, 7}},
+      {11, hc, kVlanMtu, HealthCheck(1, 1), "{}", {}, 3, {Op::kGetSubObject, 3}, kOther,
+       "GetOrCreateSubObject for prop: health_checks failed, failure code: 3\n"},
       {11, hc, kVlanMtu, {}, check, {}, 9, {Op::kGetSubObject, 9}},
 
       // Bytes that are not converted come back zero.
@@ -329,74 +291,32 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
       {12, tr, kPools, {}, R"({"traffic_resources":[{"key":")" + longKey + R"("}]})",
        {{kPools, Pools({{longKey.substr(0, 127), 0, 0, 0}})}}},
       {12, tr, kPools, U32(0), "{}", {}},
-      {12, tr, kPools, {}, R"({"traffic_resources":[]})", {}},
-      {12, tr, kPools, cutPools, "{}", {}, kFail},
+      {12, tr, kPools, {}, "@[]", {}},
+      {12, tr, kPools, Short(Pools({{"a", 1, 1, 1}, {"b", 1, 1, 1}})), "{}", {}, kFail},
       {12, tr, kPools, Bytes{1, 0, 0}, "{}", {}, kFail},
       {12, tr, kPools, Pools({{"", 1, 1, 1}}), "-", {}, kFail},
       {12, tr, kPools, Pools({{"a", 1, 1, 1}}), "-", {}, 7, {Op::kSetValueUint32, 7, 1}},
-      {12, tr, kPools, {}, pool, {}, 8, {Op::kGetSubObjectInstances, 8}},
-      {12, tr, kPools, {}, pool, {}, 5, {Op::kCreateFilterSpecObject, 5}},
+      {12, tr, kPools, {}, R"(@[{"key":"a"}])", {}, 8, {Op::kGetSubObjectInstances, 8}},
+      // A port's copy is not saved; its load reads the switch's list it is given.
+      {36, tr, kPortPools, Pools({{"x", 1, 1, 1}}), "{}", {}},
+      {36, tr, kPortPools, {}, R"(@[{"key":"vm"}])", {{kPortPools, Pools({{"vm", 0, 0, 0}})}}},
 
       // A slot holds 199 characters on saving; a load cuts keys to 127.
-      {13, nk, kKeys, Keys({"alpha", "beta", "gamma"}),
-       R"({"network_resource_pool_keys":["alpha","beta","gamma"]})",
+      {13, nk, kKeys, Keys({"alpha", "beta", "gamma"}), R"(@["alpha","beta","gamma"])",
        {{kKeys, Keys({"alpha", "beta", "gamma"})}}},
       {13, nk, kKeys, Keys({key199}), R"({"network_resource_pool_keys":[")" + key199 + R"("]})",
        {{kKeys, Keys({key199.substr(0, 127)})}}},
       {13, nk, kKeys, U32(0), "{}", {}},
-      {13, nk, kKeys, {}, R"({"network_resource_pool_keys":[]})", {}},
-      {13, nk, kKeys, cutKeys, "{}", {}, kFail},
+      {13, nk, kKeys, {}, "@[]", {}},
+      {13, nk, kKeys, Short(Keys({"a", "b"})), "{}", {}, kFail},
       {13, nk, kKeys, Keys({"a", "b"}), "-", {}, 7, {Op::kAppendValueString, 7, 1}},
-      {13, nk, kKeys, {}, R"({"network_resource_pool_keys":["a"]})", {}, 9,
-       {Op::kGetValueStringArray, 9}},
+      {13, nk, kKeys, {}, R"(@["a"])", {}, 9, {Op::kGetValueStringArray, 9}},
   });
-}
-
-TEST_F(PolicySwitch, SwitchAndPortsThroughTheStore) {
-  Session g{"sw-span", "global", 1, 256, 0x4, 0, 0x1, 0, 1, 1, 0, 0, 0, 1, 1, 0, 0};
-  Session p{"port-span", "port", 0, 0xFFFFFFFF, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0};
-  const Bytes pools = Pools({{"vm", 10, 20, 30}, {"mgmt", 0, 100, -1}});
-  SwitchDef s;
-  s.id = "sw";
-  s.global = {{"com.zorlan.common.version", U32(7)},
-              {kCdp, Bytes{0, 2}},
-              {kLacp, Cat({U32(1), Group("lag", "g7", 1, 3, 2)})},
-              {kIpfix, Ipfix({192, 168, 0, 9}, false)},
-              {kEther, Table({g}, {Entry(0, "p1"), Entry(0, "p2")})},
-              {kVlanMtu, HealthCheck(1, 30)},
-              {kPools, pools},
-              {kKeys, Keys({"vm", "mgmt"})},
-              {"com.vendor.setting", Text("abc")}};
-  s.host = {{"com.zorlan.common.host.uplinkPorts", Cat({U32(1), Slot("p1", 48)})},
-            {"com.vendor.host", Text("h")}};
-  Props port = {{kEtherPort, Table({p}, {Entry(1, "uplink1")})},
-                {kPortLacp, Bytes{0, 0, 0, 0, 2, 0, 0, 0}},
-                {"com.vendor.other", Text("o")}};
-  s.ports = {{"p1", port}, {"p2", port}};
-  s.ports[0].second.push_back({kPortPools, Pools({{"ignored", 1, 1, 1}})});
-  ASSERT_EQ(Save({s}), 0u);
-  // The port's own copy of the pools is not stored; uplink ports load the switch's.
-  EXPECT_EQ(Json("sw").find("network_resource_pools"), std::string::npos);
-  // Loaded in the order of the rows.
-  const auto sorted = [](Props p) {
-    std::sort(p.begin(), p.end());
-    return p;
-  };
-  Loaded sw = LoadOne();
-  g.recvWildcards = 0x5;
-  s.global[4].second = Table({g}, {Entry(0, "p1"), Entry(0, "p2")});
-  s.global.push_back({"com.zorlan.common.alias", Text("unknown")});
-  EXPECT_EQ(sorted(sw.global), sorted(s.global));
-  EXPECT_EQ(sorted(sw.host), sorted(s.host));
-  ASSERT_EQ(sw.ports.size(), 2u);
-  EXPECT_EQ(sorted(sw.ports[1].second), sorted(port));
-  port.push_back({kPortPools, pools});
-  EXPECT_EQ(sorted(sw.ports[0].second), sorted(port));
 }
 
 constexpr uint32_t kText = 16, kOpaque = 24, kRaw = 8;
 
-TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
+TEST_F(PolicySwitch, CatchAllDataListsByTableAndTypeAndStoreFailures) {
   // Texts come back up to their first NUL with it; opaque data as type 24.
   const struct {
     uint32_t kind, table;
@@ -405,8 +325,7 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
     Props loaded;
     std::vector<uint32_t> types;
   } cases[] = {
-      {22,
-       zp::kTableGlobal,
+      {22, zp::kTableGlobal,
        {{"com.vendor.setting", Text("abc"), kText},
         {"com.zorlan.extraconfig.mode", Bytes{'o', 'n', 0, 'x'}, kText},
         {"x.com.zorlan.extraconfig", Text("y"), kText},
@@ -422,16 +341,14 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
         {"com.zorlan.extraconfig.blob", Bytes{1, 0, 2}}, {"com.vendor.raw", Bytes{0xDE, 0xAD}},
         {"com.zorlan.extraconfig.mode", Text("on")}, {"x.com.zorlan.extraconfig", Text("y")}},
        {kText, kText, kOpaque, kOpaque, kText, kText}},
-      {22,
-       zp::kTableHost,
+      {22, zp::kTableHost,
        {{"com.vendor.host", Bytes{'h', 0, 'z'}, kText}, {"com.vendor.hostblob", Bytes{0, 9}, kRaw}},
        R"({"data":{"host_opaque_data":[{"@types":{"opaque_data":"binary"},)"
        R"("key":"com.vendor.hostblob","opaque_data":"AAk="}],)"
        R"("vendor_specific_host_member_config":[{"key":"com.vendor.host","value":"h"}]}})",
        {{"com.vendor.host", Bytes{'h', 0}}, {"com.vendor.hostblob", Bytes{0, 9}}},
        {kText, kOpaque}},
-      {33,
-       zp::kTablePort,
+      {33, zp::kTablePort,
        {{"com.vendor.filter.ruleset", Bytes{7, 0, 7}, kRaw},
         {"com.zorlan.port.extraConfig.a", Text("A"), kRaw},
         {"com.zorlan.port.extraConfigB", Text("B"), kText},
@@ -451,85 +368,59 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndType) {
        {kText, kOpaque, kOpaque, kText, kText, kRaw}},
   };
   for (const auto &c : cases) {
-    SCOPED_TRACE(c.table);
     cfgtest::ObjectPtr o = Stored("{}");
     for (const auto &[name, value, type] : c.saved)
       EXPECT_EQ(SaveOn(o.get(), c.kind, "data", name, value, c.table, type), 0u) << name;
     EXPECT_EQ(cfgtest::Json(o.get()), c.json);
-    Props props;
-    std::vector<uint32_t> types;
-    EXPECT_EQ(LoadFrom(o.get(), c.kind, "data", "DEFAULT", &props, &types, c.table), 0u);
-    EXPECT_EQ(props, c.loaded);
-    EXPECT_EQ(types, c.types);
+    Check({c.kind, "data", "DEFAULT", {}, c.json, c.loaded, 0, {}, kOther, nullptr, false, 7,
+           c.table, 16, c.types});
   }
-  // Absent data or lists load nothing; other data without a usable type is passed over.
-  std::vector<Case> rows = {
-      {22, "data", "DEFAULT", {},
-       R"({"data":{"vendor_specific_config":[{"key":"a.b","value":"v"}]}})", {{"a.b", Text("v")}}},
-      {33, "data", "DEFAULT", {},
-       R"({"data":{"other_data":[{"key":"no.type","opaque_data":"AQ==","@types":{"opaque_data":)"
-       R"("binary"}},{"key":"bad.type","opaque_data":"AQ==","prop_type":4,"@types":{)"
-       R"("opaque_data":"binary","prop_type":"uint32"}},{"key":"good","opaque_data":"AQ==",)"
-       R"("prop_type":9,"@types":{"opaque_data":"binary","prop_type":"uint32"}}]}})",
-       {{"good", {1}}}, 0, {}, kOther, nullptr, false, 7, zp::kTablePort, 16, {9}},
-      {22, "data", "com.v.p", Text("v"), "{}", {}, kFail, {}, kOther, nullptr, false, 7,
-       zp::kTablePort},
+  // Absent data or lists load nothing; other data without a usable type is passed over. Store
+  // failures: saves of "com.v.p" on "{}", loads of `stored`.
+  const auto load = [](uint32_t table, std::string json, Fault f, uint32_t status, Props props) {
+    return Case{table == zp::kTablePort ? 33u : 22u, "data", "DEFAULT", {}, std::move(json),
+                std::move(props), status, f, kOther, nullptr, false, 7, table};
   };
-  for (const char *content : {"{}", R"({"data":{}})", R"({"data":{"extra_config":[]}})"})
-    for (uint32_t table : {zp::kTableGlobal, zp::kTableHost, zp::kTablePort})
-      rows.push_back({table == zp::kTablePort ? 33u : 22u, "data", "DEFAULT", {}, content, {}, 0,
-                      {}, kOther, nullptr, false, 7, table});
-  Check(rows);
-}
-
-TEST_F(PolicySwitch, CatchAllStoreFailures) {
+  const auto save = [](uint32_t kind, uint32_t table, uint32_t type, Op op) {
+    return Case{kind, "data", "com.v.p", Text("v"), "-", {}, 7, {op, 7}, kOther, nullptr, false,
+                7, table, type};
+  };
+  const uint32_t global = zp::kTableGlobal, host = zp::kTableHost, port = zp::kTablePort;
   const std::string stored =
       R"({"data":{"vendor_specific_config":[{"key":"s.v","value":"1"}],)"
       R"("extra_config":[{"key":"s.e","value":"2"}],)"
       R"("vendor_specific_host_member_config":[{"key":"h.v","value":"3"}],)"
       R"("ruleset_data":[{"key":"p.r","opaque_data":"AQ==","@types":{"opaque_data":"binary"}}],)"
       R"("vendor_specific_data":[{"key":"p.v","value":"4"}]}})";
-  const uint32_t global = zp::kTableGlobal, host = zp::kTableHost, port = zp::kTablePort;
-  const struct {
-    bool save;  // of "com.v.p" with `type` on "{}", else a load of `stored`
-    Op op;
-    int status, skip;
-    uint32_t kind, type, table, result;
-  } cases[] = {
-      {true, Op::kGetSubObject, 7, 0, 22, kText, global, 7},
-      {true, Op::kGenerateInstanceId, 7, 0, 22, kOpaque, global, 7},
-      {true, Op::kSetValueBinary, 7, 0, 22, kOpaque, host, 7},
-      {true, Op::kSetValueStr, 7, 0, 22, kText, host, 7},
-      {true, Op::kCreateSubObject, 7, 0, 33, kOpaque, port, 7},
-      {true, Op::kSetValueUint32, 7, 0, 33, kRaw, port, 7},
+  std::vector<Case> rows = {
+      {33, "data", "DEFAULT", {},
+       R"({"data":{"other_data":[{"key":"no.type","opaque_data":"AQ==","@types":{"opaque_data":)"
+       R"("binary"}},{"key":"bad.type","opaque_data":"AQ==","prop_type":4,"@types":{)"
+       R"("opaque_data":"binary","prop_type":"uint32"}},{"key":"good","opaque_data":"AQ==",)"
+       R"("prop_type":9,"@types":{"opaque_data":"binary","prop_type":"uint32"}}]}})",
+       {{"good", {1}}}, 0, {}, kOther, nullptr, false, 7, port, 16, {9}},
+      {22, "data", "com.v.p", Text("v"), "{}", {}, kFail, {}, kOther, nullptr, false, 7, port},
+      save(22, global, kText, Op::kGetSubObject),
+      save(22, global, kOpaque, Op::kGenerateInstanceId),
+      save(22, host, kOpaque, Op::kSetValueBinary),
+      save(22, host, kText, Op::kSetValueStr),
+      save(33, port, kOpaque, Op::kCreateSubObject),
+      save(33, port, kRaw, Op::kSetValueUint32),
       // A data object that cannot be read, and reads that fail.
-      {false, Op::kGetSubObject, 7, 0, 22, 0, global, 7},
-      {false, Op::kGetValueStr, 8, 1, 22, 0, global, 8},
-      {false, Op::kGetValueBinary, 8, 0, 33, 0, port, 8},
+      load(global, stored, {Op::kGetSubObject, 7}, 7, {}),
+      load(global, stored, {Op::kGetValueStr, 8, 1}, 8, {}),
+      load(port, stored, {Op::kGetValueBinary, 8}, 8, {}),
       // Switch: an earlier listing that fails is passed over, the last one is not.
-      {false, Op::kGetSubObjectInstances, 7, 0, 22, 0, global, 0},
-      {false, Op::kGetSubObjectInstances, 7, 2, 22, 0, global, 7},
-      {false, Op::kCreateFilterSpecObject, 5, 1, 22, 0, host, 5},
+      load(global, stored, {Op::kGetSubObjectInstances, 7}, 0, {{"s.e", Text("2")}}),
+      load(global, stored, {Op::kGetSubObjectInstances, 7, 2}, 7, {{"s.v", Text("1")}}),
       // Port: any listing failure ends the load.
-      {false, Op::kGetSubObjectInstances, 7, 3, 33, 0, port, 7},
-      {false, Op::kCreateFilterSpecObject, 5, 0, 33, 0, port, 5},
-      {false, Op::kGetSubObject, 0, 0, 33, 0, port, 0},
+      load(port, stored, {Op::kGetSubObjectInstances, 7, 3}, 7, {{"p.r", {1}}, {"s.e", Text("2")}}),
+      load(port, stored, {Op::kCreateFilterSpecObject, 5}, 5, {}),
+      load(port, stored, {}, 0, {{"p.r", {1}}, {"s.e", Text("2")}, {"p.v", Text("4")}}),
   };
-  const Props switchLoaded = {{"s.e", Text("2")}};
-  const Props portLoaded = {{"p.r", {1}}, {"s.e", Text("2")}, {"p.v", Text("4")}};
-  for (const auto &c : cases) {
-    SCOPED_TRACE(::testing::Message() << static_cast<int>(c.op) << " skip " << c.skip);
-    cfgtest::ObjectPtr o = Stored(c.save ? "{}" : stored);
-    if (c.status != 0) cs::testing::FailNext(c.op, c.status, c.skip);
-    Props props;
-    EXPECT_EQ(c.save ? SaveOn(o.get(), c.kind, "data", "com.v.p", Text("v"), c.table, c.type)
-                     : LoadFrom(o.get(), c.kind, "data", "DEFAULT", &props, nullptr, c.table),
-              c.result);
-    cs::testing::ClearFailures();
-    if (!c.save && c.result == 0) {
-      EXPECT_EQ(props, c.kind == 22 ? switchLoaded : portLoaded);
-    }
-  }
+  for (const char *content : {"{}", R"({"data":{}})", R"({"data":{"extra_config":[]}})"})
+    for (uint32_t table : {global, host, port}) rows.push_back(load(table, content, {}, 0, {}));
+  Check(rows);
 }
 
 }  // namespace

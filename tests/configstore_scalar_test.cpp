@@ -3,23 +3,12 @@
 
 #include "configstore_policy_support.h"
 
-using namespace persisttest;
+using namespace policytest;
 
 namespace {
 
-// A counted list of names in slots of `slot` bytes.
-Bytes NameList(const std::vector<std::string> &names, size_t slot, uint32_t count) {
-  Bytes b = U32(count);
-  for (const std::string &n : names) {
-    Bytes s(slot, 0);
-    std::memcpy(s.data(), n.data(), std::min(n.size(), slot));
-    b.insert(b.end(), s.begin(), s.end());
-  }
-  return b;
-}
 Bytes PortIds(const std::vector<std::string> &names) { return NameList(names, 48, names.size()); }
 Bytes PortNames(const std::vector<std::string> &names) { return NameList(names, 81, names.size()); }
-Bytes I32(int32_t v) { return U32(static_cast<uint32_t>(v)); }
 
 SwitchDef EtherSwitch() {
   SwitchDef s;
@@ -29,7 +18,7 @@ SwitchDef EtherSwitch() {
       {"com.zorlan.etherswitch.mtu", U32(9000)}, {"com.zorlan.common.opaqueZel", Text("true")},
       {"com.zorlan.common.uplinkPorts", PortNames({"uplink1", "uplink2"})},
       {"com.zorlan.etherswitch.ipv4addr", Bytes{0xC0, 0xA8, 0x01, 0x0A}},
-      {"com.zorlan.etherswitch.beaconTimeout", I32(-1)},
+      {"com.zorlan.etherswitch.beaconTimeout", U32(0xFFFFFFFF)},
       {"com.zorlan.etherswitch.multicastFilter", Text("legacyFiltering")},
       {"com.zorlan.common.respools.sched", Bytes{1}},
       {"com.zorlan.common.respools.version", Text("version3")},
@@ -51,11 +40,7 @@ SwitchDef EtherSwitch() {
   return s;
 }
 
-class PersistScalar : public RoundTripTest {
- protected:
-  // Port p1 is an uplink in some tests; its resource pools are not looked at.
-  ScopedKinds pools_{{36}, zp::KindCase{NoSave, NoLoad}};
-};
+class PersistScalar : public RoundTripTest {};
 
 TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
   ASSERT_EQ(Save({EtherSwitch()}), 0u);
@@ -108,7 +93,6 @@ TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
                           {{"com.zorlan.vswitch.mtu", U32(1600)},
                            {"com.zorlan.vswitch.multicastFilter", Text("snooping")}},
                           {{{"com.zorlan.vswitch.port.txUplink", Text("always")}}});
-    // A switch without an alias was saved with the name "unknown".
     Props global = {{"com.zorlan.common.alias", Text("unknown")},
                     {"com.zorlan.common.version", U32(7)},
                     {"com.zorlan.common.portset.mtu", U32(1600)}};
@@ -122,19 +106,20 @@ TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
   }
 }
 
-TEST_F(PersistScalar, FlagsAndTextsAreNormalized) {
+TEST_F(PersistScalar, FlagsTextsAndListsAreNormalizedOrRefused) {
   const char *sched = "com.zorlan.common.respools.sched", *opaque = "com.zorlan.common.opaqueZel";
   const char *qor = "com.zorlan.common.portset.qor", *block = "com.zorlan.common.port.block";
   const char *tx = "com.zorlan.etherswitch.port.txUplink", *pt = "com.zorlan.common.port.ptAllowed";
   const char *ipfix = "com.zorlan.etherswitch.port.ipfix";
-  policytest::Check({
+  const char *uplinks = "com.zorlan.common.uplinkPorts";
+  const char *keys = "com.zorlan.common.host.uplinkPorts";
+  const std::string key(60, 'k'), name(100, 'n');
+  Check({
       {3, "enable", sched, Bytes{7}, R"({"enable":true})", {{sched, {1}}}},
-      {4, "is_opaque", opaque, Text("yes"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
       {4, "is_opaque", opaque, Text("truex"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
       {4, "is_opaque", opaque, Text("tru"), R"({"is_opaque":false})", {{opaque, Text("false")}}},
       // A text without its NUL is read to the value's end.
-      {4, "is_opaque", opaque, Bytes{'t', 'r', 'u', 'e'}, R"({"is_opaque":true})",
-       {{opaque, Text("true")}}},
+      {4, "is_opaque", opaque, Bytes{'t', 'r', 'u', 'e'}, "@true", {{opaque, Text("true")}}},
       {19, "qor_enabled", qor, Text("TRUE"), R"({"qor_enabled":false})", {{qor, Text("false")}}},
       {19, "qor_enabled", qor, Text("true"), R"({"qor_enabled":true})", {{qor, Text("true")}}},
       {31, "blocked", block, Text("1"), R"({"blocked":false})", {{block, Text("false")}}},
@@ -142,74 +127,44 @@ TEST_F(PersistScalar, FlagsAndTextsAreNormalized) {
       {32, "ferrox_gen2_allowed", pt, U32(1), R"({"ferrox_gen2_allowed":false})", {{pt, U32(0)}}},
       {34, "ipfix_enabled", ipfix, Text("disabled"), R"({"ipfix_enabled":false})", {}},
       // An empty list of uplink names is not stored; one of uplink keys is.
-      {20, "uplink_port_names", "com.zorlan.common.uplinkPorts", PortNames({}), "{}", {}},
-      {14, "uplink_port_keys", "com.zorlan.common.host.uplinkPorts", PortIds({}),
-       R"({"uplink_port_keys":[]})", {}},
-  });
-}
-
-TEST_F(PersistScalar, VersionCodeComesBackFromTextAndQorFlag) {
-  struct Case {
-    uint32_t code;
-    const char *qor;  // host "com.zorlan.common.portset.qor", or null
-    const char *text;
-    uint32_t loaded;
-  } cases[] = {
-      {4, nullptr, "6.0.0", 4},       {5, nullptr, "6.5.0", 5},     {6, nullptr, "6.6.0", 6},
-      {7, nullptr, "7.0.0", 7},       {100, nullptr, "QOR 1.0", 100}, {107, "true", "7.0.0", 107},
-      {107, "false", "7.0.0", 7},     {107, nullptr, "7.0.0", 7},
-  };
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.code);
-    SwitchDef s;
-    s.id = "sw-v";
-    s.version = c.code;
-    s.global = {{"com.zorlan.common.version", U32(c.code)}};
-    if (c.qor != nullptr) s.host = {{"com.zorlan.common.portset.qor", Text(c.qor)}};
-    ASSERT_EQ(Save({s}), 0u);
-    EXPECT_NE(Json("sw-v").find(std::string(R"("version":")") + c.text + "\""), std::string::npos);
-    Loaded sw = LoadOne();
-    EXPECT_EQ(sw.version, c.loaded);
-    EXPECT_EQ(sw.global, (Props{{"com.zorlan.common.alias", Text("unknown")},
-                                {"com.zorlan.common.version", U32(c.loaded)}}));
-  }
-}
-
-TEST_F(PersistScalar, MalformedValuesFailOrAreReadOnlyWithinTheirLength) {
-  const std::string before = Dump();
-  zelconfigstore_debug = 0;
-  SwitchDef s;
-  s.id = "sw-m";
-  s.global = {{"com.zorlan.common.version", U32(8)}};
-  std::string out = zeltest::CaptureStdout([&] { EXPECT_EQ(Save({s}), kFail); });
-  EXPECT_EQ(out,
-            "Unknow version : 8\n"
-            "Set prop: com.zorlan.common.version failed\n"
-            "Failed to save zel: sw-m to configstore\n"
-            "Failed to save zel to configstore");
-  EXPECT_EQ(Dump(), before);
-  // Numbers and list counts shorter than 4 bytes are refused; of a count beyond the value's slots
-  // only the whole slots present are read; loaded names are cut to their slots.
-  const std::string key(60, 'k'), name(100, 'n');
-  Bytes names = NameList({"u1", "u2"}, 81, 5);
-  names.pop_back();
-  const char *uplinks = "com.zorlan.common.uplinkPorts";
-  const char *keys = "com.zorlan.common.host.uplinkPorts";
-  policytest::Check({
+      {20, "uplink_port_names", uplinks, PortNames({}), "{}", {}},
+      {14, "uplink_port_keys", keys, PortIds({}), R"({"uplink_port_keys":[]})", {}},
+      // Short numbers and counts are refused; only whole slots are read; names are cut to slots.
       {0, "ratio", "com.zorlan.common.resv.threshold", Bytes{1, 2}, "{}", {}, kFail},
       {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}, "{}", {}, kFail},
-      {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", {},
-       R"({"switch_address":"192.168.1"})", {}, kFail},
+      {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", {}, R"(@"192.168.1")", {}, kFail},
       {20, "uplink_port_names", uplinks, Bytes{1, 0}, "{}", {}, kFail},
-      {20, "uplink_port_names", uplinks, names, R"({"uplink_port_names":["u1"]})",
+      {20, "uplink_port_names", uplinks, Short(NameList({"u1", "u2"}, 81, 5)), R"(@["u1"])",
        {{uplinks, NameList({"u1"}, 81, 1)}}},
-      {14, "uplink_port_keys", keys, NameList({"k1", "k2"}, 48, 3),
-       R"({"uplink_port_keys":["k1","k2"]})", {{keys, NameList({"k1", "k2"}, 48, 2)}}},
-      {20, "uplink_port_names", uplinks, {}, R"({"uplink_port_names":[")" + name + R"("]})",
+      {14, "uplink_port_keys", keys, NameList({"k1", "k2"}, 48, 3), R"(@["k1","k2"])",
+       {{keys, NameList({"k1", "k2"}, 48, 2)}}},
+      {20, "uplink_port_names", uplinks, {}, "@[\"" + name + "\"]",
        {{uplinks, NameList({name.substr(0, 80)}, 81, 1)}}},
-      {14, "uplink_port_keys", keys, {}, R"({"uplink_port_keys":[")" + key + R"(","p2"]})",
+      {14, "uplink_port_keys", keys, {}, "@[\"" + key + "\",\"p2\"]",
        {{keys, NameList({key.substr(0, 47), "p2"}, 48, 2)}}},
   });
+}
+
+TEST_F(PersistScalar, VersionCodeAsTextAndBackWithTheQorFlag) {
+  const char *version = "com.zorlan.common.version";
+  const struct {
+    uint32_t code;
+    const char *text, *qor;  // "qor_enabled" of the loaded switch, or null
+    uint32_t loaded;
+  } cases[] = {{4, "6.0.0", nullptr, 4},    {5, "6.5.0", nullptr, 5},   {6, "6.6.0", nullptr, 6},
+               {7, "7.0.0", nullptr, 7},    {100, "QOR 1.0", nullptr, 100},
+               {107, "7.0.0", "true", 107}, {107, "7.0.0", "false", 7}, {107, "7.0.0", nullptr, 7}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.code);
+    cfgtest::ObjectPtr o = Stored("{}");
+    EXPECT_EQ(SaveOn(o.get(), 15, "version", version, U32(c.code)), 0u);
+    const std::string text = R"("version":")" + std::string(c.text) + "\"";
+    EXPECT_EQ(cfgtest::Json(o.get()), "{" + text + "}");
+    const std::string qor = c.qor ? R"(,"qor_enabled":)" + std::string(c.qor) : "";
+    Check({15, "version", version, {}, R"({"product":{)" + text + "}" + qor + "}",
+           {{version, U32(c.loaded)}}});
+  }
+  Check({15, "version", version, U32(8), "{}", {}, kFail, {}, kOther, "Unknow version : 8\n"});
 }
 
 }  // namespace

@@ -89,10 +89,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   zp::currentSwitchIsQor = (data[2] & 4) != 0;
   const uint32_t version = kVersions[(data[2] >> 3) % (sizeof kVersions / sizeof kVersions[0])];
   // An exact-size copy, so that any read past the value is caught.
-  const size_t length = size - 3;
-  auto *value = static_cast<uint8_t *>(std::malloc(length ? length : 1));
-  if (length) std::memcpy(value, data + 3, length);
-  SaveAndLoad(table, row, length ? value : nullptr, static_cast<uint32_t>(length), version);
-  std::free(value);
+  const std::vector<uint8_t> value(data + 3, data + size);
+  SaveAndLoad(table, row, value.empty() ? nullptr : value.data(),
+              static_cast<uint32_t>(value.size()), version);
   return 0;
 }
