@@ -151,7 +151,6 @@ TEST_F(KernelChannelTest, EveryWrapperSendsItsExactRecord) {
        "-1", data(16)},  // the uplink index as a signed decimal
       {27, [&] { return ZELPYX_UplinkDataGet("sw", "p", 3, &out, &len); }, "sw", "p", "3", {},
        260},
-      {13, [] { return ZELPYXSwitchPropClear("sw", "x", 13); }, "sw", "", "x"},
       {28,
        [&] { return ZELPYX_CmdExec(sw70.c_str(), name130.c_str(), input.data(), 7, &out, &len); },
        sw, "", "",

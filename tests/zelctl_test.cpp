@@ -45,11 +45,6 @@ std::vector<Switch> Fixture() {
   return {blue, green};
 }
 
-Bytes Padded(Bytes b) {
-  b.resize((b.size() + 511) / 512 * 512, 0);
-  return b;
-}
-
 void WriteFile(const std::string &path, const Bytes &b) {
   std::ofstream(path, std::ios::binary)
       .write(reinterpret_cast<const char *>(b.data()), std::streamsize(b.size()));
@@ -78,7 +73,9 @@ class ZelctlTest : public ::testing::Test {
 
   // The fixture as a state file, named as a source.
   std::string StateFile(const std::string &name, const std::vector<Switch> &switches = Fixture()) {
-    WriteFile(Path(name), Padded(Blob(switches)));
+    Bytes b = Blob(switches);
+    b.resize((b.size() + 511) / 512 * 512, 0);  // whole 512-byte blocks
+    WriteFile(Path(name), b);
     return "file:" + name;
   }
 
@@ -109,12 +106,13 @@ TEST_F(ZelctlTest, ShowMatchesGoldenTextAndJson) {
 
 TEST_F(ZelctlTest, VerifyReportsEachDamageAtItsOffset) {
   const std::vector<Switch> fx = Fixture();
-  const Bytes good = Padded(Blob(fx));
+  StateFile("state", fx);
+  const Bytes good = hardening::Slurp(Path("state"));
   const Bytes p2 = Encode(fx[0].ports[1].props, 5);  // nested verbatim
   const size_t at =
       size_t(std::search(good.begin(), good.end(), p2.begin(), p2.end()) - good.begin());
   ASSERT_LT(at, good.size());
-  const uint32_t size = good[0] | good[1] << 8 | good[2] << 16 | uint32_t(good[3]) << 24;
+  const uint32_t size = zelstatetest::Get32(good, 0);  // the header's length
   struct Row {
     size_t flip, size;  // the byte flipped (0: none), the file's length
     std::string expected;
