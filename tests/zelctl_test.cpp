@@ -83,12 +83,28 @@ class ZelctlTest : public ::testing::Test {
   const std::string dir_ = tmp_.path();
 };
 
-// Compares with a golden file beside this source; ZELCTL_GOLDEN=update rewrites it.
+// Compares with a golden file beside this source; ZELCTL_GOLDEN=update rewrites it. The JSON
+// golden is kept one property per line and compared as a document, after checking that the
+// program printed it in its two-space layout.
 void ExpectGolden(const std::string &actual, const std::string &name) {
   const std::string path = std::string(ZELCTL_GOLDEN_DIR) + "/" + name;
+  const bool json = name.ends_with(".json");
+  std::string stored = actual;
+  if (json) {
+    const auto doc = nlohmann::ordered_json::parse(actual);
+    EXPECT_EQ(actual, doc.dump(2) + "\n");
+    stored = doc.dump() + "\n";
+    for (const std::string row : {"{\"id\":", "{\"name\":"})
+      for (size_t at = 1; (at = stored.find(row, at)) != std::string::npos; at += 2)
+        stored.insert(at++, "\n");
+  }
   const char *mode = std::getenv("ZELCTL_GOLDEN");
-  if (mode != nullptr && std::string(mode) == "update") std::ofstream(path) << actual;
-  EXPECT_EQ(actual, ReadText(path)) << "golden file " << path;
+  if (mode != nullptr && std::string(mode) == "update") std::ofstream(path) << stored;
+  if (json)
+    EXPECT_EQ(nlohmann::ordered_json::parse(actual), nlohmann::ordered_json::parse(ReadText(path)))
+        << "golden file " << path;
+  else
+    EXPECT_EQ(actual, ReadText(path)) << "golden file " << path;
 }
 
 TEST_F(ZelctlTest, ShowMatchesGoldenTextAndJson) {
