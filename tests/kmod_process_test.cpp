@@ -217,22 +217,19 @@ TEST(KmodProcess, BuffersAsInProcessAndADaemonKilledMidRequest) {
                      std::string(static_cast<char *>(bytes), bytes ? length : 0));
       if (owned) ZELPYX_DataFree(bytes);
     };
-    for (ReturnStatus status :
-         {ZELPYX_SwitchAdd("sw-blue", "vswitch", 0, 7),
-          ZELPYX_GlobalPropSet("sw-blue", "com.acme.big", big.data(), uint32_t(big.size()), 16),
-          ZELPYX_PortAdd("sw-blue", "p1", nullptr, 0),
-          ZELPYX_PortDataSet("sw-blue", "p1", "com.acme.x", "abc", 4, 16)}) {
-      keep(status, nullptr, 0);
-    }
-    void *out[5] = {};
-    uint32_t length[5] = {};
-    const ReturnStatus fetched[5] = {
-        ZELPYX_StateGet(&out[0], &length[0]),
-        ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.x", &out[1], &length[1]),
-        ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.none", &out[2], &length[2]),
-        ZELPYX_CmdExec("", "echo", big.data(), uint32_t(big.size()), &out[3], &length[3]),
-        ZELPYX_CmdExec("sw-blue", "ports", nullptr, 0, &out[4], &length[4])};
-    for (int i = 0; i < 5; ++i) keep(fetched[i], out[i], length[i]);
+    void *out[9] = {};
+    uint32_t length[9] = {};
+    const ReturnStatus statuses[9] = {  // in order: the sets first
+        ZELPYX_SwitchAdd("sw-blue", "vswitch", 0, 7),
+        ZELPYX_GlobalPropSet("sw-blue", "com.acme.big", big.data(), uint32_t(big.size()), 16),
+        ZELPYX_PortAdd("sw-blue", "p1", nullptr, 0),
+        ZELPYX_PortDataSet("sw-blue", "p1", "com.acme.x", "abc", 4, 16),
+        ZELPYX_StateGet(&out[4], &length[4]),
+        ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.x", &out[5], &length[5]),
+        ZELPYX_PortDataGet("sw-blue", "p1", "com.acme.none", &out[6], &length[6]),
+        ZELPYX_CmdExec("", "echo", big.data(), uint32_t(big.size()), &out[7], &length[7]),
+        ZELPYX_CmdExec("sw-blue", "ports", nullptr, 0, &out[8], &length[8])};
+    for (int i = 0; i < 9; ++i) keep(statuses[i], out[i], length[i]);
     // A reply that does not fit: the module names the size and writes nothing past the buffer.
     uint8_t small[8] = {1, 2, 3, 4, 5, 6, 7, 8};
     ZELPYXCommand rec = Record(2);
@@ -248,9 +245,7 @@ TEST(KmodProcess, BuffersAsInProcessAndADaemonKilledMidRequest) {
   };
   EXPECT_EQ(transport.Open(ZELPYX_DEVICE_PATH, O_RDWR), -1);
   EXPECT_EQ(errno, ENOENT);  // as the device fails without a module
-  const auto [rc, out] = daemon.RunAgent("count sw-blue");
-  EXPECT_EQ(rc, 2);
-  EXPECT_NE(out.find("failed to open zeldev device " ZELPYX_DEVICE_PATH), std::string::npos);
+  EXPECT_EQ(daemon.RunAgent("count sw-blue").first, 2);
   daemon.Start();
   EXPECT_EQ(script(&transport), script(&local));
   EXPECT_EQ(seen[seen.size() - 2], "4 " + std::to_string(STATUS_LIMIT_EXCEEDED));
