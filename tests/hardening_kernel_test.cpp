@@ -18,11 +18,9 @@ TEST(HardeningBuild, OnlyDebugAndTestBuildsCheckTheLockOrder) {
         Build{"Release", "ON", true}}) {
     SCOPED_TRACE(std::string(buildType) + " ZEL_TESTS=" + tests);
     hardening::TempDir tree;
-    EXPECT_EQ(std::system(("cmake -S '" + source + "' -B " + tree.path() + " -G Ninja " +
-                           "-DCMAKE_BUILD_TYPE=" + buildType + " -DZEL_TESTS=" + tests +
-                           " >/dev/null 2>&1")
-                              .c_str()),
-              0);
+    const std::string configure = "cmake -S '" + source + "' -B " + tree.path() + " -G Ninja" +
+                                  " -DCMAKE_BUILD_TYPE=" + buildType + " -DZEL_TESTS=" + tests;
+    EXPECT_EQ(std::system((configure + " >/dev/null 2>&1").c_str()), 0);
     const auto commands = hardening::Slurp(tree.path() + "/compile_commands.json");
     const std::string text(commands.begin(), commands.end());
     EXPECT_NE(text.find("host/lock.cpp"), std::string::npos);

@@ -90,8 +90,6 @@ TEST_F(KernelSlicesTest, VendorListsAndTheVersion107Strip) {
   // The host list keeps extra-config names.
   EXPECT_EQ(Slice(ZELPYX_VendorHostPropList, "sky", 16),
             (V{"com.zorlan.extraconfig.h", "acme.host"}));
-  SetGlobal("sky", {{"com.zorlan.common.version", U32(7)}});
-  EXPECT_EQ(Slice(ZELPYX_VendorGlobalPropList, "sky", 16).size(), 3u);
 }
 
 // Failures hand nothing out, leave the database empty and release the lock.
