@@ -116,10 +116,11 @@ TEST_F(StateBlobTest, RoundTripKeepsOrderAndClosesSlotGaps) {
   for (int level : {-1, 2}) {  // read in place, and through lists with traces on
     SCOPED_TRACE(level);
     ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
-    {
+    const std::string out = Output(level, [&] {
       zeltest::ScopedLevel data(zeldata_debug, level);
-      zeltest::CaptureStdout([&] { ASSERT_EQ(Load(blob), STATUS_OK); });
-    }
+      ASSERT_EQ(Load(blob), STATUS_OK);
+    });
+    EXPECT_EQ(out.find("ZELState_PortDeserialize a, 3\n") != std::string::npos, level == 2);
     EXPECT_EQ(Slots()[1], "b");
     EXPECT_EQ(ZEL_GetNewMaxPorts(ZELState_SwitchFind("a")), 12u);
     int slot = 0;

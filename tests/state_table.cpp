@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "host/bitvector.h"
 #include "host/host_limits.h"
 #include "host/lock.h"
 #include "state_fixture.h"
@@ -121,6 +122,18 @@ TEST_F(StateSwitchTest, AllocationFailuresLeaveTheTableAsItWas) {
   }
   ZELState_ConfigReset();
   EXPECT_EQ(fa::Live(), 0);
+}
+
+// Bits past the end are neither set nor read; a bit past the first word is
+// found in its own word.
+TEST(BitVectorTest, BoundsAndTheSecondWord) {
+  uint64_t memory[4] = {};
+  zel::host::BitVector *bits = zel::host::BitVector::Init(memory, 128);
+  bits->Set(128);
+  bits->Set(65);
+  EXPECT_EQ(memory[3], 0u);
+  EXPECT_TRUE(bits->Test(65));
+  EXPECT_FALSE(bits->Test(64));
 }
 
 TEST(StateLockDeathTest, LowerRankLockInsideTheTableLockAborts) {
@@ -274,12 +287,19 @@ TEST_F(StatePortTest, LookupPreferencesNormalBeforeLocalCache) {
   EXPECT_STREQ(ZEL_PortId(ZELState_PortFindShadowByUUID(uuid, "7")), "7");
 }
 
-// A failed get or clear of a port's property prints at level 1; a set
-// without a value fails quietly.
+// A shadow port from serialized data keeps its list only when it is added; a
+// failed get or clear of a port's property prints at level 1; a set without a
+// value fails quietly.
 TEST_F(StatePortTest, PortDataAndItsMessages) {
+  st::SetAllocator(fa::Alloc, fa::Free);
   ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
-  ASSERT_EQ(AddPort("a", "1", PORT_KIND_SHADOW), STATUS_OK);
+  const Bytes data = Encode({{"k0", Text("v0")}});
+  const int64_t live = fa::Live();
+  EXPECT_EQ(ZELState_PortAddShadow("zz", "1", data.data(), data.size()), STATUS_NOT_FOUND);
+  EXPECT_EQ(fa::Live(), live);
+  ASSERT_EQ(ZELState_PortAddShadow("a", "1", data.data(), data.size()), STATUS_OK);
   PortState *port = ZELState_PortFindShadow("a", "1");
+  EXPECT_EQ(ListProps(ZEL_PortData(port)), (Props{{"k0", Text("v0")}}));
   void *value = nullptr;
   uint32_t length = 0;
   const std::string out = Output(1, [&] {
