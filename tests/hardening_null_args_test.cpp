@@ -92,7 +92,6 @@ TEST(HardeningNullArgs, EveryExportedFunctionRefusesNullPointers) {
       NUL(ZEL_PortSwitch(nullptr)), BAD(ZELState_ConfigDeserialize(nullptr, 64)),
       BAD(ZELState_GlobalPropSet(nullptr, "x", "v", 2, 16)), RUNS(ZELState_FreeZELArray(nullptr)),
       BAD(ZELState_GlobalPropClear(nullptr, "x")), BAD(ZELState_PortSerialize(nullptr, &buf, &len)),
-      GIVES(ZELState_HostPropSet("sw", "x", nullptr, 2, 16), STATUS_FAILURE),
       GIVES(ZELState_StripZelWithNoPersistFlag(nullptr, nullptr, true), false),
       RUNS(ZelSwitchPYXUnlock(nullptr)), BAD(ZELPYX_PersistentStateGetWithFile(nullptr, &len, "p")),
       BAD(ZELPYX_Ioctl(0, nullptr)), BAD(ZELPYX_PortGetByExternalId("sw", nullptr, nullptr)),

@@ -351,17 +351,11 @@ TEST_F(StatePortTest, IdIndexAgreesWithAModelUnderChurn) {
 
 // The strip of switches marked not to be persisted, the move back of named
 // switches and the release of what was parked.
-SwitchState *const kUnset = reinterpret_cast<SwitchState *>(0x1);
-
 class StatePersistTest : public StateTest {
  protected:
   // Garbage the operations must overwrite (or must leave alone).
-  void SetUp() override {
-    StateTest::SetUp();
-    Reset();
-  }
   void Reset() {
-    for (auto &entry : array_) entry = kUnset;
+    for (auto &entry : array_) entry = reinterpret_cast<SwitchState *>(0x1);
     std::memset(ids_, 'x', sizeof ids_);
   }
   // A switch with one port, marked with `flag` unless it is negative.
@@ -387,44 +381,28 @@ class StatePersistTest : public StateTest {
   char ids_[ZEL_MAX_SWITCHES][ZEL_SWITCH_ID_SIZE];
 };
 
-// Without a marked switch nothing moves (a zero first byte does not mark);
-// with one, its id is listed and, when there is a state file to read, the
-// other switches are parked in the array (still counting their ports).
-TEST_F(StatePersistTest, StripListsMarkedSwitchesAndParksTheRest) {
-  const struct {
-    uint8_t flag;
-    bool stateFile, stripped;
-    std::vector<std::string> slots, parked;
-  } cases[] = {
-      {0, true, false, Expect({{0, "a"}, {1, "b"}, {2, "marked"}}), Expect({})},
-      {1, false, false, Expect({{0, "a"}, {1, "b"}}), Expect({})},
-      {1, true, true, Expect({}), Expect({{0, "a"}, {1, "b"}})},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(&c - cases);
-    Add("a");
-    Add("b");
-    Add("marked", c.flag);
-    EXPECT_EQ(ZELState_StripZelWithNoPersistFlag(array_, ids_, c.stateFile), c.stripped);
-    EXPECT_STREQ(c.flag != 0 ? ids_[0] : "marked", "marked");
-    EXPECT_EQ(ids_[c.flag][0], 'x') << "rows past the last id are left alone";
-    EXPECT_EQ(ArrayIds(), c.parked);
-    EXPECT_EQ(Slots(), c.slots);
-    EXPECT_EQ(HostPorts(), c.flag != 0 ? 2u : 3u);
-    if (c.stripped) ZELState_FreeZELArray(array_);
-    ZELState_ConfigReset();
-    Reset();
-  }
-}
-
-TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitchesAndFreeReleasesTheRest) {
-  zel::state::testing::SetAllocator(zeltest::failalloc::Alloc, zeltest::failalloc::Free);
-  // The array holds switches in slots 0 and 2 ...
+TEST_F(StatePersistTest, StripMoveBackAndFree) {
+  st::SetAllocator(fa::Alloc, fa::Free);
+  Reset();
+  // Without a state file to read, a marked switch is dropped and listed, and
+  // nothing is parked; a zero first byte does not mark.
+  Add("zero", 0);
+  Add("gone", 1);
+  EXPECT_FALSE(ZELState_StripZelWithNoPersistFlag(array_, ids_, false));
+  EXPECT_STREQ(ids_[0], "gone");
+  EXPECT_EQ(ids_[1][0], 'x') << "rows past the last id are left alone";
+  EXPECT_EQ(ArrayIds(), Expect({}));
+  EXPECT_EQ(Slots(), Expect({{0, "zero"}}));
+  ASSERT_EQ(ZELState_SwitchRemove("zero"), STATUS_OK);
+  Reset();
+  // With one, the rest is parked, still counting its ports: slots 0 and 2 ...
   for (const char *id : {"x0", "hole", "x2"}) Add(id);
   Add("dummy", 1);
   ASSERT_EQ(ZELState_SwitchRemove("hole"), STATUS_OK);
   ASSERT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
   ASSERT_EQ(ArrayIds(), Expect({{0, "x0"}, {2, "x2"}}));
+  EXPECT_TRUE(DatabaseEmpty());
+  EXPECT_EQ(HostPorts(), 2u);
   // ... and the table a named switch in slot 5 and another in slot 6.
   for (const char *id : {"f0", "f1", "f2", "f3", "f4", "named", "other"}) Add(id);
   for (const char *id : {"f0", "f1", "f2", "f3", "f4"})
@@ -440,7 +418,7 @@ TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitchesAndFreeReleasesTh
   ZELState_FreeZELArray(array_);
   EXPECT_TRUE(DatabaseEmpty());
   EXPECT_EQ(HostPorts(), 0u);
-  EXPECT_EQ(zeltest::failalloc::Live(), 0);
+  EXPECT_EQ(fa::Live(), 0);
 }
 
 // The system-wide port limit from the environment, capped.
