@@ -1,7 +1,5 @@
-// The state file: padding, verification on reading, every failure with its
-// host-log message, the replace-by-rename write surviving failures and a
-// writer killed at any point, and a hostile directory: files planted beside
-// the state, several processes writing at once, paths that are not files.
+// The state file: padding, read checks, failures with their log messages,
+// writers failing or killed midway, and a hostile directory.
 #include "zel/file.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,5 @@
-// The state blob: exact bytes of both writers against an independent encoder
-// of the serialized form, round trips through both readers, refusals, and
-// allocation failures.
+// The state blob: both writers' bytes against an independent encoder, round
+// trips through both readers, refusals, and allocation failures.
 #include <string>
 
 #include "data/property_list_internal.h"

@@ -1,7 +1,5 @@
-// The state table: switches and the host's port limit, the table lock, the
-// switch property lists; ports with their kinds, limits, lookups and id index;
-// the persistence filtering of switches marked not to be persisted; the
-// environment's port limit; and threads working on the table at once.
+// The state table: switches, their property lists and ports, the persistence
+// filtering, the environment's port limit, and threads working on it at once.
 #include <atomic>
 #include <cstdlib>
 #include <map>
