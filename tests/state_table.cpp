@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "host/bitvector.h"
+#include "host/feature_flags.h"
 #include "host/host_limits.h"
 #include "host/lock.h"
 #include "state_fixture.h"
@@ -440,6 +441,17 @@ TEST(HostLimitsTest, EnvironmentDefaultCapAndRefusals) {
   unsetenv(kMaxPortsSystemWideEnv);
   zel::host::testing::UseDefaultKernelInfo();
   EXPECT_EQ(KernelInfoCheckSignature(), STATUS_OK);
+}
+
+// The environment decides until a value is set: a fresh process, which has set
+// none, reads it.
+TEST(FeatureFlagsDeathTest, TheEnvironmentDecidesUntilAValueIsSet) {
+  const std::string style = GTEST_FLAG_GET(death_test_style);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // the child starts the program anew
+  setenv("ZEL_CONFIGSTORE_FEATURES", "1,1", 1);
+  EXPECT_EXIT(std::exit(zel::host::ConfigStoreEnabled() ? 0 : 1), testing::ExitedWithCode(0), "");
+  unsetenv("ZEL_CONFIGSTORE_FEATURES");
+  GTEST_FLAG_SET(death_test_style, style);
 }
 
 // Several threads adding, finding and removing switches and ports at once.
