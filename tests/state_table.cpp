@@ -35,7 +35,6 @@ TEST_F(StateSwitchTest, LimitIsFetchedAtTheFirstSuccessfulAdd) {
   ExpectOutput(0, STATUS_FAILURE,
                "ZELState_SwitchAdd a, failed to get max ports systemwide. Error: Failure\n",
                [] { return Add("a"); });
-  EXPECT_EQ(uwMaxNumActivePortsSystemWide, 0u);
   zel::host::testing::SetMaxPortsSystemWide(64);
   EXPECT_EQ(Add("a", "vswitch", 5), STATUS_OK);
   EXPECT_EQ(uwMaxNumActivePortsSystemWide, 64u);
