@@ -112,7 +112,7 @@ TEST_F(StateBlobTest, RoundTripKeepsOrderAndClosesSlotGaps) {
   }
   for (const char *p : {"1", "2", "4", "5", "6"}) ASSERT_EQ(ZELState_PortRemove("a", p), STATUS_OK);
   const Bytes blob = StateBlob();
-  for (int level : {-1, 2}) {  // read in place, and through lists with traces on
+  for (int level : {0, 2}) {  // read in place, and through lists with traces on
     SCOPED_TRACE(level);
     ASSERT_EQ(ZELState_ConfigReset(), STATUS_OK);
     const std::string out = Output(level, [&] {
@@ -121,7 +121,7 @@ TEST_F(StateBlobTest, RoundTripKeepsOrderAndClosesSlotGaps) {
     });
     EXPECT_EQ(out.find("ZELState_PortDeserialize a, 3\n") != std::string::npos, level == 2);
     const std::string noType = "ZELState_PortDeserialize: no type for a, 3\n";
-    EXPECT_EQ(out.find(noType) != std::string::npos, level == 2);
+    EXPECT_NE(out.find(noType), std::string::npos);
     EXPECT_EQ(Slots()[1], "b");
     EXPECT_EQ(ZEL_GetNewMaxPorts(ZELState_SwitchFind("a")), 12u);
     int slot = 0;
