@@ -240,18 +240,6 @@ TEST_F(StatePortTest, PerSwitchAndHostLimits) {
                [] { return AddPort("lim", "4"); });
 }
 
-TEST_F(StatePortTest, FailedAddsKeepCountsAndTheCallersList) {
-  st::SetAllocator(zeltest::failalloc::Alloc, zeltest::failalloc::Free);
-  ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
-  EXPECT_EQ(ZELState_PortAdd("a", "1", nullptr), STATUS_BAD_PARAM);
-  PropertyList *list = MakeList({{"k", Text("v")}});
-  zeltest::failalloc::FailAt(1);
-  EXPECT_EQ(ZELState_PortAdd("a", "1", list), STATUS_NO_MEMORY);
-  EXPECT_EQ(ZEL_NumPorts(ZELState_SwitchFind("a")) + HostPorts(), 0u);
-  EXPECT_EQ(ZELState_PortAdd("a", "1", list), STATUS_OK);
-  EXPECT_EQ(ZEL_PortData(ZELState_PortFind("a", "1")), list);
-}
-
 TEST_F(StatePortTest, LookupPreferencesNormalBeforeLocalCache) {
   ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
   ASSERT_EQ(ZELState_GlobalPropSet("a", ZEL_PROP_SWITCH_ALIAS, "sky", 4, 0), STATUS_OK);
@@ -283,12 +271,20 @@ TEST_F(StatePortTest, LookupPreferencesNormalBeforeLocalCache) {
   EXPECT_STREQ(ZEL_PortId(ZELState_PortFindShadowByUUID(uuid, "7")), "7");
 }
 
-// A shadow port from serialized data keeps its list only when it is added; a
-// failed get or clear of a port's property prints at level 1; a set without a
-// value fails quietly.
-TEST_F(StatePortTest, PortDataAndItsMessages) {
+// A failed add keeps the counts and leaves the caller its list; a shadow port
+// from serialized data keeps its list only when it is added; a failed get or
+// clear of a port's property prints at level 1; a set without a value fails
+// quietly.
+TEST_F(StatePortTest, AddsFromListsAndDataAndPortDataMessages) {
   st::SetAllocator(fa::Alloc, fa::Free);
   ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
+  EXPECT_EQ(ZELState_PortAdd("a", "1", nullptr), STATUS_BAD_PARAM);
+  PropertyList *list = MakeList({{"k", Text("v")}});
+  fa::FailAt(1);
+  EXPECT_EQ(ZELState_PortAdd("a", "1", list), STATUS_NO_MEMORY);
+  EXPECT_EQ(ZEL_NumPorts(ZELState_SwitchFind("a")) + HostPorts(), 0u);
+  EXPECT_EQ(ZELState_PortAdd("a", "1", list), STATUS_OK);
+  EXPECT_EQ(ZEL_PortData(ZELState_PortFind("a", "1")), list);
   const Bytes data = Encode({{"k0", Text("v0")}});
   const int64_t live = fa::Live();
   EXPECT_EQ(ZELState_PortAddShadow("zz", "1", data.data(), data.size()), STATUS_NOT_FOUND);
