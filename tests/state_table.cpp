@@ -1,7 +1,5 @@
-// The state table: switches and the host's port limit, the table lock, the
-// switch property lists; ports with their kinds, limits, lookups and id index;
-// the persistence filtering of switches marked not to be persisted; the
-// environment's port limit; and threads working on the table at once.
+// The state table: switches, their property lists and ports, the persistence
+// filtering, the environment's port limit, and threads working on it at once.
 #include <atomic>
 #include <cstdlib>
 #include <map>
@@ -9,6 +7,8 @@
 #include <string>
 #include <thread>
 
+#include "host/bitvector.h"
+#include "host/feature_flags.h"
 #include "host/host_limits.h"
 #include "host/lock.h"
 #include "state_fixture.h"
@@ -35,7 +35,6 @@ TEST_F(StateSwitchTest, LimitIsFetchedAtTheFirstSuccessfulAdd) {
   ExpectOutput(0, STATUS_FAILURE,
                "ZELState_SwitchAdd a, failed to get max ports systemwide. Error: Failure\n",
                [] { return Add("a"); });
-  EXPECT_EQ(uwMaxNumActivePortsSystemWide, 0u);
   zel::host::testing::SetMaxPortsSystemWide(64);
   EXPECT_EQ(Add("a", "vswitch", 5), STATUS_OK);
   EXPECT_EQ(uwMaxNumActivePortsSystemWide, 64u);
@@ -67,7 +66,6 @@ TEST_F(StateSwitchTest, ClassesAndTheHostWidePortCheck) {
   ExpectOutput(0, STATUS_LIMIT_EXCEEDED,
                "ZELState_SwitchAdd lim, failed with maxPorts exceed 97.\n",
                [] { return Add("lim", "vswitch2", 97); });
-  EXPECT_EQ(ZELState_SwitchFind("lim"), nullptr);
   ASSERT_EQ(Add("lim", "vswitch2", 96), STATUS_OK);
   EXPECT_EQ(ZEL_GetMaxPorts(ZELState_SwitchFind("lim")), 96u);
   // The check is against ports in use, not against other switches' limits.
@@ -121,6 +119,18 @@ TEST_F(StateSwitchTest, AllocationFailuresLeaveTheTableAsItWas) {
   }
   ZELState_ConfigReset();
   EXPECT_EQ(fa::Live(), 0);
+}
+
+// Bits past the end are neither cleared nor read; a bit past the first word
+// is found in its own word.
+TEST(BitVectorTest, BoundsAndTheSecondWord) {
+  uint64_t memory[4] = {0, 0, 0, 1};
+  zel::host::BitVector *bits = zel::host::BitVector::Init(memory, 128);
+  bits->Clear(128);
+  bits->Set(65);
+  EXPECT_EQ(memory[3], 1u);
+  EXPECT_TRUE(bits->Test(65));
+  EXPECT_FALSE(bits->Test(64));
 }
 
 TEST(StateLockDeathTest, LowerRankLockInsideTheTableLockAborts) {
@@ -190,7 +200,6 @@ TEST_F(StatePortTest, IdLengthsKindsDuplicatesAndZombies) {
   EXPECT_EQ(AddPort("v6", "0123456789abcde"), STATUS_OK);
   EXPECT_EQ(AddPort("a", std::string(47, 'p').c_str()), STATUS_OK);
   EXPECT_EQ(AddPort("a", std::string(48, 'p').c_str()), STATUS_BAD_PARAM);
-  EXPECT_EQ(AddPort("nosuch", "1"), STATUS_NOT_FOUND);
   for (PortKind kind : {PORT_KIND_NORMAL, PORT_KIND_SHADOW, PORT_KIND_ZOMBIE, PORT_KIND_ZOMBIE})
     EXPECT_EQ(AddPort("a", "10", kind), STATUS_OK);
   EXPECT_EQ(AddPort("a", "10"), STATUS_EXISTS);
@@ -231,18 +240,6 @@ TEST_F(StatePortTest, PerSwitchAndHostLimits) {
                [] { return AddPort("lim", "4"); });
 }
 
-TEST_F(StatePortTest, FailedAddsKeepCountsAndTheCallersList) {
-  st::SetAllocator(zeltest::failalloc::Alloc, zeltest::failalloc::Free);
-  ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
-  EXPECT_EQ(ZELState_PortAdd("a", "1", nullptr), STATUS_BAD_PARAM);
-  PropertyList *list = MakeList({{"k", Text("v")}});
-  zeltest::failalloc::FailAt(1);
-  EXPECT_EQ(ZELState_PortAdd("a", "1", list), STATUS_NO_MEMORY);
-  EXPECT_EQ(ZEL_NumPorts(ZELState_SwitchFind("a")) + HostPorts(), 0u);
-  EXPECT_EQ(ZELState_PortAdd("a", "1", list), STATUS_OK);
-  EXPECT_EQ(ZEL_PortData(ZELState_PortFind("a", "1")), list);
-}
-
 TEST_F(StatePortTest, LookupPreferencesNormalBeforeLocalCache) {
   ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
   ASSERT_EQ(ZELState_GlobalPropSet("a", ZEL_PROP_SWITCH_ALIAS, "sky", 4, 0), STATUS_OK);
@@ -274,11 +271,25 @@ TEST_F(StatePortTest, LookupPreferencesNormalBeforeLocalCache) {
   EXPECT_STREQ(ZEL_PortId(ZELState_PortFindShadowByUUID(uuid, "7")), "7");
 }
 
-// A failed get or clear of a port's property prints at level 1; a set
-// without a value fails quietly.
-TEST_F(StatePortTest, PortDataAndItsMessages) {
+// A failed add keeps the counts and leaves the caller its list; a shadow port
+// from serialized data keeps its list only when it is added; a failed get or
+// clear of a port's property prints at level 1; a set without a value fails
+// quietly.
+TEST_F(StatePortTest, AddsFromListsAndDataAndPortDataMessages) {
+  st::SetAllocator(fa::Alloc, fa::Free);
   ASSERT_EQ(ZELState_SwitchAdd("a", "vswitch", 0, 7), STATUS_OK);
-  ASSERT_EQ(AddPort("a", "1", PORT_KIND_SHADOW), STATUS_OK);
+  EXPECT_EQ(ZELState_PortAdd("a", "1", nullptr), STATUS_BAD_PARAM);
+  PropertyList *list = MakeList({{"k", Text("v")}});
+  fa::FailAt(1);
+  EXPECT_EQ(ZELState_PortAdd("a", "1", list), STATUS_NO_MEMORY);
+  EXPECT_EQ(ZEL_NumPorts(ZELState_SwitchFind("a")) + HostPorts(), 0u);
+  EXPECT_EQ(ZELState_PortAdd("a", "1", list), STATUS_OK);
+  EXPECT_EQ(ZEL_PortData(ZELState_PortFind("a", "1")), list);
+  const Bytes data = Encode({{"k0", Text("v0")}});
+  const int64_t live = fa::Live();
+  EXPECT_EQ(ZELState_PortAddShadow("zz", "1", data.data(), data.size()), STATUS_NOT_FOUND);
+  EXPECT_EQ(fa::Live(), live);
+  ASSERT_EQ(ZELState_PortAddShadow("a", "1", data.data(), data.size()), STATUS_OK);
   PortState *port = ZELState_PortFindShadow("a", "1");
   void *value = nullptr;
   uint32_t length = 0;
@@ -331,17 +342,11 @@ TEST_F(StatePortTest, IdIndexAgreesWithAModelUnderChurn) {
 
 // The strip of switches marked not to be persisted, the move back of named
 // switches and the release of what was parked.
-SwitchState *const kUnset = reinterpret_cast<SwitchState *>(0x1);
-
 class StatePersistTest : public StateTest {
  protected:
   // Garbage the operations must overwrite (or must leave alone).
-  void SetUp() override {
-    StateTest::SetUp();
-    Reset();
-  }
   void Reset() {
-    for (auto &entry : array_) entry = kUnset;
+    for (auto &entry : array_) entry = reinterpret_cast<SwitchState *>(0x1);
     std::memset(ids_, 'x', sizeof ids_);
   }
   // A switch with one port, marked with `flag` unless it is negative.
@@ -367,44 +372,28 @@ class StatePersistTest : public StateTest {
   char ids_[ZEL_MAX_SWITCHES][ZEL_SWITCH_ID_SIZE];
 };
 
-// Without a marked switch nothing moves (a zero first byte does not mark);
-// with one, its id is listed and, when there is a state file to read, the
-// other switches are parked in the array (still counting their ports).
-TEST_F(StatePersistTest, StripListsMarkedSwitchesAndParksTheRest) {
-  const struct {
-    uint8_t flag;
-    bool stateFile, stripped;
-    std::vector<std::string> slots, parked;
-  } cases[] = {
-      {0, true, false, Expect({{0, "a"}, {1, "b"}, {2, "marked"}}), Expect({})},
-      {1, false, false, Expect({{0, "a"}, {1, "b"}}), Expect({})},
-      {1, true, true, Expect({}), Expect({{0, "a"}, {1, "b"}})},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(&c - cases);
-    Add("a");
-    Add("b");
-    Add("marked", c.flag);
-    EXPECT_EQ(ZELState_StripZelWithNoPersistFlag(array_, ids_, c.stateFile), c.stripped);
-    EXPECT_STREQ(c.flag != 0 ? ids_[0] : "marked", "marked");
-    EXPECT_EQ(ids_[c.flag][0], 'x') << "rows past the last id are left alone";
-    EXPECT_EQ(ArrayIds(), c.parked);
-    EXPECT_EQ(Slots(), c.slots);
-    EXPECT_EQ(HostPorts(), c.flag != 0 ? 2u : 3u);
-    if (c.stripped) ZELState_FreeZELArray(array_);
-    ZELState_ConfigReset();
-    Reset();
-  }
-}
-
-TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitchesAndFreeReleasesTheRest) {
-  zel::state::testing::SetAllocator(zeltest::failalloc::Alloc, zeltest::failalloc::Free);
-  // The array holds switches in slots 0 and 2 ...
+TEST_F(StatePersistTest, StripMoveBackAndFree) {
+  st::SetAllocator(fa::Alloc, fa::Free);
+  Reset();
+  // Without a state file to read, a marked switch is dropped and listed, and
+  // nothing is parked; a zero first byte does not mark.
+  Add("zero", 0);
+  Add("gone", 1);
+  EXPECT_FALSE(ZELState_StripZelWithNoPersistFlag(array_, ids_, false));
+  EXPECT_STREQ(ids_[0], "gone");
+  EXPECT_EQ(ids_[1][0], 'x') << "rows past the last id are left alone";
+  EXPECT_EQ(ArrayIds(), Expect({}));
+  EXPECT_EQ(Slots(), Expect({{0, "zero"}}));
+  ASSERT_EQ(ZELState_SwitchRemove("zero"), STATUS_OK);
+  Reset();
+  // With one, the rest is parked, still counting its ports: slots 0 and 2 ...
   for (const char *id : {"x0", "hole", "x2"}) Add(id);
   Add("dummy", 1);
   ASSERT_EQ(ZELState_SwitchRemove("hole"), STATUS_OK);
   ASSERT_TRUE(ZELState_StripZelWithNoPersistFlag(array_, ids_, true));
   ASSERT_EQ(ArrayIds(), Expect({{0, "x0"}, {2, "x2"}}));
+  EXPECT_TRUE(DatabaseEmpty());
+  EXPECT_EQ(HostPorts(), 2u);
   // ... and the table a named switch in slot 5 and another in slot 6.
   for (const char *id : {"f0", "f1", "f2", "f3", "f4", "named", "other"}) Add(id);
   for (const char *id : {"f0", "f1", "f2", "f3", "f4"})
@@ -420,7 +409,7 @@ TEST_F(StatePersistTest, UpdateGlobalSwsArrayMovesNamedSwitchesAndFreeReleasesTh
   ZELState_FreeZELArray(array_);
   EXPECT_TRUE(DatabaseEmpty());
   EXPECT_EQ(HostPorts(), 0u);
-  EXPECT_EQ(zeltest::failalloc::Live(), 0);
+  EXPECT_EQ(fa::Live(), 0);
 }
 
 // The system-wide port limit from the environment, capped.
@@ -447,6 +436,17 @@ TEST(HostLimitsTest, EnvironmentDefaultCapAndRefusals) {
   unsetenv(kMaxPortsSystemWideEnv);
   zel::host::testing::UseDefaultKernelInfo();
   EXPECT_EQ(KernelInfoCheckSignature(), STATUS_OK);
+}
+
+// The environment decides until a value is set: a fresh process, which has set
+// none, reads it.
+TEST(FeatureFlagsDeathTest, TheEnvironmentDecidesUntilAValueIsSet) {
+  const std::string style = GTEST_FLAG_GET(death_test_style);
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // the child starts the program anew
+  setenv("ZEL_CONFIGSTORE_FEATURES", "1,1", 1);
+  EXPECT_EXIT(std::exit(zel::host::ConfigStoreEnabled() ? 0 : 1), testing::ExitedWithCode(0), "");
+  unsetenv("ZEL_CONFIGSTORE_FEATURES");
+  GTEST_FLAG_SET(death_test_style, style);
 }
 
 // Several threads adding, finding and removing switches and ports at once.
