@@ -37,9 +37,9 @@ struct Record {
 
 inline Bytes U16(uint16_t v) { return Record(2).u16(0, v).b; }
 
-// A counted list of names in slots of `slot` bytes.
-inline Bytes NameList(const std::vector<std::string> &names, size_t slot, size_t count) {
-  Bytes b = U32(static_cast<uint32_t>(count));
+// A counted list of names in slots of `slot` bytes; the count is that of the names unless given.
+inline Bytes NameList(const std::vector<std::string> &names, size_t slot, int64_t count = -1) {
+  Bytes b = U32(static_cast<uint32_t>(count < 0 ? names.size() : count));
   for (const std::string &n : names) b = Cat({b, Slot(n, slot)});
   return b;
 }

@@ -7,16 +7,13 @@ using namespace policytest;
 
 namespace {
 
-Bytes PortIds(const std::vector<std::string> &names) { return NameList(names, 48, names.size()); }
-Bytes PortNames(const std::vector<std::string> &names) { return NameList(names, 81, names.size()); }
-
 SwitchDef EtherSwitch() {
   SwitchDef s;
   s.id = "sw-1";
   s.global = {
       {"com.zorlan.common.alias", Text("sky-a")}, {"com.zorlan.common.version", U32(7)},
       {"com.zorlan.etherswitch.mtu", U32(9000)}, {"com.zorlan.common.opaqueZel", Text("true")},
-      {"com.zorlan.common.uplinkPorts", PortNames({"uplink1", "uplink2"})},
+      {"com.zorlan.common.uplinkPorts", NameList({"uplink1", "uplink2"}, 81)},
       {"com.zorlan.etherswitch.ipv4addr", Bytes{0xC0, 0xA8, 0x01, 0x0A}},
       {"com.zorlan.etherswitch.beaconTimeout", U32(0xFFFFFFFF)},
       {"com.zorlan.etherswitch.multicastFilter", Text("legacyFiltering")},
@@ -25,7 +22,7 @@ SwitchDef EtherSwitch() {
       {"com.zorlan.common.resv.threshold", U32(75)},
   };
   s.host = {{"com.zorlan.common.host.portset", Text("ps-1")},
-            {"com.zorlan.common.host.uplinkPorts", PortIds({"p1", "p9"})},
+            {"com.zorlan.common.host.uplinkPorts", NameList({"p1", "p9"}, 48)},
             {"com.zorlan.common.portset.qor", Text("false")}};
   s.ports = {{"p1",
               {{"com.zorlan.common.port.alias", Text("vm-nic")},
@@ -79,33 +76,6 @@ TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
   EXPECT_EQ(sw.ports[0].second, port);
 }
 
-TEST_F(PersistScalar, LoadKeepsTheRowsOfTheSwitchClass) {
-  const std::string ether = "com.zorlan.etherswitch.", vswitch = "com.zorlan.vswitch.";
-  const struct Case {
-    const char *cls;
-    std::string prefix;  // of the class's own rows
-    bool ownMtu;
-  } cases[] = {{"etherswitch", ether, true}, {"pyxswitch", ether, true},
-               {"vswitch", vswitch, true}, {"cswitch", vswitch, false}};
-  for (const Case &c : cases) {
-    SCOPED_TRACE(c.cls);
-    Loaded sw = RoundTrip("sw-rt", c.cls,
-                          {{"com.zorlan.vswitch.mtu", U32(1600)},
-                           {"com.zorlan.vswitch.multicastFilter", Text("snooping")}},
-                          {{{"com.zorlan.vswitch.port.txUplink", Text("always")}}});
-    Props global = {{"com.zorlan.common.alias", Text("unknown")},
-                    {"com.zorlan.common.version", U32(7)},
-                    {"com.zorlan.common.portset.mtu", U32(1600)}};
-    if (c.ownMtu) global.push_back({c.prefix + "mtu", U32(1600)});
-    global.push_back({c.prefix + "multicastFilter", Text("snooping")});
-    global.push_back({"com.zorlan.common.respools.sched", Bytes{0}});
-    EXPECT_EQ(sw.global, global);
-    EXPECT_EQ(sw.maxPorts, std::string(c.cls) == "pyxswitch" ? 64u : 4096u);  // a limited class
-    ASSERT_EQ(sw.ports.size(), 1u);
-    EXPECT_EQ(sw.ports[0].second, (Props{{c.prefix + "port.txUplink", Text("always")}}));
-  }
-}
-
 TEST_F(PersistScalar, FlagsTextsAndListsAreNormalizedOrRefused) {
   const char *sched = "com.zorlan.common.respools.sched", *opaque = "com.zorlan.common.opaqueZel";
   const char *qor = "com.zorlan.common.portset.qor", *block = "com.zorlan.common.port.block";
@@ -126,22 +96,22 @@ TEST_F(PersistScalar, FlagsTextsAndListsAreNormalizedOrRefused) {
       {23, "tx_uplink", tx, Text("sometimes"), R"({"tx_uplink":false})", {{tx, Text("normal")}}},
       {32, "ferrox_gen2_allowed", pt, U32(1), R"({"ferrox_gen2_allowed":false})", {{pt, U32(0)}}},
       {34, "ipfix_enabled", ipfix, Text("disabled"), R"({"ipfix_enabled":false})", {}},
-      // An empty list of uplink names is not stored; one of uplink keys is.
-      {20, "uplink_port_names", uplinks, PortNames({}), "{}", {}},
-      {14, "uplink_port_keys", keys, PortIds({}), R"({"uplink_port_keys":[]})", {}},
+      // An empty list of uplink names is not stored, and silently; one of uplink keys is.
+      {20, "uplink_port_names", uplinks, NameList({}, 81), "{}", {}, 0, {}, kOther, ""},
+      {14, "uplink_port_keys", keys, NameList({}, 48), R"({"uplink_port_keys":[]})", {}},
       // Short numbers and counts are refused; only whole slots are read; names are cut to slots.
       {0, "ratio", "com.zorlan.common.resv.threshold", Bytes{1, 2}, "{}", {}, kFail},
       {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", Bytes{10, 0, 0}, "{}", {}, kFail},
       {5, "switch_address", "com.zorlan.etherswitch.ipv4addr", {}, R"(@"192.168.1")", {}, kFail},
       {20, "uplink_port_names", uplinks, Bytes{1, 0}, "{}", {}, kFail},
       {20, "uplink_port_names", uplinks, Short(NameList({"u1", "u2"}, 81, 5)), R"(@["u1"])",
-       {{uplinks, NameList({"u1"}, 81, 1)}}},
+       {{uplinks, NameList({"u1"}, 81)}}},
       {14, "uplink_port_keys", keys, NameList({"k1", "k2"}, 48, 3), R"(@["k1","k2"])",
-       {{keys, NameList({"k1", "k2"}, 48, 2)}}},
+       {{keys, NameList({"k1", "k2"}, 48)}}},
       {20, "uplink_port_names", uplinks, {}, "@[\"" + name + "\"]",
-       {{uplinks, NameList({name.substr(0, 80)}, 81, 1)}}},
+       {{uplinks, NameList({name.substr(0, 80)}, 81)}}},
       {14, "uplink_port_keys", keys, {}, "@[\"" + key + "\",\"p2\"]",
-       {{keys, NameList({key.substr(0, 47), "p2"}, 48, 2)}}},
+       {{keys, NameList({key.substr(0, 47), "p2"}, 48)}}},
   });
 }
 
