@@ -90,7 +90,7 @@ inline uint32_t SaveOn(cs::Object *o, uint32_t kind, const char *key, const char
 inline std::string Check(const Case &c) {
   SCOPED_TRACE(::testing::Message() << "kind " << c.kind << " " << c.name << " "
                                     << (c.save ? c.save->size() : 0));
-  const int32_t cls = std::exchange(zp::currentSwitchClass, c.cls);
+  zeltest::ScopedLevel cls(zp::currentSwitchClass, c.cls);
   const bool qor = std::exchange(zp::currentSwitchIsQor, c.qor);
   const std::string want =
       c.json[0] == '@' ? "{\"" + std::string(c.key) + "\":" + c.json.substr(1) + "}" : c.json;
@@ -115,7 +115,6 @@ inline std::string Check(const Case &c) {
     types.push_back(ZELData_PropType(e));
   ZELData_Free(list);
   cs::testing::ClearFailures();
-  zp::currentSwitchClass = cls;
   zp::currentSwitchIsQor = qor;
   if (c.save) {
     EXPECT_EQ(saved, c.status);

@@ -51,7 +51,6 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
       // Values without a name are written as numbers and load as the unknown values.
       {8, kLdp, kCdp, Bytes{7, 9}, R"(@{"operation":"9","protocol":"7"})", {{kCdp, {2, 4}}}},
       {8, kLdp, kCdp, {}, R"(@{"protocol":"lldp","operation":"LISTEN"})", {{kCdp, {2, 1}}}},
-      // A key that does not read fails the load; no object adds nothing.
       {8, kLdp, kCdp, {}, R"(@{"protocol":"LLDP"})", {}, 6},
       {8, kLdp, kCdp, {}, "{}", {}},
       {8, kLdp, kCdp, Bytes{1}, "{}", {}, kFail},
@@ -115,7 +114,7 @@ struct Session {
   uint32_t destinations = 0, recvSources = 0, transmitSources = 0, firstEntry = 0;
 };
 
-// The 232-byte session record, its fields in order.
+// The 232-byte session record.
 Bytes SessionBytes(const Session &s) {
   return Cat({Slot(s.key, 32), Slot(s.name, 84), U32(s.type), U32(s.length), U32(s.flags),
               U16(s.vlan), U16(s.recvWildcards), U16(s.transmitWildcards), Bytes(2, 0),
@@ -192,7 +191,6 @@ TEST_F(PolicySwitch, MirrorSessionsAndEntryWidth) {
        kVs, "Unknown vspan session type in schema: BOGUS\n"},
       {9, "vspans", kEther, {}, bogus, {}, 0, {}, kVs},
       {9, "vspans", kVswitch, {}, bogus, {}, 0, {}, kOther},
-      // A session bool of the wrong type fails the load; no sessions add nothing.
       {9, "vspans", kEther, {}, R"(@[{"key":"s1","legacy_mode":"yes"}])", {}, 3},
       {9, "vspans", kEther, {}, "{}", {}},
       {9, "vspans", kEther, Record(20).b, "{}", {}},
@@ -403,7 +401,6 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndTypeAndStoreFailures) {
       save(22, host, kText, Op::kSetValueStr),
       save(33, port, kOpaque, Op::kCreateSubObject),
       save(33, port, kRaw, Op::kSetValueUint32),
-      // A data object that cannot be read, and reads that fail.
       load(global, stored, {Op::kGetSubObject, 7}, 7, {}),
       load(global, stored, {Op::kGetValueStr, 8, 1}, 8, {}),
       load(port, stored, {Op::kGetValueBinary, 8}, 8, {}),

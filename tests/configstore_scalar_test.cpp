@@ -60,9 +60,6 @@ TEST_F(PersistScalar, EtherswitchSavesExactContentAndLoadsBack) {
             R"("uplink_port_names":["uplink1","uplink2"],"uuid":"sw-1"})");
 
   Loaded sw = LoadOne();
-  EXPECT_EQ(sw.version, 7u);
-  EXPECT_EQ(sw.className, Text("etherswitch"));
-  EXPECT_EQ(sw.maxPorts, 4096u);  // the class is exempt from the port limit
   // The MTU key is shared, so the common row comes back as well.
   Props global = EtherSwitch().global;
   global.insert(global.begin() + 2, {"com.zorlan.common.portset.mtu", U32(9000)});
