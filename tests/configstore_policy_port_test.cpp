@@ -32,11 +32,6 @@ Bytes Filter(uint32_t slot, const std::string &agent, uint32_t onFailure,
   for (const auto &[index, value] : params) b = Cat({b, U32(index), Slot(value, 256)});
   return b;
 }
-Bytes Filters(uint32_t count, std::initializer_list<Bytes> filters) {
-  Bytes b = U32(count);
-  for (const Bytes &f : filters) b = Cat({b, f});
-  return b;
-}
 
 TEST_F(PolicyPort, ShapingAndMacManagement) {
   const std::string kInt64s =
@@ -88,18 +83,18 @@ TEST_F(PolicyPort, ShapingAndMacManagement) {
 TEST_F(PolicyPort, Filters) {
   // The second filter's slot is -1 when signed. The load numbers the parameters afresh and maps
   // every failure mode but 1 to 0.
-  const Bytes two = Filters(2, {Filter(2, "guard", 1, {{7, "a=1"}, {9, "mode=strict"}}),
+  const Bytes two = Cat({U32(2), Filter(2, "guard", 1, {{7, "a=1"}, {9, "mode=strict"}}),
                                 Filter(4294967295u, "tap", 5, {})});
   const Bytes one = Filter(1, "f", 0, {{0, "x"}});
   const std::string agent(60, 'a'), param(300, 'p'), agent40(40, 'n'), param256(256, 'v');
-  Bytes longer = Filters(1, {Filter(3, agent40, 1, {{0, param256}})});
+  Bytes longer = Cat({U32(1), Filter(3, agent40, 1, {{0, param256}})});
   longer.resize(longer.size() + 5, 0xEE);
-  const Bytes faulted = Filters(2, {Filter(1, "a", 1, {{0, "p"}}), Filter(2, "b", 1, {})});
+  const Bytes faulted = Cat({U32(2), Filter(1, "a", 1, {{0, "p"}}), Filter(2, "b", 1, {})});
   const std::string twoStored = R"(@{"network_filters":[{"key":"1","slot_number":"1","parameters":)"
                                 R"(["p","q"]},{"key":"2","slot_number":"2","parameters":["r"]}]})";
   // A list that reads in only one of the two passes gets no parameters (its room, if any, stays
   // zero at the value's end); the next filter follows the first one's header.
-  const Bytes skipped = Filters(2, {Filter(1, "", 0, {}), Filter(2, "", 0, {{0, "r"}})});
+  const Bytes skipped = Cat({U32(2), Filter(1, "", 0, {}), Filter(2, "", 0, {{0, "r"}})});
   Bytes padded = skipped;
   padded.resize(padded.size() + 2 * 260, 0);
   Check({
@@ -107,29 +102,28 @@ TEST_F(PolicyPort, Filters) {
        R"(@{"network_filters":[{"agent_name":"guard","key":"2","on_failure":"FAIL_OPEN",)"
        R"("parameters":["a=1","mode=strict"],"slot_number":"2"},{"agent_name":"tap","key":"-1",)"
        R"("on_failure":"FAIL_CLOSED","parameters":[],"slot_number":"4294967295"}]})",
-       {{kFilter, Filters(2, {Filter(2, "guard", 1, {{0, "a=1"}, {1, "mode=strict"}}),
+       {{kFilter, Cat({U32(2), Filter(2, "guard", 1, {{0, "a=1"}, {1, "mode=strict"}}),
                               Filter(4294967295u, "tap", 0, {})})}}},
-      {29, kFp, kFilter, U32(0), R"(@{"network_filters":[]})", {{kFilter, U32(0)}}},
       // Values are read as far as their counts need; texts are cut to their slots.
       {29, kFp, kFilter, longer,
        R"(@{"network_filters":[{"agent_name":")" + agent40 + R"(","key":"3","on_failure":)"
        R"("FAIL_OPEN","parameters":[")" + param256 + R"("],"slot_number":"3"}]})",
-       {{kFilter, Filters(1, {Filter(3, agent40.substr(1), 1, {{0, param256.substr(1)}})})}}},
+       {{kFilter, Cat({U32(1), Filter(3, agent40.substr(1), 1, {{0, param256.substr(1)}})})}}},
       {29, kFp, kFilter, {},
        R"({"filter_policy":{"network_filters":[{"key":"x","agent_name":")" + agent +
            R"(","slot_number":"-1","on_failure":"fail_open","parameters":[")" + param +
            R"(","b"]},{"key":"y","slot_number":"abc","on_failure":"FAIL_OPEN"},)"
            R"({"key":"z","agent_name":7,"slot_number":"12"}]}})",
-       {{kFilter, Filters(3, {Filter(4294967295u, agent.substr(0, 39), 0,
+       {{kFilter, Cat({U32(3), Filter(4294967295u, agent.substr(0, 39), 0,
                                      {{0, param.substr(0, 255)}, {1, "b"}}),
                               Filter(0, "", 1, {}), Filter(12, "", 0, {})})}}},
       {29, kFp, kFilter, {}, R"({"shaping":1})", {}},
       {29, kFp, kFilter, {}, R"({"filter_policy":{}})", {{kFilter, U32(0)}}},
       {29, kFp, kFilter, Bytes{0, 0, 0}, "{}", {}, kFail},
-      {29, kFp, kFilter, Filters(1, {Bytes(one.begin(), one.begin() + 51)}), "{}", {}, kFail},
-      {29, kFp, kFilter, Filters(1, {Short(one)}), "{}", {}, kFail},
-      {29, kFp, kFilter, Filters(2, {one}), "{}", {}, kFail},
-      {29, kFp, kFilter, Filters(1, {Filter(1, "f", 0, {{0, "x"}}, 0xFFFFFFFF)}), "{}", {}, kFail},
+      {29, kFp, kFilter, Cat({U32(1), Bytes(one.begin(), one.begin() + 51)}), "{}", {}, kFail},
+      {29, kFp, kFilter, Cat({U32(1), Short(one)}), "{}", {}, kFail},
+      {29, kFp, kFilter, Cat({U32(2), one}), "{}", {}, kFail},
+      {29, kFp, kFilter, Cat({U32(1), Filter(1, "f", 0, {{0, "x"}}, 0xFFFFFFFF)}), "{}", {}, kFail},
       {29, kFp, kFilter, faulted, "-", {}, 3, {Op::kSetValueEmptyList, 3, 1}},
       {29, kFp, kFilter, faulted, "-", {}, 3, {Op::kAppendValueString, 3, 0}},
       {29, kFp, kFilter, {}, twoStored, {}, 3, {Op::kGetSubObject, 3}},

@@ -1,5 +1,6 @@
 // The plain conversions through a real store file: exact stored content and what loads back.
 #include <string>
+#include <tuple>
 
 #include "configstore_policy_support.h"
 
@@ -8,33 +9,29 @@ using namespace policytest;
 namespace {
 
 SwitchDef EtherSwitch() {
-  SwitchDef s;
-  s.id = "sw-1";
-  s.global = {
-      {"com.zorlan.common.alias", Text("sky-a")}, {"com.zorlan.common.version", U32(7)},
-      {"com.zorlan.etherswitch.mtu", U32(9000)}, {"com.zorlan.common.opaqueZel", Text("true")},
-      {"com.zorlan.common.uplinkPorts", NameList({"uplink1", "uplink2"}, 81)},
-      {"com.zorlan.etherswitch.ipv4addr", Bytes{0xC0, 0xA8, 0x01, 0x0A}},
-      {"com.zorlan.etherswitch.beaconTimeout", U32(0xFFFFFFFF)},
-      {"com.zorlan.etherswitch.multicastFilter", Text("legacyFiltering")},
-      {"com.zorlan.common.respools.sched", Bytes{1}},
-      {"com.zorlan.common.respools.version", Text("version3")},
-      {"com.zorlan.common.resv.threshold", U32(75)},
-  };
-  s.host = {{"com.zorlan.common.host.portset", Text("ps-1")},
-            {"com.zorlan.common.host.uplinkPorts", NameList({"p1", "p9"}, 48)},
-            {"com.zorlan.common.portset.qor", Text("false")}};
-  s.ports = {{"p1",
-              {{"com.zorlan.common.port.alias", Text("vm-nic")},
-               {"com.zorlan.common.port.connectid", U32(12345)},
-               {"com.zorlan.common.port.block", Text("true")},
-               {"com.zorlan.common.port.ptAllowed", U32(2)},
-               {"com.zorlan.etherswitch.port.txUplink", Text("always")},
-               {"com.zorlan.common.port.portgroupid", Text("pg-7")},
-               {"com.zorlan.etherswitch.port.ipfix", Text("enabled")},
-               {"com.zorlan.common.port.backingType", Text("standard")},
-               {"com.zorlan.vswitch.port.priority", U32(5)}}}};
-  return s;
+  return {"sw-1", "etherswitch", 7,
+          {{"com.zorlan.common.alias", Text("sky-a")}, {"com.zorlan.common.version", U32(7)},
+           {"com.zorlan.etherswitch.mtu", U32(9000)}, {"com.zorlan.common.opaqueZel", Text("true")},
+           {"com.zorlan.common.uplinkPorts", NameList({"uplink1", "uplink2"}, 81)},
+           {"com.zorlan.etherswitch.ipv4addr", Bytes{0xC0, 0xA8, 0x01, 0x0A}},
+           {"com.zorlan.etherswitch.beaconTimeout", U32(0xFFFFFFFF)},
+           {"com.zorlan.etherswitch.multicastFilter", Text("legacyFiltering")},
+           {"com.zorlan.common.respools.sched", Bytes{1}},
+           {"com.zorlan.common.respools.version", Text("version3")},
+           {"com.zorlan.common.resv.threshold", U32(75)}},
+          {{"com.zorlan.common.host.portset", Text("ps-1")},
+           {"com.zorlan.common.host.uplinkPorts", NameList({"p1", "p9"}, 48)},
+           {"com.zorlan.common.portset.qor", Text("false")}},
+          {{"p1",
+            {{"com.zorlan.common.port.alias", Text("vm-nic")},
+             {"com.zorlan.common.port.connectid", U32(12345)},
+             {"com.zorlan.common.port.block", Text("true")},
+             {"com.zorlan.common.port.ptAllowed", U32(2)},
+             {"com.zorlan.etherswitch.port.txUplink", Text("always")},
+             {"com.zorlan.common.port.portgroupid", Text("pg-7")},
+             {"com.zorlan.etherswitch.port.ipfix", Text("enabled")},
+             {"com.zorlan.common.port.backingType", Text("standard")},
+             {"com.zorlan.vswitch.port.priority", U32(5)}}}}};
 }
 
 class PersistScalar : public RoundTripTest {};
@@ -114,22 +111,19 @@ TEST_F(PersistScalar, FlagsTextsAndListsAreNormalizedOrRefused) {
 
 TEST_F(PersistScalar, VersionCodeAsTextAndBackWithTheQorFlag) {
   const char *version = "com.zorlan.common.version";
-  const struct {
-    uint32_t code;
-    const char *text, *qor;  // "qor_enabled" of the loaded switch, or null
-    uint32_t loaded;
-  } cases[] = {{4, "6.0.0", nullptr, 4},    {5, "6.5.0", nullptr, 5},   {6, "6.6.0", nullptr, 6},
-               {7, "7.0.0", nullptr, 7},    {100, "QOR 1.0", nullptr, 100},
-               {107, "7.0.0", "true", 107}, {107, "7.0.0", "false", 7}, {107, "7.0.0", nullptr, 7}};
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.code);
+  // The code saved, its text, the loaded switch's "qor_enabled" (or none) and the code loaded.
+  const std::tuple<uint32_t, const char *, const char *, uint32_t> cases[] = {
+      {4, "6.0.0", nullptr, 4},    {5, "6.5.0", nullptr, 5},   {6, "6.6.0", nullptr, 6},
+      {7, "7.0.0", nullptr, 7},    {100, "QOR 1.0", nullptr, 100},
+      {107, "7.0.0", "true", 107}, {107, "7.0.0", "false", 7}, {107, "7.0.0", nullptr, 7}};
+  for (const auto &[code, text, qor, loaded] : cases) {
     cfgtest::ObjectPtr o = Stored("{}");
-    EXPECT_EQ(SaveOn(o.get(), 15, "version", version, U32(c.code)), 0u);
-    const std::string text = R"("version":")" + std::string(c.text) + "\"";
-    EXPECT_EQ(cfgtest::Json(o.get()), "{" + text + "}");
-    const std::string qor = c.qor ? R"(,"qor_enabled":)" + std::string(c.qor) : "";
-    Check({15, "version", version, {}, R"({"product":{)" + text + "}" + qor + "}",
-           {{version, U32(c.loaded)}}});
+    EXPECT_EQ(SaveOn(o.get(), 15, "version", version, U32(code)), 0u);
+    const std::string stored = R"("version":")" + std::string(text) + "\"";
+    EXPECT_EQ(cfgtest::Json(o.get()), "{" + stored + "}");
+    const std::string flag = qor ? R"(,"qor_enabled":)" + std::string(qor) : "";
+    Check({15, "version", version, {}, R"({"product":{)" + stored + "}" + flag + "}",
+           {{version, U32(loaded)}}});
   }
   Check({15, "version", version, U32(8), "{}", {}, kFail, {}, kOther, "Unknow version : 8\n"});
 }
