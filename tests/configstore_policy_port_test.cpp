@@ -1,5 +1,6 @@
 // Port policy conversions (shaping, MAC, filters, teaming, VLANs) and the private-VLAN map.
 #include <string>
+#include <tuple>
 
 #include "configstore/policy/port_policies.h"
 #include "configstore_policy_support.h"
@@ -81,8 +82,7 @@ TEST_F(PolicyPort, ShapingAndMacManagement) {
 }
 
 TEST_F(PolicyPort, Filters) {
-  // The second filter's slot is -1 when signed. The load numbers the parameters afresh and maps
-  // every failure mode but 1 to 0.
+  // Slot 4294967295 is -1 when signed; a load renumbers parameters, failure modes but 1 become 0.
   const Bytes two = Cat({U32(2), Filter(2, "guard", 1, {{7, "a=1"}, {9, "mode=strict"}}),
                                 Filter(4294967295u, "tap", 5, {})});
   const Bytes one = Filter(1, "f", 0, {{0, "x"}});
@@ -92,8 +92,7 @@ TEST_F(PolicyPort, Filters) {
   const Bytes faulted = Cat({U32(2), Filter(1, "a", 1, {{0, "p"}}), Filter(2, "b", 1, {})});
   const std::string twoStored = R"(@{"network_filters":[{"key":"1","slot_number":"1","parameters":)"
                                 R"(["p","q"]},{"key":"2","slot_number":"2","parameters":["r"]}]})";
-  // A list that reads in only one of the two passes gets no parameters (its room, if any, stays
-  // zero at the value's end); the next filter follows the first one's header.
+  // A list read in one of the two passes only gets no parameters; its room stays zero at the end.
   const Bytes skipped = Cat({U32(2), Filter(1, "", 0, {}), Filter(2, "", 0, {{0, "r"}})});
   Bytes padded = skipped;
   padded.resize(padded.size() + 2 * 260, 0);
@@ -159,8 +158,7 @@ Bytes TeamingRecord(const Teaming &t) {
 
 TEST_F(PolicyPort, Teaming) {
   const Teaming all{4, 0xFFFFFFFF, 50, 7, 1000, 0xFFFFFFFF, 2, 1, {"u1", "u2", "u3", "left-over"}};
-  // Only failure bits 5 and 7 (plus 9 from the load) and teaming bits 1-5 survive; slots past the
-  // counts come back empty; full duplex reads as 1.
+  // Kept: failure bits 5 and 7 (9 added on load), teaming bits 1-5, counted slots; duplex reads 1.
   const Teaming back{4, 0x2A0, 50, 1, 1000, 0x3E, 2, 1, {"u1", "u2", "u3"}};
   // Counts past the 32 slots are cut, standby first; a slot without a NUL gives 80 characters.
   Teaming many{0, 0, 0, 0, 0, 0, 30, 0xFFFFFFFF, {std::string(81, 'x')}};
@@ -277,29 +275,25 @@ TEST_F(PolicyPort, PrivateVlanMapLoadsUnderTheClassPropertyOrFails) {
       R"("primary_id":10,"secondary_id":11,"type":"PROMISCUOUS"},)"
       R"({"@types":{"primary_id":"uint16","secondary_id":"uint16"},"key":"*",)"
       R"("primary_id":10,"secondary_id":12,"type":"ISOLATED"}])";
-  const struct {
-    const char *cls, *qor;  // and host "com.zorlan.common.portset.qor"
-    uint32_t version;
-    const char *owner;
-  } cases[] = {
+  // The class, the host's "com.zorlan.common.portset.qor", the version and the map's owner row.
+  const std::tuple<const char *, const char *, uint32_t, const char *> cases[] = {
       {"etherswitch", "false", 7, kEsMap}, {"vswitch", "false", 7, kEsMap},
       {"cswitch", "false", 7, kVsMap},     {"etherswitch", "true", 107, kVsMap},
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(std::string(c.cls) + " " + c.qor);
-    // Both maps save into one list, the second replacing the first; on vswitch classes the
-    // etherswitch teaming row saves and the vswitch one loads.
-    Loaded sw = RoundTrip("sw-v", c.cls,
-                          {{"com.zorlan.common.version", U32(c.version)},
+  for (const auto &[cls, qor, version, owner] : cases) {
+    SCOPED_TRACE(std::string(cls) + " " + qor);
+    // Both maps save into one list, the second winning; the teaming loads as the class's own row.
+    Loaded sw = RoundTrip("sw-v", cls,
+                          {{"com.zorlan.common.version", U32(version)},
                            {kEsMap, Entry(1, 2, 3)},
                            {kVsMap, saved}},
                           {{{kEsTeaming, TeamingRecord(team)}}}, 0,
-                          {{"com.zorlan.common.portset.qor", Text(c.qor)}});
+                          {{"com.zorlan.common.portset.qor", Text(qor)}});
     EXPECT_NE(Masked(Json("sw-v")).find(stored), std::string::npos) << Json("sw-v");
-    EXPECT_EQ(Find(sw.global, c.owner) ? *Find(sw.global, c.owner) : Bytes{}, loaded);
-    EXPECT_EQ(Find(sw.global, c.owner == kEsMap ? kVsMap : kEsMap), nullptr);
+    EXPECT_EQ(Find(sw.global, owner) ? *Find(sw.global, owner) : Bytes{}, loaded);
+    EXPECT_EQ(Find(sw.global, owner == kEsMap ? kVsMap : kEsMap), nullptr);
     EXPECT_EQ(sw.ports.at(0).second,
-              (Props{{c.cls[0] == 'e' ? kEsTeaming : kVsTeaming, TeamingRecord(teamBack)}}));
+              (Props{{cls[0] == 'e' ? kEsTeaming : kVsTeaming, TeamingRecord(teamBack)}}));
   }
 
   const std::string head =

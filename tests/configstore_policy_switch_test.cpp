@@ -370,8 +370,7 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndTypeAndStoreFailures) {
     Check({c.kind, "data", "DEFAULT", {}, c.json, c.loaded, 0, {}, kOther, nullptr, false, 7,
            c.table, 16, c.types});
   }
-  // Absent data or lists load nothing; other data without a usable type is passed over. Store
-  // failures: saves of "com.v.p" on "{}", loads of `stored`.
+  // Absent data loads nothing, other data without a usable type is skipped; then store failures.
   const auto load = [](uint32_t table, std::string json, Fault f, uint32_t status, Props props) {
     return Case{table == zp::kTablePort ? 33u : 22u, "data", "DEFAULT", {}, std::move(json),
                 std::move(props), status, f, kOther, nullptr, false, 7, table};
