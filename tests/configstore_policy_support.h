@@ -37,9 +37,9 @@ struct Record {
 
 inline Bytes U16(uint16_t v) { return Record(2).u16(0, v).b; }
 
-// A counted list of names in slots of `slot` bytes.
-inline Bytes NameList(const std::vector<std::string> &names, size_t slot, size_t count) {
-  Bytes b = U32(static_cast<uint32_t>(count));
+// A counted list of names in slots of `slot` bytes; the count is that of the names unless given.
+inline Bytes NameList(const std::vector<std::string> &names, size_t slot, int64_t count = -1) {
+  Bytes b = U32(static_cast<uint32_t>(count < 0 ? names.size() : count));
   for (const std::string &n : names) b = Cat({b, Slot(n, slot)});
   return b;
 }
@@ -90,7 +90,7 @@ inline uint32_t SaveOn(cs::Object *o, uint32_t kind, const char *key, const char
 inline std::string Check(const Case &c) {
   SCOPED_TRACE(::testing::Message() << "kind " << c.kind << " " << c.name << " "
                                     << (c.save ? c.save->size() : 0));
-  const int32_t cls = std::exchange(zp::currentSwitchClass, c.cls);
+  zeltest::ScopedLevel cls(zp::currentSwitchClass, c.cls);
   const bool qor = std::exchange(zp::currentSwitchIsQor, c.qor);
   const std::string want =
       c.json[0] == '@' ? "{\"" + std::string(c.key) + "\":" + c.json.substr(1) + "}" : c.json;
@@ -115,7 +115,6 @@ inline std::string Check(const Case &c) {
     types.push_back(ZELData_PropType(e));
   ZELData_Free(list);
   cs::testing::ClearFailures();
-  zp::currentSwitchClass = cls;
   zp::currentSwitchIsQor = qor;
   if (c.save) {
     EXPECT_EQ(saved, c.status);

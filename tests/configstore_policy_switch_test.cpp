@@ -51,7 +51,6 @@ TEST_F(PolicySwitch, DiscoveryLacpAndIpfix) {
       // Values without a name are written as numbers and load as the unknown values.
       {8, kLdp, kCdp, Bytes{7, 9}, R"(@{"operation":"9","protocol":"7"})", {{kCdp, {2, 4}}}},
       {8, kLdp, kCdp, {}, R"(@{"protocol":"lldp","operation":"LISTEN"})", {{kCdp, {2, 1}}}},
-      // A key that does not read fails the load; no object adds nothing.
       {8, kLdp, kCdp, {}, R"(@{"protocol":"LLDP"})", {}, 6},
       {8, kLdp, kCdp, {}, "{}", {}},
       {8, kLdp, kCdp, Bytes{1}, "{}", {}, kFail},
@@ -115,7 +114,7 @@ struct Session {
   uint32_t destinations = 0, recvSources = 0, transmitSources = 0, firstEntry = 0;
 };
 
-// The 232-byte session record, its fields in order.
+// The 232-byte session record.
 Bytes SessionBytes(const Session &s) {
   return Cat({Slot(s.key, 32), Slot(s.name, 84), U32(s.type), U32(s.length), U32(s.flags),
               U16(s.vlan), U16(s.recvWildcards), U16(s.transmitWildcards), Bytes(2, 0),
@@ -187,14 +186,11 @@ TEST_F(PolicySwitch, MirrorSessionsAndEntryWidth) {
        R"("source_transmit_port":{"port_keys":[],"wildcard_port_connectee_types":[]},)"
        R"("strip_original_vlan":false}]})",
        {{kEther, loaded}}},
-      // The load of its own output is a fixed point.
-      {9, "vspans", kEther, loaded, "-", {{kEther, loaded}}},
       // Each class loads its own row only.
       {9, "vspans", kVswitch, {}, bogus, {{kVswitch, Table({defaults}, {})}}, 0, {},
        kVs, "Unknown vspan session type in schema: BOGUS\n"},
       {9, "vspans", kEther, {}, bogus, {}, 0, {}, kVs},
       {9, "vspans", kVswitch, {}, bogus, {}, 0, {}, kOther},
-      // A session bool of the wrong type fails the load; no sessions add nothing.
       {9, "vspans", kEther, {}, R"(@[{"key":"s1","legacy_mode":"yes"}])", {}, 3},
       {9, "vspans", kEther, {}, "{}", {}},
       {9, "vspans", kEther, Record(20).b, "{}", {}},
@@ -252,8 +248,6 @@ Bytes Pools(const std::vector<Pool> &pools, uint8_t filler = 0) {
   return b;
 }
 
-Bytes Keys(const std::vector<std::string> &keys) { return NameList(keys, 200, keys.size()); }
-
 TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
   const char *hc = "health_checks", *tr = "traffic_resources", *nk = "network_resource_pool_keys";
   const std::string check = R"(@[{"key":"VLAN_MTU","enabled":true}])";
@@ -302,14 +296,15 @@ TEST_F(PolicySwitch, HealthChecksPoolsAndPoolKeys) {
       {36, tr, kPortPools, {}, R"(@[{"key":"vm"}])", {{kPortPools, Pools({{"vm", 0, 0, 0}})}}},
 
       // A slot holds 199 characters on saving; a load cuts keys to 127.
-      {13, nk, kKeys, Keys({"alpha", "beta", "gamma"}), R"(@["alpha","beta","gamma"])",
-       {{kKeys, Keys({"alpha", "beta", "gamma"})}}},
-      {13, nk, kKeys, Keys({key199}), R"({"network_resource_pool_keys":[")" + key199 + R"("]})",
-       {{kKeys, Keys({key199.substr(0, 127)})}}},
+      {13, nk, kKeys, NameList({"alpha", "beta", "gamma"}, 200), R"(@["alpha","beta","gamma"])",
+       {{kKeys, NameList({"alpha", "beta", "gamma"}, 200)}}},
+      {13, nk, kKeys, NameList({key199}, 200),
+       R"({"network_resource_pool_keys":[")" + key199 + R"("]})",
+       {{kKeys, NameList({key199.substr(0, 127)}, 200)}}},
       {13, nk, kKeys, U32(0), "{}", {}},
       {13, nk, kKeys, {}, "@[]", {}},
-      {13, nk, kKeys, Short(Keys({"a", "b"})), "{}", {}, kFail},
-      {13, nk, kKeys, Keys({"a", "b"}), "-", {}, 7, {Op::kAppendValueString, 7, 1}},
+      {13, nk, kKeys, Short(NameList({"a", "b"}, 200)), "{}", {}, kFail},
+      {13, nk, kKeys, NameList({"a", "b"}, 200), "-", {}, 7, {Op::kAppendValueString, 7, 1}},
       {13, nk, kKeys, {}, R"(@["a"])", {}, 9, {Op::kGetValueStringArray, 9}},
   });
 }
@@ -375,8 +370,7 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndTypeAndStoreFailures) {
     Check({c.kind, "data", "DEFAULT", {}, c.json, c.loaded, 0, {}, kOther, nullptr, false, 7,
            c.table, 16, c.types});
   }
-  // Absent data or lists load nothing; other data without a usable type is passed over. Store
-  // failures: saves of "com.v.p" on "{}", loads of `stored`.
+  // Absent data loads nothing, other data without a usable type is skipped; then store failures.
   const auto load = [](uint32_t table, std::string json, Fault f, uint32_t status, Props props) {
     return Case{table == zp::kTablePort ? 33u : 22u, "data", "DEFAULT", {}, std::move(json),
                 std::move(props), status, f, kOther, nullptr, false, 7, table};
@@ -406,7 +400,6 @@ TEST_F(PolicySwitch, CatchAllDataListsByTableAndTypeAndStoreFailures) {
       save(22, host, kText, Op::kSetValueStr),
       save(33, port, kOpaque, Op::kCreateSubObject),
       save(33, port, kRaw, Op::kSetValueUint32),
-      // A data object that cannot be read, and reads that fail.
       load(global, stored, {Op::kGetSubObject, 7}, 7, {}),
       load(global, stored, {Op::kGetValueStr, 8, 1}, 8, {}),
       load(port, stored, {Op::kGetValueBinary, 8}, 8, {}),
