@@ -79,9 +79,7 @@ struct Loaded {
 
 inline Props Decode(const void *data, uint32_t length) {
   PropertyList *list = nullptr;
-  EXPECT_EQ(ZELData_Deserialize(&list, data, length, [](uint64_t n) { return std::malloc(n); },
-                                std::free),
-            STATUS_OK);
+  EXPECT_EQ(ZELData_Deserialize(&list, data, length, std::malloc, std::free), STATUS_OK);
   Props props = list != nullptr ? zelstatetest::ListProps(list) : Props{};
   ZELData_Free(list);
   return props;
@@ -129,7 +127,8 @@ class PersistTest : public zelstatetest::StateTest {
       for (auto [props, set] : {std::pair{&s.global, &ZELState_GlobalPropSet},
                                 {&s.host, &ZELState_HostPropSet}})
         for (const auto &[name, value] : *props)
-          EXPECT_EQ(set(s.id.c_str(), name.c_str(), value.data(), U32Size(value), s.type), STATUS_OK);
+          EXPECT_EQ(set(s.id.c_str(), name.c_str(), value.data(), U32Size(value), s.type),
+                    STATUS_OK);
       for (const auto &[port, props] : s.ports) {
         PropertyList *list = zelstatetest::MakeList(props, s.type);
         EXPECT_EQ(ZELState_PortAdd(s.id.c_str(), port.c_str(), list), STATUS_OK);

@@ -1,6 +1,5 @@
-// The load and save drivers over the store: hand-written switch objects loaded with their
-// failures and messages, the desired layer; objects written, rewritten and deleted, the
-// all-or-nothing transaction, what the save prints and logs; the state file's switch to the store.
+// The load and save drivers over the store: hand-written objects loaded or refused, the desired
+// layer; objects rewritten and deleted all or nothing, the save's output; the state file's switch.
 #include <stdlib.h>
 
 #include <regex>
@@ -102,9 +101,11 @@ TEST_F(PersistLoad, HandWrittenObjects) {
       {{Object("sw-blue", "7.0.0", twoPorts, 1, "fabric")}, kFail,
        "Switch sw-blue: max_ports 1 for 2 ports does not fit the 64 free ports of the host\n" +
            failed("sw-blue")},
-      {{Object("sw-blue", "7.0.0", twoPorts, 2, "fabric"), Object("sw-red", "7.0.0", "", 63, "fabric")},
-       kFail, "Switch sw-red: max_ports 63 for 0 ports does not fit the 62 free ports of the host\n" +
-                  failed("sw-red")},
+      // The ports of the switches before count against the host's.
+      {{Object("sw-blue", "7.0.0", twoPorts, 2, "fabric"),
+        Object("sw-red", "7.0.0", "", 63, "fabric")}, kFail,
+       "Switch sw-red: max_ports 63 for 0 ports does not fit the 62 free ports of the host\n" +
+           failed("sw-red")},
       {many, kFail, "Too many switch objects in configstore: 33, at most 32\n"},
   };
   for (const Row &r : rows) {
@@ -135,7 +136,6 @@ TEST_F(PersistLoad, HandWrittenObjects) {
 
 // The port catch-all row is the last one a port walks; these act on the loaded element.
 uint32_t FailNextKeyRead(const zp::LoadArgs &a) {
-  // The next read is p2's "key".
   if (cfgtest::Str(a.object, "key") == "p1") cs::testing::FailNext(Op::kGetValueStr, cs::kStorage);
   return 0;
 }
@@ -146,9 +146,9 @@ uint32_t AbsentForP2(const zp::LoadArgs &a) {
 TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
   Put("sw", kThreePorts);
   ScopedKinds kind36({36}, zp::KindCase{NoSave, NoLoad});
-  using Ports = std::vector<std::pair<std::string, Props>>;
-  const Ports expected = {{"p1", {{"com.zorlan.common.port.alias", Text("one")}}},
-                          {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}};
+  const decltype(Loaded::ports) expected = {
+      {"p1", {{"com.zorlan.common.port.alias", Text("one")}}},
+      {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}};
   const std::pair<zp::LoadFn, const char *> cases[] = {
       {FailNextKeyRead, "Failed to get port key, rc: 7\n"},
       {AbsentForP2, "Faild to load prop: DEFAULT, key: data, type:33 from configstore, rc: 6\n"
@@ -289,8 +289,7 @@ TEST_F(PersistSave, StoredObjectsRewrittenWholeAndStaleOnesDeleted) {
   EXPECT_TRUE(DatabaseEmpty());
 }
 
-// Any failure leaves the store as it was (the transaction is cancelled whole) and the state
-// database empty.
+// Any failure leaves the store as it was (the transaction is cancelled whole), the database empty.
 TEST_F(PersistSave, FailuresLeaveTheStoreUnchanged) {
   ScopedKinds rejected({16, 33}, zp::KindCase{});
   ASSERT_EQ(Save({Switch("A", "a1"), Switch("Z", "z1")}), 0u);
@@ -356,8 +355,7 @@ TEST_F(PersistSave, FailuresLeaveTheStoreUnchanged) {
 }
 
 TEST_F(PersistSave, OnlyPropertiesWithBit8Or16AreSaved) {
-  // Types 4 and 32 survive the state blob, but are not persisted: even names
-  // that would fall to the catch-all row are passed over.
+  // Types 4 and 32 survive the state blob but are not persisted, not even by the catch-all rows.
   for (uint32_t type : {4u, 32u, 36u, 24u}) {
     SCOPED_TRACE(type);
     SwitchDef a = Switch("A", "a1");
