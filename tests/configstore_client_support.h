@@ -106,13 +106,13 @@ inline std::vector<std::string> SwitchUuids(cs::Store *store, int *status = null
   return out;
 }
 
-// The rows of a read-only query on the store's file: columns joined by '|', each row ended
-// by a newline ("" when the file cannot be read).
+// The rows of one statement run on the store's file: columns joined by '|', each row ended
+// by a newline ("" when the file cannot be opened).
 inline std::string Query(const std::string &path, const std::string &sql) {
   sqlite3 *db = nullptr;
   sqlite3_stmt *st = nullptr;
   std::string out;
-  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+  if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
       sqlite3_prepare_v2(db, sql.c_str(), -1, &st, nullptr) == SQLITE_OK) {
     while (sqlite3_step(st) == SQLITE_ROW) {
       for (int c = 0; c < sqlite3_column_count(st); ++c) {

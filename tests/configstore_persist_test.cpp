@@ -1,6 +1,5 @@
-// The load and save drivers over the store: hand-written switch objects loaded with their
-// failures and messages, the desired layer; objects written, rewritten and deleted, the
-// all-or-nothing transaction, what the save prints and logs; the state file's switch to the store.
+// The load and save drivers over the store: hand-written objects loaded or refused, the desired
+// layer; objects rewritten and deleted all or nothing, the save's output; the state file's switch.
 #include <stdlib.h>
 
 #include <regex>
@@ -39,7 +38,6 @@ TEST_F(PersistLoad, EmptyStoreGivesAnEmptyBlob) {
   const auto *b = static_cast<const uint8_t *>(blob);
   EXPECT_EQ(Bytes(b, b + length), (Bytes{16, 0, 0, 0, 0, 0, 0, 0, 1, 0, 0, 0, 0, 0, 0, 0}));
   std::free(blob);
-  EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(nullptr, &length, false), kFail);
   // Only under "resource_management" do ports load.
   Put("sw", Object("sw", "7.0.0", R"(,"qor_enabled":false,"ports":[{"key":"p1"}])"));
   const Loaded sw = LoadOne();
@@ -103,7 +101,11 @@ TEST_F(PersistLoad, HandWrittenObjects) {
       {{Object("sw-blue", "7.0.0", twoPorts, 1, "fabric")}, kFail,
        "Switch sw-blue: max_ports 1 for 2 ports does not fit the 64 free ports of the host\n" +
            failed("sw-blue")},
-      {{Object("sw-blue", "7.0.0", twoPorts, 2, "fabric")}, 0, ""},
+      // The ports of the switches before count against the host's.
+      {{Object("sw-blue", "7.0.0", twoPorts, 2, "fabric"),
+        Object("sw-red", "7.0.0", "", 63, "fabric")}, kFail,
+       "Switch sw-red: max_ports 63 for 0 ports does not fit the 62 free ports of the host\n" +
+           failed("sw-red")},
       {many, kFail, "Too many switch objects in configstore: 33, at most 32\n"},
   };
   for (const Row &r : rows) {
@@ -134,7 +136,6 @@ TEST_F(PersistLoad, HandWrittenObjects) {
 
 // The port catch-all row is the last one a port walks; these act on the loaded element.
 uint32_t FailNextKeyRead(const zp::LoadArgs &a) {
-  // The next read is p2's "key".
   if (cfgtest::Str(a.object, "key") == "p1") cs::testing::FailNext(Op::kGetValueStr, cs::kStorage);
   return 0;
 }
@@ -145,9 +146,9 @@ uint32_t AbsentForP2(const zp::LoadArgs &a) {
 TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
   Put("sw", kThreePorts);
   ScopedKinds kind36({36}, zp::KindCase{NoSave, NoLoad});
-  using Ports = std::vector<std::pair<std::string, Props>>;
-  const Ports expected = {{"p1", {{"com.zorlan.common.port.alias", Text("one")}}},
-                          {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}};
+  const decltype(Loaded::ports) expected = {
+      {"p1", {{"com.zorlan.common.port.alias", Text("one")}}},
+      {"p3", {{"com.zorlan.common.port.alias", Text("three")}}}};
   const std::pair<zp::LoadFn, const char *> cases[] = {
       {FailNextKeyRead, "Failed to get port key, rc: 7\n"},
       {AbsentForP2, "Faild to load prop: DEFAULT, key: data, type:33 from configstore, rc: 6\n"
@@ -288,8 +289,7 @@ TEST_F(PersistSave, StoredObjectsRewrittenWholeAndStaleOnesDeleted) {
   EXPECT_TRUE(DatabaseEmpty());
 }
 
-// Any failure leaves the store as it was (the transaction is cancelled whole) and the state
-// database empty.
+// Any failure leaves the store as it was (the transaction is cancelled whole), the database empty.
 TEST_F(PersistSave, FailuresLeaveTheStoreUnchanged) {
   ScopedKinds rejected({16, 33}, zp::KindCase{});
   ASSERT_EQ(Save({Switch("A", "a1"), Switch("Z", "z1")}), 0u);
@@ -355,8 +355,7 @@ TEST_F(PersistSave, FailuresLeaveTheStoreUnchanged) {
 }
 
 TEST_F(PersistSave, OnlyPropertiesWithBit8Or16AreSaved) {
-  // Types 4 and 32 survive the state blob, but are not persisted: even names
-  // that would fall to the catch-all row are passed over.
+  // Types 4 and 32 survive the state blob but are not persisted, not even by the catch-all rows.
   for (uint32_t type : {4u, 32u, 36u, 24u}) {
     SCOPED_TRACE(type);
     SwitchDef a = Switch("A", "a1");
@@ -373,11 +372,11 @@ TEST_F(PersistSave, OnlyPropertiesWithBit8Or16AreSaved) {
   }
 }
 
-// Log lines with every number replaced by N.
+// Log lines with every number replaced by N (a duration of 100 s or more would not be).
 std::vector<std::pair<int, std::string>> Lines(zeltest::LogCapture &log) {
   std::vector<std::pair<int, std::string>> out;
   for (auto [priority, line] : log.Sys())
-    out.emplace_back(priority, std::regex_replace(line, std::regex("[0-9]+"), "N"));
+    out.emplace_back(priority, std::regex_replace(line, std::regex("[0-9]{1,5}(?![0-9])"), "N"));
   return out;
 }
 
@@ -416,6 +415,12 @@ TEST_F(PersistSave, TracesAndSystemLogLines) {
   EXPECT_EQ(log.Sys().back().second, end + " with error, configStore time: 0ms");
 }
 
+TEST(PersistLoadUplinks, OnlyTheGivenCountOfNamesIsSearched) {
+  char *names[] = {const_cast<char *>("p1"), const_cast<char *>("p2")};
+  EXPECT_TRUE(StringExistInArray("p1", names, 1));
+  EXPECT_FALSE(StringExistInArray("p2", names, 1));
+}
+
 TEST(FeatureFlagsTest, BothFlagsMustBeOn) {
   unsetenv("ZEL_CONFIGSTORE_FEATURES");
   EXPECT_FALSE(zel::host::ConfigStoreEnabled());
@@ -444,7 +449,7 @@ TEST_F(PersistSave, StateFileInTheStore) {
                {"com.zorlan.common.respools.sched", Bytes{1}}};  // so that ports load
   sw.ports = {{"7", {{"com.zorlan.common.port.alias", Text("p7")}}}};
   const Bytes blob = Blob({sw});
-  ASSERT_EQ(ZELFile_Write(kPath, blob.data(), static_cast<uint32_t>(blob.size())), STATUS_OK);
+  ASSERT_EQ(ZELFile_Write(kPath, blob.data(), U32Size(blob)), STATUS_OK);
   void *stored = nullptr;
   int32_t length = 0;
   uint32_t offset = 777;
@@ -457,7 +462,7 @@ TEST_F(PersistSave, StateFileInTheStore) {
 
   zeltest::LogCapture log;
   cs::testing::FailNext(Op::kCommitTransaction, 7);
-  EXPECT_EQ(ZELFile_Write(kPath, blob.data(), static_cast<uint32_t>(blob.size())), STATUS_FAILURE);
+  EXPECT_EQ(ZELFile_Write(kPath, blob.data(), U32Size(blob)), STATUS_FAILURE);
   cs::testing::FailNext(Op::kGetInstances, 7);
   stored = reinterpret_cast<void *>(0x1);
   EXPECT_EQ(ZELFile_Read(kPath, &stored, &length, &offset), STATUS_FAILURE);
