@@ -51,7 +51,7 @@ inline Bytes Encode(const std::vector<Entry> &entries) {
     std::memcpy(b.data() + at + 4, e.name.data(), e.name.size());
     Put32(b, at + 132, e.type);
     Put32(b, at + 136, static_cast<uint32_t>(e.value.size()));
-    std::memcpy(b.data() + at + 140, e.value.data(), e.value.size());
+    if (!e.value.empty()) std::memcpy(b.data() + at + 140, e.value.data(), e.value.size());
   }
   b.resize(b.size() + 4, 0);
   Put32(b, 0, static_cast<uint32_t>(b.size()));
