@@ -143,6 +143,16 @@ TEST(StateLockDeathTest, LowerRankLockInsideTheTableLockAborts) {
       "taking \"zelpyx\" \\(rank 0xFEFFFFFE\\) while holding \"zelstate\" \\(rank 0xFEFFFFFF\\)");
 }
 
+// Locks of equal rank may nest, and a held lock may be taken again.
+TEST(StateLockTest, EqualRanksNestAndHeldLocksRecur) {
+  ZelRecLock *table = ZelSwitchHandleLock();
+  zel::host::RecLock *peer = zel::host::CreateSingletonRecLock("peer", 0xFEFFFFFF);
+  zel::host::Acquire(peer);
+  ZelSwitchHandleUnlock(ZelSwitchHandleLock());
+  zel::host::Release(peer);
+  ZelSwitchHandleUnlock(table);
+}
+
 // A set without a value fails before the switch is looked up; the host and
 // global lists are separate; a walk stops at the first result whose low byte
 // is set, and returns it.
