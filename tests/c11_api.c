@@ -19,9 +19,12 @@ int main(void) {
   uint32_t ports = 256, back = 0, len = 0;
   void *buf = NULL;
   if (ZELData_Alloc(&list, Alloc, free) != STATUS_OK) return 2;
-  if (ZELData_Append(list, "maxPorts", &ports, sizeof ports, ZELDATA_PROPTYPE_LIBRARY) != STATUS_OK) return 3;
+  if (ZELData_Append(list, "maxPorts", &ports, sizeof ports, ZELDATA_PROPTYPE_LIBRARY) != STATUS_OK)
+    return 3;
   if (ZELData_Serialize(list, &buf, &len, 5) != STATUS_OK || len != 164) return 4;
-  if (ZELData_DeserializeGetPropVal(buf, len, "maxPorts", &back, sizeof back) != STATUS_OK || back != 256) return 5;
+  if (ZELData_DeserializeGetPropVal(buf, len, "maxPorts", &back, sizeof back) != STATUS_OK ||
+      back != 256)
+    return 5;
   ZELData_FreeAssocData(list, buf);
   ZELData_Free(list);
   if (ZELState_SwitchAdd("c11-switch", "etherswitch", 0, 7) != STATUS_OK) return 6;

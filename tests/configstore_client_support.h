@@ -117,7 +117,8 @@ inline std::string Query(const std::string &path, const std::string &sql) {
     while (sqlite3_step(st) == SQLITE_ROW) {
       for (int c = 0; c < sqlite3_column_count(st); ++c) {
         const unsigned char *t = sqlite3_column_text(st, c);
-        out += (c > 0 ? "|" : "") + std::string(t != nullptr ? reinterpret_cast<const char *>(t) : "");
+        out += c > 0 ? "|" : "";
+        out += t != nullptr ? reinterpret_cast<const char *>(t) : "";
       }
       out += '\n';
     }

@@ -163,7 +163,9 @@ class PersistTest : public zelstatetest::StateTest {
     return all.empty() ? Loaded{} : all.front().second;
   }
 
-  std::string Json(const char *id) const { return cfgtest::RawContent(store_.path(), "current", id); }
+  std::string Json(const char *id) const {
+    return cfgtest::RawContent(store_.path(), "current", id);
+  }
   // Everything the store holds, one line per row, for before/after compares.
   std::string Dump() const {
     return cfgtest::Query(store_.path(),

@@ -52,9 +52,11 @@ TEST_F(PersistLoad, HandWrittenObjects) {
   auto failed = [](const std::string &id) {
     return "Failed to load buf of switch: " + id + " from configstore\n";
   };
-  const std::string u64(64, 'u'), twoPorts = R"(,"resource_management":{},"ports":[{"key":"1"},{"key":"2"}])";
+  const std::string u64(64, 'u');
+  const std::string twoPorts = R"(,"resource_management":{},"ports":[{"key":"1"},{"key":"2"}])";
   std::vector<std::string> many;
-  for (int i = 0; i <= ZEL_MAX_SWITCHES; ++i) many.push_back(Object("s" + std::to_string(i), "7.0.0", "", 1));
+  for (int i = 0; i <= ZEL_MAX_SWITCHES; ++i)
+    many.push_back(Object("s" + std::to_string(i), "7.0.0", "", 1));
   struct Row {
     std::vector<std::string> objects;  // stored as "sw", "sw1", "sw2", ...
     uint32_t status;
@@ -162,8 +164,8 @@ TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
     EXPECT_EQ(out, message);
   }
   // A port keyed like an entry of the switch list would overwrite it.
-  Put("sw",
-      Object("sw", "6.6.0", R"(,"resource_management":{},"ports":[{"key":"className","name":"x"}])"));
+  Put("sw", Object("sw", "6.6.0",
+                  R"(,"resource_management":{},"ports":[{"key":"className","name":"x"}])"));
   Loaded sw = LoadOne();
   EXPECT_TRUE(sw.ports.empty());
   EXPECT_EQ(sw.className, Text("vswitch"));
@@ -215,7 +217,8 @@ TEST_F(PersistLoad, AllocationFailures) {
     }
     EXPECT_EQ(blob, nullptr);
     EXPECT_EQ(fa::Live(), 0);
-    sawListMessage |= out.find("Load zel: sw from configstore failed, error: ") != std::string::npos;
+    const char *listMessage = "Load zel: sw from configstore failed, error: ";
+    sawListMessage |= out.find(listMessage) != std::string::npos;
   }
   EXPECT_TRUE(sawListMessage);
   fa::FailAt(0);
@@ -365,10 +368,11 @@ TEST_F(PersistSave, OnlyPropertiesWithBit8Or16AreSaved) {
       a.ports = {{"p1", {{"com.zorlan.common.port.alias", Text("nic")}}}};
     }
     ASSERT_EQ(Save({a}), 0u);
-    EXPECT_EQ(Json("A"), type == 24 ? Minimal("A", "a1")
-                                    : R"({"@types":{"max_ports":"int32"},"max_ports":4096,)"
-                                      R"("name":"a1","ports":[{"key":"p1"}],)"
-                                      R"("product":{"forwarding_class":"etherswitch"},"uuid":"A"})");
+    EXPECT_EQ(Json("A"),
+              type == 24 ? Minimal("A", "a1")
+                         : R"({"@types":{"max_ports":"int32"},"max_ports":4096,)"
+                           R"("name":"a1","ports":[{"key":"p1"}],)"
+                           R"("product":{"forwarding_class":"etherswitch"},"uuid":"A"})");
   }
 }
 

@@ -23,7 +23,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     uint32_t len = 0;
     if (ZELData_Serialize(list, &buf, &len, 5) != STATUS_OK) std::abort();
     PropertyList *again = nullptr;
-    if (ZELData_Deserialize(&again, buf, len, zelfuzz::SeedAlloc, std::free) != STATUS_OK) std::abort();
+    if (ZELData_Deserialize(&again, buf, len, zelfuzz::SeedAlloc, std::free) != STATUS_OK)
+      std::abort();
     ZELData_Free(again);
     ZELData_FreeAssocData(list, buf);
     ZELData_Free(list);

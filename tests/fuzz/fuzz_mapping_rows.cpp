@@ -51,7 +51,8 @@ void SaveAndLoad(uint32_t table, const PropToConfigEntry &row, const uint8_t *va
   cs::Object *object = nullptr;
   if (cs::CreateObject("switches", "network_zel", "orn", "fuzz", "{}", &object) != cs::kOk) return;
   cs::Object *owner = object;
-  if (table != zp::kTablePort || zp::GetOrCreateSubObject(true, object, "ports", "1", &owner) == 0) {
+  if (table != zp::kTablePort ||
+      zp::GetOrCreateSubObject(true, object, "ports", "1", &owner) == 0) {
     const char *name = std::strcmp(row.name, "DEFAULT") == 0 ? kCatchAllName : row.name;
     zp::SavePropToConfigStore(owner, name, value, length, table, ZELDATA_PROPTYPE_LIBRARY);
     cs::Object *resources = nullptr;
