@@ -1,4 +1,5 @@
 // Configuration-store client: sub-objects and values of in-memory objects.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
@@ -186,17 +187,25 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
     if (int s = CheckTarget(object, name); s != kOk) return s;
     if (IsInstance(object) && strcmp(name, kIdKey) == 0) return kBadArgument;
     if (object->depth >= kMaxDepth) return kOutOfRange;
+    auto it = object->members.find(std::string_view(name));
+    if (!Text(instanceId) && it != object->members.end()) {
+      if (it->second.kind != Kind::kSubObject) return kTypeMismatch;
+      *sub = it->second.child.get();
+      return kOk;
+    }
+    if (Text(instanceId) && it != object->members.end()) {
+      Member &list = it->second;
+      if (list.kind != Kind::kSubObjectList && list.kind != Kind::kEmptyList) return kTypeMismatch;
+      if (auto found = list.L().index.find(instanceId); found != list.L().index.end()) {
+        *sub = found->second;
+        return kOk;
+      }
+    }
     auto node = std::make_unique<Object>();
     node->parent = object;
     node->root = object->root;
     node->depth = object->depth + 1;
-    auto it = object->members.find(std::string_view(name));
     if (!Text(instanceId)) {
-      if (it != object->members.end()) {
-        if (it->second.kind != Kind::kSubObject) return kTypeMismatch;
-        *sub = it->second.child.get();
-        return kOk;
-      }
       Member m;
       m.kind = Kind::kSubObject;
       Object *raw = node.get();
@@ -204,14 +213,6 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
       object->members.emplace(name, std::move(m));
       *sub = raw;
       return kOk;
-    }
-    if (it != object->members.end()) {
-      Member &list = it->second;
-      if (list.kind != Kind::kSubObjectList && list.kind != Kind::kEmptyList) return kTypeMismatch;
-      if (auto found = list.L().index.find(instanceId); found != list.L().index.end()) {
-        *sub = found->second;
-        return kOk;
-      }
     }
     Member idValue;
     idValue.text = instanceId;
@@ -222,7 +223,10 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
       it = object->members.emplace(name, std::move(m)).first;
     }
     Member &list = it->second;
-    list.L().items.reserve(list.L().items.size() + 1);
+    // Room first, so that a failed allocation leaves the list as it was;
+    // the room grows by doubling, as a list of thousands of ports needs.
+    auto &items = list.L().items;
+    if (items.size() == items.capacity()) items.reserve(std::max<size_t>(8, 2 * items.size()));
     list.L().index.emplace(instanceId, node.get());
     node->list = &list;
     list.kind = Kind::kSubObjectList;
