@@ -311,7 +311,11 @@ uint32_t LoadSwitch(cs::Object *object, PropertyList *outer, DecodeRoom *room) {
   if (status != 0) {
     return status;
   }
-  if (ReturnStatus nested = Nest(outer, uuid.text, sw.list, version); nested != STATUS_OK) {
+  // CheckSwitchId has made sure the uuid is new: the entry is appended
+  // without a search, its list written straight into it.
+  NameSet fresh;
+  if (ReturnStatus nested = Nest(outer, uuid.text, sw.list, version, &fresh);
+      nested != STATUS_OK) {
     return SwitchListFailure(uuid.text, nested);
   }
   return 0;

@@ -2,7 +2,11 @@
 // and the helpers every conversion uses to reach the object at a row's path.
 #include <time.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstring>
+#include <string_view>
+#include <unordered_map>
 
 #include "configstore/kinds.h"
 #include "configstore/persist.h"
@@ -163,18 +167,48 @@ int64_t NowMs() {
   return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
 }
 
-const PropToConfigEntry *FindRow(uint32_t tableIndex, const char *name) {
-  const PropToConfigEntry *row = GetConfigMap(static_cast<int>(tableIndex));
-  if (row == nullptr) {
-    return nullptr;
-  }
-  const uint32_t catchAll = tableIndex == kTablePort ? kKindPortData : kKindSwitchData;
-  for (; row->name != nullptr; ++row) {
-    if ((name != nullptr && std::strcmp(row->name, name) == 0) || row->kind == catchAll) {
-      return row;
+namespace {
+
+// The row a name finds in one table: the first row that carries the name
+// or is the table's catch-all row, whichever comes first.  The tables are
+// constant, so each is indexed once, on first use: a save looks up every
+// property of every port.
+class RowIndex {
+ public:
+  explicit RowIndex(uint32_t tableIndex) : rows_(GetConfigMap(static_cast<int>(tableIndex))) {
+    const uint32_t catchAll = tableIndex == kTablePort ? kKindPortData : kKindSwitchData;
+    for (size_t i = 0; rows_[i].name != nullptr; ++i) {
+      byName_.emplace(rows_[i].name, i);  // keeps the first row of a name
+      if (rows_[i].kind == catchAll && catchAll_ == kNone) {
+        catchAll_ = i;
+      }
     }
   }
-  return nullptr;
+  const PropToConfigEntry *Find(const char *name) const {
+    size_t found = catchAll_;
+    if (name != nullptr) {
+      if (auto it = byName_.find(name); it != byName_.end()) {
+        found = std::min(found, it->second);
+      }
+    }
+    return found == kNone ? nullptr : &rows_[found];
+  }
+
+ private:
+  static constexpr size_t kNone = SIZE_MAX;
+  const PropToConfigEntry *rows_;
+  std::unordered_map<std::string_view, size_t> byName_;
+  size_t catchAll_ = kNone;
+};
+
+}  // namespace
+
+const PropToConfigEntry *FindRow(uint32_t tableIndex, const char *name) {
+  if (tableIndex >= kNumTables) {
+    return nullptr;
+  }
+  static const RowIndex kIndexes[kNumTables] = {RowIndex(0), RowIndex(1), RowIndex(2)};
+  return kIndexes[tableIndex].Find(name);
 }
 
 const char *RowKey(const PropToConfigEntry &row) {
