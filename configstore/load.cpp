@@ -161,6 +161,42 @@ uint32_t LoadProps(const char *listName, cs::Object *object, PropertyList *switc
                    uint32_t tableIndex, uint32_t version, cs::Object *resourceManagement,
                    NameSet *names);
 
+// The sub-object the path of the last row with sub-objects on its path led
+// to.  Rows of a table mostly lead through the same sub-object ("settings"),
+// and the load only reads the object, so a row whose path names the same
+// sub-objects as the last one reuses what that row found, absent included.
+class ResolvedPath {
+ public:
+  uint32_t Resolve(const PropToConfigEntry &row, cs::Object *owner, cs::Object **parent) {
+    if (row.depth < 2) {
+      return ResolvePropPath(row.path, row.depth, owner, parent, false);
+    }
+    if (last_ == nullptr || !SameSubObjects(*last_, row)) {
+      status_ = ResolvePropPath(row.path, row.depth, owner, &parent_, false);
+      last_ = &row;
+    }
+    *parent = parent_;
+    return status_;
+  }
+
+ private:
+  static bool SameSubObjects(const PropToConfigEntry &a, const PropToConfigEntry &b) {
+    if (a.depth != b.depth) {
+      return false;
+    }
+    for (uint32_t i = 0; i + 1 < a.depth && i < ZEL_CONFIG_PATH_COMPONENTS; ++i) {
+      if (std::strcmp(a.path[i], b.path[i]) != 0) {
+        return false;
+      }
+    }
+    return true;
+  }
+
+  const PropToConfigEntry *last_ = nullptr;
+  cs::Object *parent_ = nullptr;
+  uint32_t status_ = 0;
+};
+
 uint32_t LoadRow(const LoadArgs &args, uint32_t kind) {
   const KindCase *c = FindKind(kind);
   if (c == nullptr) {
@@ -440,9 +476,10 @@ uint32_t LoadProps(const char *listName, cs::Object *object, PropertyList *switc
     result.list = nullptr;
     status = kFailure;
   }
+  ResolvedPath last;
   for (const PropToConfigEntry *row = rows; status == 0 && row->name != nullptr; ++row) {
     cs::Object *parent = nullptr;
-    const uint32_t resolved = ResolvePropPath(row->path, row->depth, object, &parent, false);
+    const uint32_t resolved = last.Resolve(*row, object, &parent);
     if (resolved == kAbsent) {
       continue;  // a sub-object on the path is absent: nothing stored for the row
     }
