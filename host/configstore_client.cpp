@@ -247,7 +247,7 @@ struct Store : Connection {
 
   // Reads one object's row into a new root.
   int Load(const char *layer, const char *sel1, const char *sel2, const char *sel3, const char *id,
-           std::unique_ptr<Object> &out) {
+           RootPtr &out) {
     ResetOnExit guard{get};
     if (int s = get.Bind(layer, sel1, sel2, sel3, id); s != kOk) return s;
     int rc = get.Step();
@@ -263,7 +263,7 @@ struct Store : Connection {
 
   // Reads every object under three selectors, ordered by instance id.
   int LoadAll(const char *layer, const std::string &sel1, const std::string &sel2,
-              const std::string &sel3, std::vector<std::unique_ptr<Object>> &out) {
+              const std::string &sel3, std::vector<RootPtr> &out) {
     ResetOnExit guard{list};
     if (int s = list.Bind(layer, sel1, sel2, sel3); s != kOk) return s;
     for (;;) {
@@ -309,7 +309,7 @@ int OpenStore(std::unique_ptr<Store> &out) {
 }
 
 // Hands a set of roots to the caller as a malloc'd array.
-int HandOut(std::vector<std::unique_ptr<Object>> &roots, Object ***objects, int *count) {
+int HandOut(std::vector<RootPtr> &roots, Object ***objects, int *count) {
   if (roots.empty()) return kOk;
   auto **arr = static_cast<Object **>(malloc(roots.size() * sizeof(Object *)));
   if (arr == nullptr) return kNoMemory;
@@ -371,7 +371,7 @@ int Get(Store *store, const char *sel1, const char *sel2, const char *sel3, cons
   return Run(Op::kGet, [&] {
     if (store == nullptr || !Text(sel1) || !Text(sel2) || !Text(sel3) || !Text(instanceId))
       return kBadArgument;
-    std::unique_ptr<Object> root;
+    RootPtr root;
     if (int s = store->Load(kCurrent, sel1, sel2, sel3, instanceId, root); s != kOk) return s;
     *object = root.release();
     return kOk;
@@ -427,7 +427,7 @@ int DeleteDesired(Store *store, const char *sel1, const char *sel2, const char *
 int DestroyConfigStoreObject(Object *object) {
   if (object == nullptr) return kOk;
   if (!IsRoot(object)) return kBadArgument;
-  delete object;
+  RootDelete{}(object);
   return kOk;
 }
 
@@ -439,13 +439,13 @@ int GetInstances(Store *store, Filter *filter, Object ***objects, int *count) {
     if (store == nullptr || filter == nullptr || filter->sel1.empty() || filter->sel2.empty() ||
         filter->sel3.empty())
       return kBadArgument;
-    std::vector<std::unique_ptr<Object>> roots;
+    std::vector<RootPtr> roots;
     if (filter->instanceId.empty()) {
       if (int s = store->LoadAll(kCurrent, filter->sel1, filter->sel2, filter->sel3, roots);
           s != kOk)
         return s;
     } else {
-      std::unique_ptr<Object> root;
+      RootPtr root;
       if (int s = store->Load(kCurrent, filter->sel1.c_str(), filter->sel2.c_str(),
                               filter->sel3.c_str(), filter->instanceId.c_str(), root);
           s != kOk)
@@ -465,7 +465,7 @@ int GetDesiredUserConfigInstances(const char *sel1, const char *sel2, const char
     if (!Text(sel1) || !Text(sel2) || !Text(sel3)) return kBadArgument;
     std::unique_ptr<Store> store;
     if (int s = OpenStore(store); s != kOk) return s;
-    std::vector<std::unique_ptr<Object>> roots;
+    std::vector<RootPtr> roots;
     if (int s = store->LoadAll(kDesired, sel1, sel2, sel3, roots); s != kOk) return s;
     return HandOut(roots, objects, count);
   });

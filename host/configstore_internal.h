@@ -2,9 +2,11 @@
 // tree behind the Object handles, its JSON form, and the fault seam.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <memory_resource>
 #include <new>
 #include <string>
 #include <string_view>
@@ -37,54 +39,117 @@ inline bool IsInteger(Kind k) {
   return k == Kind::kInt32 || k == Kind::kUint32 || k == Kind::kUint16 || k == Kind::kInt64;
 }
 
+// Every node of a top-level object's tree, and everything inside the nodes
+// (member maps and their keys, texts, lists, the instance index), comes from
+// one arena owned by the root.  The nodes of a tree live and die together, so
+// the arena hands memory out without keeping track of it and is released in
+// one go with the root: no node is destroyed or freed one by one.  What is
+// freed before that (a replaced text, a cut sub-object) stays in the arena
+// until the root goes.
+using Arena = std::pmr::polymorphic_allocator<>;
+
+// Instance ids are looked up as string views, without a copy of the id.
+struct IdHash {
+  using is_transparent = void;
+  size_t operator()(std::string_view s) const noexcept { return std::hash<std::string_view>{}(s); }
+};
+struct IdEqual {
+  using is_transparent = void;
+  bool operator()(std::string_view a, std::string_view b) const noexcept { return a == b; }
+};
+
 // The contents of a list member, allocated only for lists.
 struct Lists {
-  std::vector<std::string> strings;                 // kStringList
-  std::vector<int64_t> ints;                        // kIntList
-  std::vector<std::unique_ptr<Object>> items;       // kSubObjectList, in order
-  std::unordered_map<std::string, Object *> index;  // items by instance id
+  using allocator_type = Arena;
+  explicit Lists(const allocator_type &a) : strings(a), ints(a), items(a), index(a) {}
+
+  std::pmr::vector<std::pmr::string> strings;  // kStringList
+  std::pmr::vector<int64_t> ints;              // kIntList
+  std::pmr::vector<Object *> items;            // kSubObjectList, in order
+  std::pmr::unordered_map<std::pmr::string, Object *, IdHash, IdEqual> index;  // items by id
 };
 
 // What one key of an object holds.  Only the fields of its kind are used.
+// A member is always made with the arena of the object it goes into (there
+// is no default constructor), so no part of it comes from the global heap.
 struct Member {
+  using allocator_type = Arena;
+  explicit Member(const allocator_type &a) : text(a) {}
+  Member(Kind k, int64_t n, const allocator_type &a) : kind(k), number(n), text(a) {}
+  Member(Member &&) = default;
+  // Moves between members of one arena are pointer steals; the tree never
+  // moves a member into another arena (child and lists stay where they are).
+  Member(Member &&other, const allocator_type &a)
+      : kind(other.kind),
+        number(other.number),
+        text(std::move(other.text), a),
+        child(other.child),
+        lists(other.lists) {}
+  Member(const Member &) = delete;
+  Member &operator=(Member &&) = default;
+  Member &operator=(const Member &) = delete;
+
   Kind kind = Kind::kString;
-  int64_t number = 0;             // integers and bool
-  std::string text;               // string, binary bytes
-  std::unique_ptr<Object> child;  // kSubObject
-  std::unique_ptr<Lists> lists;   // list kinds (may be null while empty)
+  int64_t number = 0;         // integers and bool
+  std::pmr::string text;      // string, binary bytes
+  Object *child = nullptr;    // kSubObject
+  Lists *lists = nullptr;     // list kinds (may be null while empty)
 
   Lists &L() {
-    if (!lists) lists = std::make_unique<Lists>();
+    if (lists == nullptr) lists = Arena(text.get_allocator()).new_object<Lists>();
     return *lists;
   }
   const Lists &L() const {
-    static const Lists kNone;
-    return lists ? *lists : kNone;
+    static const Lists kNone{Arena{}};
+    return lists != nullptr ? *lists : kNone;
   }
 };
 
-// Addressing and bookkeeping of a top-level object.
+// Addressing of a top-level object, and the arena of its tree.  The arena
+// starts in a small buffer of its own and takes each further buffer from the
+// heap, larger than the one before, so a small object costs one allocation
+// and a large one a few dozen.
 struct TopLevel {
+  TopLevel() = default;
+  TopLevel(const TopLevel &) = delete;
+  TopLevel &operator=(const TopLevel &) = delete;
+
   std::string sel1, sel2, sel3, instanceId;
-  // Sub-objects cut out of the tree (deleted or replaced).  They are kept
-  // until the top-level object goes, so that handles to them never dangle.
-  std::vector<std::unique_ptr<Object>> detached;
+  alignas(std::max_align_t) std::byte first[512];
+  std::pmr::monotonic_buffer_resource arena{first, sizeof first, std::pmr::new_delete_resource()};
 };
 
-// A node of an object tree.  Nodes are allocated one by one and never move,
-// so their addresses serve as handles.
+using Members = std::pmr::map<std::pmr::string, Member, std::less<>>;
+
+// A node of an object tree.  Nodes are made in the root's arena and never
+// move, so their addresses serve as handles.  A node cut out of the tree
+// (deleted or replaced) keeps its memory until the root goes; it has no
+// parent and is not the root, which is how Alive tells it is dead.
 struct Object {
-  std::map<std::string, Member, std::less<>> members;
-  Object *parent = nullptr;  // null for the root and for a detached node
+  using allocator_type = Arena;
+  explicit Object(const allocator_type &a) : members(a) {}
+
+  Members members;
+  Object *parent = nullptr;  // null for the root and for a cut node
   Object *root = nullptr;    // the top-level object owning this node
   Member *list = nullptr;    // for a list instance: the list holding it
   int depth = 0;
-  std::unique_ptr<TopLevel> top;  // set on the root only
+  TopLevel *top = nullptr;   // set on the root only
+
+  Arena arena() const { return members.get_allocator(); }
 };
 
+// A new node in the arena of `parent`'s tree, below it.
+Object *NewChild(Object *parent);
+
+// Owns a root: destroying it releases the whole tree with its arena.
+struct RootDelete {
+  void operator()(Object *root) const noexcept;
+};
+using RootPtr = std::unique_ptr<Object, RootDelete>;
+
 // A root (top-level object) with its addressing.
-std::unique_ptr<Object> NewRoot(std::string sel1, std::string sel2, std::string sel3,
-                                std::string instanceId);
+RootPtr NewRoot(std::string sel1, std::string sel2, std::string sel3, std::string instanceId);
 // True when the node is the root or still reachable from it.
 bool Alive(const Object *node);
 

@@ -178,7 +178,9 @@ void WriteObject(std::string &out, const Object &node) {
 
 // Builds the tree from parser events.  Values arrive with their JSON kind
 // (integers as int64); an object's "@types" is applied when the object ends.
-// Any event that cannot belong to a valid object stops the parse.
+// Any event that cannot belong to a valid object stops the parse.  Keys and
+// strings arrive as views into the parsed document, which outlives the
+// builder; they are copied once, into the tree's arena.
 class Builder {
  public:
   explicit Builder(Object &root) : root_(root) {}
@@ -196,29 +198,30 @@ class Builder {
     return Integer(static_cast<int64_t>(v));
   }
 
-  bool string(std::string v) {
+  bool string(std::string_view v) {
     if (frames_.empty()) return false;
     Frame &f = frames_.back();
     if (f.inTypes) {
-      f.tags.emplace_back(std::move(pendingKey_), std::move(v));
+      f.tags.emplace_back(pendingKey_, v);
+      pendingKey_ = {};
       return true;
     }
     if (f.array != nullptr) {
       if (f.array->kind != Kind::kEmptyList && f.array->kind != Kind::kStringList) return false;
       f.array->kind = Kind::kStringList;
-      f.array->L().strings.push_back(std::move(v));
+      f.array->L().strings.emplace_back(v);
       return true;
     }
     Member *m = NewValue();
     if (m == nullptr) return false;
     m->kind = Kind::kString;
-    m->text = std::move(v);
+    m->text = v;
     return true;
   }
 
-  bool key(std::string k) {
+  bool key(std::string_view k) {
     if (k.empty()) return false;
-    pendingKey_ = std::move(k);
+    pendingKey_ = k;
     return true;
   }
 
@@ -237,24 +240,20 @@ class Builder {
     }
     Object *parent = f.array != nullptr ? f.owner : f.node;
     if (parent->depth >= kMaxDepth) return false;
-    auto child = std::make_unique<Object>();
-    child->parent = parent;
-    child->root = parent->root;
-    child->depth = parent->depth + 1;
-    Object *raw = child.get();
+    Object *child = NewChild(parent);
     if (f.array != nullptr) {
       Member &list = *f.array;
       if (list.kind != Kind::kEmptyList && list.kind != Kind::kSubObjectList) return false;
       list.kind = Kind::kSubObjectList;
-      raw->list = &list;
-      list.L().items.push_back(std::move(child));
+      child->list = &list;
+      list.L().items.push_back(child);
     } else {
       Member *m = NewValue();
       if (m == nullptr) return false;
       m->kind = Kind::kSubObject;
-      m->child = std::move(child);
+      m->child = child;
     }
-    frames_.push_back(Frame{raw});
+    frames_.push_back(Frame{child});
     return true;
   }
 
@@ -269,7 +268,7 @@ class Builder {
     frames_.pop_back();
     if (node->list == nullptr) return true;
     // A list instance: its "key" is its unique instance id.
-    auto key = node->members.find("key");
+    auto key = node->members.find(std::string_view("key"));
     if (key == node->members.end() || key->second.kind != Kind::kString || key->second.text.empty())
       return false;
     return node->list->L().index.emplace(key->second.text, node).second;
@@ -299,7 +298,7 @@ class Builder {
     Member *array = nullptr;  // array frames: the member being filled
     bool inTypes = false;     // inside this object's "@types"
     bool sawTypes = false;
-    std::vector<std::pair<std::string, std::string>> tags;
+    std::vector<std::pair<std::string_view, std::string_view>> tags;  // key, type
   };
 
   // The member for the value that follows a key in an object.
@@ -307,9 +306,14 @@ class Builder {
     if (frames_.empty()) return nullptr;
     Frame &f = frames_.back();
     if (f.inTypes || f.array != nullptr || pendingKey_ == kTypesKey) return nullptr;
-    auto [it, inserted] = f.node->members.try_emplace(std::move(pendingKey_));
-    pendingKey_.clear();
-    return inserted ? &it->second : nullptr;
+    auto &members = f.node->members;
+    auto it = members.lower_bound(pendingKey_);
+    if (it != members.end() && it->first == pendingKey_) return nullptr;  // a repeated key
+    // Key and member are made in place in the node's arena.
+    it = members.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(pendingKey_),
+                              std::forward_as_tuple());
+    pendingKey_ = {};
+    return &it->second;
   }
 
   bool Integer(int64_t v) {
@@ -344,7 +348,7 @@ class Builder {
     return true;
   }
 
-  static bool ApplyTag(const std::string &tag, Member &m) {
+  static bool ApplyTag(std::string_view tag, Member &m) {
     using L = std::numeric_limits<int64_t>;
     if (tag == "int64") return Range(m, Kind::kInt64, L::min(), L::max());
     if (tag == "int32")
@@ -358,7 +362,7 @@ class Builder {
       if (m.kind != Kind::kString) return false;
       std::string bytes;
       if (!Base64Decode(m.text, bytes)) return false;
-      m.text = std::move(bytes);
+      m.text = bytes;
       if (tag == "binary") m.kind = Kind::kBinary;
       return true;
     }
@@ -367,7 +371,7 @@ class Builder {
       for (auto &s : m.L().strings) {
         std::string bytes;
         if (!Base64Decode(s, bytes)) return false;
-        s = std::move(bytes);
+        s = bytes;
       }
       return true;
     }
@@ -380,7 +384,7 @@ class Builder {
 
   Object &root_;
   std::vector<Frame> frames_;
-  std::string pendingKey_;
+  std::string_view pendingKey_;
 };
 
 // Feeds an element and everything in it to the builder, in document order.
@@ -392,7 +396,7 @@ bool Feed(Builder &b, simdjson::dom::element e) {
       if (!b.start_object()) return false;
       const simdjson::dom::object object = e.get_object().value_unsafe();
       for (simdjson::dom::key_value_pair field : object) {
-        if (!b.key(std::string(field.key)) || !Feed(b, field.value)) return false;
+        if (!b.key(field.key) || !Feed(b, field.value)) return false;
       }
       return b.end_object();
     }
@@ -404,7 +408,7 @@ bool Feed(Builder &b, simdjson::dom::element e) {
       }
       return b.end_array();
     }
-    case Type::STRING: return b.string(std::string(e.get_string().value_unsafe()));
+    case Type::STRING: return b.string(e.get_string().value_unsafe());
     case Type::INT64: return b.number_integer(e.get_int64().value_unsafe());
     case Type::UINT64: return b.number_unsigned(e.get_uint64().value_unsafe());
     case Type::BOOL: return b.boolean(e.get_bool().value_unsafe());
@@ -464,16 +468,28 @@ bool ValidUtf8(std::string_view s) {
   return true;
 }
 
-std::unique_ptr<Object> NewRoot(std::string sel1, std::string sel2, std::string sel3,
-                                std::string instanceId) {
-  auto root = std::make_unique<Object>();
-  root->root = root.get();
-  root->top = std::make_unique<TopLevel>();
-  root->top->sel1 = std::move(sel1);
-  root->top->sel2 = std::move(sel2);
-  root->top->sel3 = std::move(sel3);
-  root->top->instanceId = std::move(instanceId);
-  return root;
+RootPtr NewRoot(std::string sel1, std::string sel2, std::string sel3, std::string instanceId) {
+  auto top = std::make_unique<TopLevel>();
+  top->sel1 = std::move(sel1);
+  top->sel2 = std::move(sel2);
+  top->sel3 = std::move(sel3);
+  top->instanceId = std::move(instanceId);
+  Object *root = Arena(&top->arena).new_object<Object>();
+  root->root = root;
+  root->top = top.release();
+  return RootPtr(root);
+}
+
+// The root lives in its own arena: releasing the arena ends the whole tree,
+// and no node has anything outside it to free.
+void RootDelete::operator()(Object *root) const noexcept { delete root->top; }
+
+Object *NewChild(Object *parent) {
+  Object *child = parent->arena().new_object<Object>();
+  child->parent = parent;
+  child->root = parent->root;
+  child->depth = parent->depth + 1;
+  return child;
 }
 
 bool Alive(const Object *node) {
@@ -482,8 +498,10 @@ bool Alive(const Object *node) {
 }
 
 int ParseContent(std::string_view text, Object &node) {
-  // Parse into a scratch node so that a failure adds nothing to `node`.
-  Object scratch;
+  // Parse into a scratch node so that a failure adds nothing to `node`.  It
+  // uses the arena of `node`, so that handing its members over moves no
+  // member; what a failure leaves in the arena goes with the root.
+  Object scratch(node.arena());
   scratch.root = node.root;
   scratch.depth = node.depth;
   // A leading byte order mark is passed over and a NUL byte ends the text:
@@ -498,9 +516,9 @@ int ParseContent(std::string_view text, Object &node) {
   if (!Feed(builder, document)) return kCorrupt;
   node.members = std::move(scratch.members);  // map nodes move, addresses stay
   for (auto &[key, m] : node.members) {
-    if (m.child) m.child->parent = &node;
-    if (m.lists)
-      for (auto &item : m.lists->items) item->parent = &node;
+    if (m.child != nullptr) m.child->parent = &node;
+    if (m.lists != nullptr)
+      for (Object *item : m.lists->items) item->parent = &node;
   }
   return kOk;
 }

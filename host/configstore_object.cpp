@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <utility>
 
 #include "host/configstore_internal.h"
 
@@ -29,70 +30,69 @@ int CheckTarget(const Object *object, const char *key) {
 
 bool IsInstance(const Object *object) { return object->list != nullptr; }
 
-// Moves every node a member holds to the root's detached list, so that
-// handles to them stay valid memory.  Reserves first: on failure nothing moved.
-void DetachAll(Object *root, Member &m) {
-  auto &detached = root->top->detached;
-  size_t items = m.lists ? m.lists->items.size() : 0;
-  detached.reserve(detached.size() + items + (m.child ? 1 : 0));
-  auto cut = [&](std::unique_ptr<Object> node) {
+// Cuts every node a member holds out of the tree.  Their memory stays in
+// the root's arena, so handles to them stay valid memory and answer kNotFound.
+void DetachAll(Member &m) noexcept {
+  auto cut = [](Object *node) {
     node->parent = nullptr;
     node->list = nullptr;
-    detached.push_back(std::move(node));
   };
-  if (m.child) cut(std::move(m.child));
-  if (!m.lists) return;
-  for (auto &item : m.lists->items) cut(std::move(item));
+  if (m.child != nullptr) cut(std::exchange(m.child, nullptr));
+  if (m.lists == nullptr) return;
+  for (Object *item : m.lists->items) cut(item);
   m.lists->items.clear();
   m.lists->index.clear();
 }
 
-// Takes one instance out of its list (to the detached nodes).
-void RemoveInstance(Object *root, Member &list,
-                    std::unordered_map<std::string, Object *>::iterator found) {
-  auto &detached = root->top->detached;
-  detached.reserve(detached.size() + 1);
-  for (auto item = list.L().items.begin(); item != list.L().items.end(); ++item) {
-    if (item->get() != found->second) continue;
+using Index = decltype(Lists::index);
+
+// Takes one instance out of its list.
+void RemoveInstance(Member &list, Index::iterator found) noexcept {
+  auto &items = list.L().items;
+  for (auto item = items.begin(); item != items.end(); ++item) {
+    if (*item != found->second) continue;
     (*item)->parent = nullptr;
     (*item)->list = nullptr;
-    detached.push_back(std::move(*item));
-    list.L().items.erase(item);
+    items.erase(item);
     break;
   }
   list.L().index.erase(found);
-  if (list.L().items.empty()) list.kind = Kind::kEmptyList;
+  if (items.empty()) list.kind = Kind::kEmptyList;
 }
 
-// Writes a member under a key, replacing what was there.
-int Put(Object *object, const char *key, Member &&value) {
+// Writes a member under a key, replacing what was there.  `fill` makes the
+// value in a member of the object's arena before anything changes.
+template <typename Fill>
+int Put(Object *object, const char *key, Fill &&fill) {
   if (int s = CheckTarget(object, key); s != kOk) return s;
   if (IsInstance(object) && strcmp(key, kIdKey) == 0) return kBadArgument;
+  Member value(object->arena());
+  fill(value);
   auto it = object->members.find(std::string_view(key));
   if (it == object->members.end()) {
     object->members.emplace(key, std::move(value));
     return kOk;
   }
-  DetachAll(object->root, it->second);
+  DetachAll(it->second);
   it->second = std::move(value);
   return kOk;
 }
 
-Member Scalar(Kind kind, int64_t number) {
-  Member m;
-  m.kind = kind;
-  m.number = number;
-  return m;
+int PutScalar(Object *object, const char *key, Kind kind, int64_t number) {
+  return Put(object, key, [&](Member &m) {
+    m.kind = kind;
+    m.number = number;
+  });
 }
 
 // Renames a list instance: its "key" is its instance id.
 int Rename(Object *instance, const char *id) {
-  Member &key = instance->members.at(kIdKey);
+  Member &key = instance->members.find(std::string_view(kIdKey))->second;
   if (key.text == id) return kOk;
-  Member &list = *instance->list;
-  std::string newId(id);
-  if (!list.L().index.emplace(newId, instance).second) return kConflict;
-  list.L().index.erase(key.text);
+  Lists &lists = instance->list->L();
+  std::pmr::string newId(id, key.text.get_allocator());
+  if (!lists.index.emplace(newId, instance).second) return kConflict;
+  lists.index.erase(key.text);
   key.text.swap(newId);
   return kOk;
 }
@@ -103,8 +103,7 @@ int AppendTo(Object *object, const char *key, Kind listKind, Append &&append) {
   if (IsInstance(object) && strcmp(key, kIdKey) == 0) return kBadArgument;
   auto it = object->members.find(std::string_view(key));
   if (it == object->members.end()) {
-    Member m;
-    m.kind = listKind;
+    Member m(listKind, 0, object->arena());
     append(m);
     object->members.emplace(key, std::move(m));
     return kOk;
@@ -140,9 +139,12 @@ int GetInteger(Op op, Object *object, const char *key, T *value) {
   });
 }
 
-char *CopyText(const std::string &text) {
+char *CopyText(std::string_view text) {
   char *out = static_cast<char *>(malloc(text.size() + 1));
-  if (out != nullptr) memcpy(out, text.c_str(), text.size() + 1);
+  if (out != nullptr) {
+    memcpy(out, text.data(), text.size());
+    out[text.size()] = '\0';
+  }
   return out;
 }
 
@@ -150,7 +152,7 @@ char *CopyText(const std::string &text) {
 int ListOf(Object *object, const Filter *filter, Member *&list) {
   if (filter == nullptr || !filter->sel2.empty() || !filter->sel3.empty()) return kBadArgument;
   if (int s = CheckTarget(object, filter->sel1.c_str()); s != kOk) return s;
-  auto it = object->members.find(filter->sel1);
+  auto it = object->members.find(std::string_view(filter->sel1));
   if (it == object->members.end()) return kNotFound;
   if (it->second.kind != Kind::kSubObjectList && it->second.kind != Kind::kEmptyList)
     return kTypeMismatch;
@@ -168,7 +170,7 @@ int GetSubObject(Object *object, const char *name, const char *instanceId, Objec
     if (int s = Find(object, name, m); s != kOk) return s;
     if (!Text(instanceId)) {
       if (m->kind != Kind::kSubObject) return kTypeMismatch;
-      *sub = m->child.get();
+      *sub = m->child;
       return kOk;
     }
     if (m->kind == Kind::kEmptyList) return kNotFound;
@@ -190,7 +192,7 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
     auto it = object->members.find(std::string_view(name));
     if (!Text(instanceId) && it != object->members.end()) {
       if (it->second.kind != Kind::kSubObject) return kTypeMismatch;
-      *sub = it->second.child.get();
+      *sub = it->second.child;
       return kOk;
     }
     if (Text(instanceId) && it != object->members.end()) {
@@ -201,37 +203,29 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
         return kOk;
       }
     }
-    auto node = std::make_unique<Object>();
-    node->parent = object;
-    node->root = object->root;
-    node->depth = object->depth + 1;
+    Object *node = NewChild(object);
     if (!Text(instanceId)) {
-      Member m;
-      m.kind = Kind::kSubObject;
-      Object *raw = node.get();
-      m.child = std::move(node);
+      Member m(Kind::kSubObject, 0, object->arena());
+      m.child = node;
       object->members.emplace(name, std::move(m));
-      *sub = raw;
+      *sub = node;
       return kOk;
     }
-    Member idValue;
+    Member idValue(object->arena());
     idValue.text = instanceId;
     node->members.emplace(kIdKey, std::move(idValue));
-    if (it == object->members.end()) {
-      Member m;
-      m.kind = Kind::kEmptyList;
-      it = object->members.emplace(name, std::move(m)).first;
-    }
+    if (it == object->members.end())
+      it = object->members.emplace(name, Member(Kind::kEmptyList, 0, object->arena())).first;
     Member &list = it->second;
     // Room first, so that a failed allocation leaves the list as it was;
     // the room grows by doubling, as a list of thousands of ports needs.
     auto &items = list.L().items;
     if (items.size() == items.capacity()) items.reserve(std::max<size_t>(8, 2 * items.size()));
-    list.L().index.emplace(instanceId, node.get());
+    list.L().index.emplace(instanceId, node);
     node->list = &list;
     list.kind = Kind::kSubObjectList;
-    *sub = node.get();
-    list.L().items.push_back(std::move(node));
+    *sub = node;
+    items.push_back(node);
     return kOk;
   });
 }
@@ -244,7 +238,7 @@ int DeleteSubObject(Object *object, const char *name, const char *instanceId) {
     Member &m = it->second;
     if (!Text(instanceId)) {
       if (m.kind != Kind::kSubObject) return kTypeMismatch;
-      DetachAll(object->root, m);
+      DetachAll(m);
       object->members.erase(it);
       return kOk;
     }
@@ -252,7 +246,7 @@ int DeleteSubObject(Object *object, const char *name, const char *instanceId) {
     if (m.kind != Kind::kSubObjectList) return kTypeMismatch;
     auto found = m.L().index.find(instanceId);
     if (found == m.L().index.end()) return kNotFound;
-    RemoveInstance(object->root, m, found);
+    RemoveInstance(m, found);
     return kOk;
   });
 }
@@ -264,11 +258,11 @@ int DeleteSubObjectInstances(Object *object, Filter *filter) {
     if (!filter->instanceId.empty()) {
       auto found = list->L().index.find(filter->instanceId);
       if (found == list->L().index.end()) return kNotFound;
-      RemoveInstance(object->root, *list, found);
+      RemoveInstance(*list, found);
       return kOk;
     }
-    DetachAll(object->root, *list);
-    object->members.erase(filter->sel1);
+    DetachAll(*list);
+    object->members.erase(object->members.find(std::string_view(filter->sel1)));
     return kOk;
   });
 }
@@ -282,7 +276,7 @@ int GetSubObjectInstances(Object *object, Filter *filter, Object ***subs, int *c
     if (int s = ListOf(object, filter, list); s != kOk) return s;
     std::vector<Object *> chosen;
     if (filter->instanceId.empty()) {
-      for (auto &item : list->L().items) chosen.push_back(item.get());
+      chosen.assign(list->L().items.begin(), list->L().items.end());
     } else {
       auto found = list->L().index.find(filter->instanceId);
       if (found == list->L().index.end()) return kNotFound;
@@ -306,46 +300,47 @@ int SetValueStr(Object *object, const char *key, const char *value) {
       if (int s = CheckTarget(object, key); s != kOk) return s;
       return value[0] == '\0' ? kBadArgument : Rename(object, value);
     }
-    Member m;
-    m.kind = Kind::kString;
-    m.text = value;
-    return Put(object, key, std::move(m));
+    return Put(object, key, [&](Member &m) {
+      m.kind = Kind::kString;
+      m.text = value;
+    });
   });
 }
 
 int SetValueInt(Object *object, const char *key, int32_t value) {
-  return Run(Op::kSetValueInt, [&] { return Put(object, key, Scalar(Kind::kInt32, value)); });
+  return Run(Op::kSetValueInt, [&] { return PutScalar(object, key, Kind::kInt32, value); });
 }
 
 int SetValueUint32(Object *object, const char *key, uint32_t value) {
-  return Run(Op::kSetValueUint32, [&] { return Put(object, key, Scalar(Kind::kUint32, value)); });
+  return Run(Op::kSetValueUint32, [&] { return PutScalar(object, key, Kind::kUint32, value); });
 }
 
 int SetValueUint16(Object *object, const char *key, uint16_t value) {
-  return Run(Op::kSetValueUint16, [&] { return Put(object, key, Scalar(Kind::kUint16, value)); });
+  return Run(Op::kSetValueUint16, [&] { return PutScalar(object, key, Kind::kUint16, value); });
 }
 
 int SetValueLong(Object *object, const char *key, int64_t value) {
-  return Run(Op::kSetValueLong, [&] { return Put(object, key, Scalar(Kind::kInt64, value)); });
+  return Run(Op::kSetValueLong, [&] { return PutScalar(object, key, Kind::kInt64, value); });
 }
 
 int SetValueBool(Object *object, const char *key, bool value) {
   return Run(Op::kSetValueBool,
-             [&] { return Put(object, key, Scalar(Kind::kBool, value ? 1 : 0)); });
+             [&] { return PutScalar(object, key, Kind::kBool, value ? 1 : 0); });
 }
 
 int SetValueBinary(Object *object, const char *key, const void *data, int length) {
   return Run(Op::kSetValueBinary, [&] {
     if (length < 0 || (data == nullptr && length > 0)) return kBadArgument;
-    Member m;
-    m.kind = Kind::kBinary;
-    if (length > 0) m.text.assign(static_cast<const char *>(data), static_cast<size_t>(length));
-    return Put(object, key, std::move(m));
+    return Put(object, key, [&](Member &m) {
+      m.kind = Kind::kBinary;
+      if (length > 0) m.text.assign(static_cast<const char *>(data), static_cast<size_t>(length));
+    });
   });
 }
 
 int SetValueEmptyList(Object *object, const char *key) {
-  return Run(Op::kSetValueEmptyList, [&] { return Put(object, key, Scalar(Kind::kEmptyList, 0)); });
+  return Run(Op::kSetValueEmptyList,
+             [&] { return PutScalar(object, key, Kind::kEmptyList, 0); });
 }
 
 int AppendValueString(Object *object, const char *key, const char *value) {
@@ -368,7 +363,7 @@ int RemoveValue(Object *object, const char *key) {
     if (IsInstance(object) && strcmp(key, kIdKey) == 0) return kBadArgument;
     auto it = object->members.find(std::string_view(key));
     if (it == object->members.end()) return kNotFound;
-    DetachAll(object->root, it->second);
+    DetachAll(it->second);
     object->members.erase(it);
     return kOk;
   });
