@@ -105,18 +105,57 @@ struct Member {
   }
 };
 
-// Addressing of a top-level object, and the arena of its tree.  The arena
-// starts in a small buffer of its own and takes each further buffer from the
-// heap, larger than the one before, so a small object costs one allocation
-// and a large one a few dozen.
+// The arena of one tree: memory handed out from chunks taken one after the
+// other, never given back piece by piece; all of it goes when the arena
+// does.  The first chunk is a small buffer inside the arena itself, so a
+// small object costs no allocation of its own; each further chunk is twice
+// the one before, up to kMaxChunk.  The cap bounds the unused end of the
+// last chunk: a tree of megabytes then leaves tens of kilobytes unused, not
+// up to half of itself, and still takes its memory in a few hundred pieces.
+// A piece larger than the next chunk gets a chunk of its own, and the
+// current chunk stays in use.
+class TreeArena final : public std::pmr::memory_resource {
+ public:
+  TreeArena() = default;
+  TreeArena(const TreeArena &) = delete;
+  TreeArena &operator=(const TreeArena &) = delete;
+  ~TreeArena() override;
+
+ private:
+  struct alignas(std::max_align_t) Chunk {
+    Chunk *next;
+  };
+  static constexpr size_t kFirstChunk = 1024;
+  static constexpr size_t kMaxChunk = 32 * 1024;
+
+  void *do_allocate(size_t bytes, size_t align) override {
+    uintptr_t at = (cur_ + (align - 1)) & ~uintptr_t{align - 1};
+    if (at > end_ || bytes > end_ - at) return NewChunk(bytes, align);
+    cur_ = at + bytes;
+    return reinterpret_cast<void *>(at);
+  }
+  void do_deallocate(void *, size_t, size_t) override {}
+  bool do_is_equal(const std::pmr::memory_resource &other) const noexcept override {
+    return this == &other;
+  }
+  // Takes a chunk for what does not fit in the current one.
+  void *NewChunk(size_t bytes, size_t align);
+
+  alignas(std::max_align_t) std::byte first_[256];
+  uintptr_t cur_ = reinterpret_cast<uintptr_t>(first_);
+  uintptr_t end_ = reinterpret_cast<uintptr_t>(first_) + sizeof first_;
+  Chunk *chunks_ = nullptr;
+  size_t next_ = kFirstChunk;
+};
+
+// Addressing of a top-level object, and the arena of its tree.
 struct TopLevel {
   TopLevel() = default;
   TopLevel(const TopLevel &) = delete;
   TopLevel &operator=(const TopLevel &) = delete;
 
   std::string sel1, sel2, sel3, instanceId;
-  alignas(std::max_align_t) std::byte first[512];
-  std::pmr::monotonic_buffer_resource arena{first, sizeof first, std::pmr::new_delete_resource()};
+  TreeArena arena;
 };
 
 using Members = std::pmr::map<std::pmr::string, Member, std::less<>>;

@@ -7,6 +7,7 @@
 // Text that is not valid UTF-8 cannot be a JSON string: such a string value
 // (or list of strings) is written as base64 and tagged "string_base64"
 // ("string_list_base64"), so any bytes come back exactly.
+#include <algorithm>
 #include <charconv>
 #include <cstring>
 #include <limits>
@@ -483,6 +484,29 @@ RootPtr NewRoot(std::string sel1, std::string sel2, std::string sel3, std::strin
 // The root lives in its own arena: releasing the arena ends the whole tree,
 // and no node has anything outside it to free.
 void RootDelete::operator()(Object *root) const noexcept { delete root->top; }
+
+TreeArena::~TreeArena() {
+  while (chunks_ != nullptr) ::operator delete(std::exchange(chunks_, chunks_->next));
+}
+
+void *TreeArena::NewChunk(size_t bytes, size_t align) {
+  constexpr size_t kHeader = sizeof(Chunk);
+  if (bytes > std::numeric_limits<size_t>::max() / 2 - align - kHeader) throw std::bad_alloc();
+  const size_t need = kHeader + align + bytes;
+  const bool own = need > next_;
+  const size_t size = own ? need : next_;
+  auto *chunk = static_cast<Chunk *>(::operator new(size));
+  chunk->next = chunks_;
+  chunks_ = chunk;
+  const uintptr_t at =
+      (reinterpret_cast<uintptr_t>(chunk + 1) + (align - 1)) & ~uintptr_t{align - 1};
+  if (!own) {
+    cur_ = at + bytes;
+    end_ = reinterpret_cast<uintptr_t>(chunk) + size;
+    next_ = std::min(2 * next_, kMaxChunk);
+  }
+  return reinterpret_cast<void *>(at);
+}
 
 Object *NewChild(Object *parent) {
   Object *child = parent->arena().new_object<Object>();
