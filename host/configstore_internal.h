@@ -113,7 +113,10 @@ struct Member {
 // last chunk: a tree of megabytes then leaves tens of kilobytes unused, not
 // up to half of itself, and still takes its memory in a few hundred pieces.
 // A piece larger than the next chunk gets a chunk of its own, and the
-// current chunk stays in use.
+// current chunk stays in use.  Chunks of the largest size are kept for the
+// thread's next trees when a tree goes (up to a bound): given back to the
+// heap at once, they make it return the pages to the system, and the next
+// tree would pay a page fault for each page again.
 class TreeArena final : public std::pmr::memory_resource {
  public:
   TreeArena() = default;
@@ -124,6 +127,7 @@ class TreeArena final : public std::pmr::memory_resource {
  private:
   struct alignas(std::max_align_t) Chunk {
     Chunk *next;
+    size_t size;
   };
   static constexpr size_t kFirstChunk = 1024;
   static constexpr size_t kMaxChunk = 32 * 1024;

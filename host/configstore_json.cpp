@@ -485,8 +485,49 @@ RootPtr NewRoot(std::string sel1, std::string sel2, std::string sel3, std::strin
 // and no node has anything outside it to free.
 void RootDelete::operator()(Object *root) const noexcept { delete root->top; }
 
+namespace {
+
+// The thread's spare chunks of the largest size, linked through their
+// first word.
+constexpr size_t kSpareChunks = 64;
+
+struct SpareChunks {
+  void *head = nullptr;
+  size_t count = 0;
+  ~SpareChunks();
+};
+
+thread_local SpareChunks t_spare;
+// Set once the thread's spare chunks are gone (a tree destroyed later in the
+// thread's exit frees its chunks itself).
+thread_local bool t_spareGone = false;
+
+SpareChunks::~SpareChunks() {
+  t_spareGone = true;
+  while (head != nullptr) ::operator delete(std::exchange(head, *static_cast<void **>(head)));
+}
+
+void *TakeSpare() {
+  if (t_spareGone || t_spare.head == nullptr) return nullptr;
+  void *chunk = std::exchange(t_spare.head, *static_cast<void **>(t_spare.head));
+  --t_spare.count;
+  return chunk;
+}
+
+bool KeepSpare(void *chunk) {
+  if (t_spareGone || t_spare.count >= kSpareChunks) return false;
+  *static_cast<void **>(chunk) = std::exchange(t_spare.head, chunk);
+  ++t_spare.count;
+  return true;
+}
+
+}  // namespace
+
 TreeArena::~TreeArena() {
-  while (chunks_ != nullptr) ::operator delete(std::exchange(chunks_, chunks_->next));
+  while (chunks_ != nullptr) {
+    Chunk *chunk = std::exchange(chunks_, chunks_->next);
+    if (chunk->size != kMaxChunk || !KeepSpare(chunk)) ::operator delete(chunk);
+  }
 }
 
 void *TreeArena::NewChunk(size_t bytes, size_t align) {
@@ -495,8 +536,10 @@ void *TreeArena::NewChunk(size_t bytes, size_t align) {
   const size_t need = kHeader + align + bytes;
   const bool own = need > next_;
   const size_t size = own ? need : next_;
-  auto *chunk = static_cast<Chunk *>(::operator new(size));
+  void *memory = size == kMaxChunk ? TakeSpare() : nullptr;
+  auto *chunk = static_cast<Chunk *>(memory != nullptr ? memory : ::operator new(size));
   chunk->next = chunks_;
+  chunk->size = size;
   chunks_ = chunk;
   const uintptr_t at =
       (reinterpret_cast<uintptr_t>(chunk + 1) + (align - 1)) & ~uintptr_t{align - 1};
