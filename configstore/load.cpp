@@ -9,6 +9,7 @@
 #include <cstring>
 #include <string>
 #include <unordered_set>
+#include <vector>
 
 #include "configstore/kinds.h"
 #include "configstore/persist.h"
@@ -69,15 +70,140 @@ uint32_t HostPortLimit() {
   return limit;
 }
 
+// The names a switch list holds, as its entries hold them (cut to 127
+// characters).  A name matches an entry exactly when it equals one of them,
+// so a port's entry is appended without the update's walk over the list,
+// which made the ports of a switch cost the square of their number.
+using NameSet = std::unordered_set<std::string>;
+
+NameSet NamesOf(PropertyList *list) {
+  NameSet names;
+  PropertyEntry *entry = nullptr;
+  while (ZELData_Next(list, entry, &entry) == STATUS_OK) {
+    names.emplace(ZELData_Name(entry));
+  }
+  return names;
+}
+
+// Serializes `inner` with `version` into `outer` under `name` (type 16), as
+// ZELData_Update does; `names`, when given, are the names `outer` holds.
+ReturnStatus Nest(PropertyList *outer, const char *name, PropertyList *inner, uint32_t version,
+                  NameSet *names = nullptr) {
+  if (names != nullptr && names->count(name) == 0) {
+    const ReturnStatus status =
+        zel::data::AppendSerialized(outer, name, inner, version, kLibraryType);
+    if (status == STATUS_OK) {
+      names->emplace(name, strnlen(name, ZELDATA_NAME_SIZE - 1));
+    }
+    return status;
+  }
+  return zel::data::SerializeInto(outer, name, inner, version, kLibraryType, ZELData_Update);
+}
+
+// The outer list of the blob: one entry per switch, named by its uuid.  Each
+// switch's list is kept as it is until every switch has loaded, and then
+// written once, straight into the blob, instead of being copied into an
+// entry of the outer list and the outer list into the blob.  While the data
+// layer traces (zeldata_debug >= 2) each switch list is nested into the
+// outer list as it loads, so that the traces come out as they always have.
+class OuterList {
+ public:
+  OuterList() = default;
+  OuterList(const OuterList &) = delete;
+  OuterList &operator=(const OuterList &) = delete;
+  ~OuterList() {
+    ZELData_Free(list_);
+    for (const Switch &sw : switches_) {
+      ZELData_Free(sw.list);
+    }
+  }
+
+  bool Create() {
+    if (ZELData_Alloc(&list_, g_allocFn, g_freeFn) != STATUS_OK) {
+      list_ = nullptr;
+      return false;
+    }
+    switches_.reserve(ZEL_MAX_SWITCHES);
+    return true;
+  }
+
+  bool Has(const char *uuid) const {
+    for (const Switch &sw : switches_) {
+      if (sw.uuid == uuid) {
+        return true;
+      }
+    }
+    PropertyEntry *existing = nullptr;
+    return ZELData_Lookup(list_, uuid, &existing) == STATUS_OK;
+  }
+
+  // Adds the list of a switch whose uuid the list does not hold; takes the
+  // list over on success.
+  ReturnStatus Add(const char *uuid, PropertyList *&list, uint32_t version) {
+    if (!direct_) {
+      NameSet fresh;  // the uuid is new: the entry is appended without a search
+      return Nest(list_, uuid, list, version, &fresh);
+    }
+    const uint32_t size = list->serialSize;
+    const uint64_t entryLength = zel::data::EntryLengthFor(size);
+    if (size > zel::data::kMaxDataLength || total_ + entryLength > 0xFFFFFFFFu) {
+      return STATUS_BAD_PARAM;  // what appending it to the outer list gives
+    }
+    switches_.push_back(Switch{uuid, list});
+    list = nullptr;
+    total_ += entryLength;
+    return STATUS_OK;
+  }
+
+  // The blob: the outer list serialized with the outer version.
+  ReturnStatus Serialize(void **blob, uint32_t *length) {
+    if (!direct_) {
+      return ZELData_Serialize(list_, blob, length, kOuterVersion);
+    }
+    const auto size = static_cast<uint32_t>(total_);
+    auto *out = static_cast<uint8_t *>(g_allocFn(size));
+    if (out == nullptr) {
+      return STATUS_NO_MEMORY;
+    }
+    zel::data::WriteSerialHeader(out, size);
+    uint32_t pos = zel::data::kHeaderSize;
+    uint32_t sum = 0;
+    for (const Switch &sw : switches_) {
+      uint32_t listSum = 0;
+      if (!zel::data::WriteSerializedList(sw.list, out + pos + zel::data::kDataOffset, &listSum)) {
+        g_freeFn(out);
+        return STATUS_LIMIT_EXCEEDED;  // as the serializer refuses a list that disagrees
+      }
+      const uint32_t listSize = sw.list->serialSize;
+      sum += zel::data::WriteEntryHeader(out + pos, sw.uuid.c_str(), kLibraryType, listSize) +
+             listSum;
+      pos += zel::data::EntryLengthFor(listSize);
+    }
+    zel::data::SealSerialized(out, size, sum);
+    *blob = out;
+    *length = size;
+    return STATUS_OK;
+  }
+
+ private:
+  struct Switch {
+    std::string uuid;
+    PropertyList *list;
+  };
+  const bool direct_ = zeldata_debug < 2;
+  PropertyList *list_ = nullptr;
+  std::vector<Switch> switches_;
+  uint64_t total_ = zel::data::kHeaderSize + zel::data::kEndMarkerSize;
+};
+
 // Whether a switch id of the uuid's length fits, and the outer list does not
 // hold it yet.
-uint32_t CheckSwitchId(const char *uuid, PropertyList *outer) {
+uint32_t CheckSwitchId(const char *uuid, const OuterList &outer) {
   if (std::strlen(uuid) >= ZEL_SWITCH_ID_SIZE) {
     CS_ERROR("Switch uuid %s is longer than %u characters\n", uuid, ZEL_SWITCH_ID_SIZE - 1);
     return kFailure;
   }
-  PropertyEntry *existing = nullptr;
-  if (ZELData_Lookup(outer, uuid, &existing) == STATUS_OK) {
+  if (outer.Has(uuid)) {
     CS_ERROR("Duplicate switch uuid %s in configstore\n", uuid);
     return kFailure;
   }
@@ -126,36 +252,6 @@ struct Owned {
     std::free(className);
   }
 };
-
-// The names a switch list holds, as its entries hold them (cut to 127
-// characters).  A name matches an entry exactly when it equals one of them,
-// so a port's entry is appended without the update's walk over the list,
-// which made the ports of a switch cost the square of their number.
-using NameSet = std::unordered_set<std::string>;
-
-NameSet NamesOf(PropertyList *list) {
-  NameSet names;
-  PropertyEntry *entry = nullptr;
-  while (ZELData_Next(list, entry, &entry) == STATUS_OK) {
-    names.emplace(ZELData_Name(entry));
-  }
-  return names;
-}
-
-// Serializes `inner` with `version` into `outer` under `name` (type 16), as
-// ZELData_Update does; `names`, when given, are the names `outer` holds.
-ReturnStatus Nest(PropertyList *outer, const char *name, PropertyList *inner, uint32_t version,
-                  NameSet *names = nullptr) {
-  if (names != nullptr && names->count(name) == 0) {
-    const ReturnStatus status =
-        zel::data::AppendSerialized(outer, name, inner, version, kLibraryType);
-    if (status == STATUS_OK) {
-      names->emplace(name, strnlen(name, ZELDATA_NAME_SIZE - 1));
-    }
-    return status;
-  }
-  return zel::data::SerializeInto(outer, name, inner, version, kLibraryType, ZELData_Update);
-}
 
 uint32_t LoadProps(const char *listName, cs::Object *object, PropertyList *switchList,
                    uint32_t tableIndex, uint32_t version, cs::Object *resourceManagement,
@@ -288,7 +384,7 @@ uint32_t SwitchListFailure(const char *uuid, ReturnStatus status) {
 }
 
 // One switch object into its entry of the outer list.
-uint32_t LoadSwitch(cs::Object *object, PropertyList *outer, DecodeRoom *room) {
+uint32_t LoadSwitch(cs::Object *object, OuterList &outer, DecodeRoom *room) {
   Owned uuid;
   if (int status = cs::GetValueStr(object, "uuid", &uuid.text); status != cs::kOk) {
     CS_ERROR("Failed to get uuid, rc: %d\n", status);
@@ -347,11 +443,7 @@ uint32_t LoadSwitch(cs::Object *object, PropertyList *outer, DecodeRoom *room) {
   if (status != 0) {
     return status;
   }
-  // CheckSwitchId has made sure the uuid is new: the entry is appended
-  // without a search, its list written straight into it.
-  NameSet fresh;
-  if (ReturnStatus nested = Nest(outer, uuid.text, sw.list, version, &fresh);
-      nested != STATUS_OK) {
+  if (ReturnStatus nested = outer.Add(uuid.text, sw.list, version); nested != STATUS_OK) {
     return SwitchListFailure(uuid.text, nested);
   }
   return 0;
@@ -365,12 +457,11 @@ struct LoadSession {
   int numCurrent = 0;
   cs::Object **desired = nullptr;
   int numDesired = 0;
-  PropertyList *outer = nullptr;
+  OuterList outer;
   LoadSession() = default;
   LoadSession(const LoadSession &) = delete;
   LoadSession &operator=(const LoadSession &) = delete;
   ~LoadSession() {
-    ZELData_Free(outer);
     Release(current, numCurrent);
     Release(desired, numDesired);
     cs::DestroyFilterSpecObject(filter);
@@ -431,8 +522,7 @@ uint32_t LoadBuf(void **blob, uint32_t *length, bool desired) {
     objects = s.desired;
     count = s.numDesired;
   }
-  if (ZELData_Alloc(&s.outer, g_allocFn, g_freeFn) != STATUS_OK) {
-    s.outer = nullptr;
+  if (!s.outer.Create()) {
     return kFailure;
   }
   if (count > ZEL_MAX_SWITCHES) {
@@ -456,7 +546,7 @@ uint32_t LoadBuf(void **blob, uint32_t *length, bool desired) {
   }
   void *buffer = nullptr;
   uint32_t size = 0;
-  const ReturnStatus serialized = ZELData_Serialize(s.outer, &buffer, &size, kOuterVersion);
+  const ReturnStatus serialized = s.outer.Serialize(&buffer, &size);
   if (serialized != STATUS_OK) {
     return serialized;
   }

@@ -171,6 +171,30 @@ TEST_F(PersistLoad, AnUnreadablePortIsSkippedAndTheOthersLoad) {
   EXPECT_EQ(sw.className, Text("vswitch"));
 }
 
+// With the data layer tracing, each switch list is nested into the outer
+// list as it loads; otherwise all are written into the blob at the end.
+// Both give the same bytes.
+TEST_F(PersistLoad, TracedAndDirectLoadsGiveTheSameBlob) {
+  Put("a", Object("a", "6.6.0",
+                  R"(,"resource_management":{},"ports":[{"key":"p1","name":"one"},)"
+                  R"({"key":"p2","name":"two","connection_cookie":7}])"));
+  Put("b", Object("b", "6.5.0", R"(,"name":"sky")"));
+  auto load = [](int level) {
+    zeltest::ScopedLevel traced(zeldata_debug, level);
+    void *blob = nullptr;
+    uint32_t length = 0;
+    std::string out = zeltest::CaptureStdout(
+        [&] { EXPECT_EQ(ZELState_LoadFromConfigStoreAsBuf(&blob, &length, false), 0u); });
+    EXPECT_EQ(out.empty(), level < 2);
+    Bytes bytes(static_cast<uint8_t *>(blob), static_cast<uint8_t *>(blob) + length);
+    std::free(blob);
+    return bytes;
+  };
+  const Bytes direct = load(0);
+  EXPECT_EQ(DecodeBlob(direct.data(), U32Size(direct)).size(), 2u);
+  EXPECT_EQ(load(2), direct);
+}
+
 TEST_F(PersistLoad, DesiredLayerPairsObjectsByPosition) {
   Put("a", Object("a", "6.6.0", R"(,"portset_name":"current-a")"));
   Put("b", Object("b", "6.6.0", R"(,"portset_name":"current-b")"));
