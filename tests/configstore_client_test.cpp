@@ -285,6 +285,34 @@ TEST_F(ConfigStoreObjects, TextAndBinaryKeepTheirBytes) {
   EXPECT_EQ(cs::CreateSubObject(o, "\xed\xa0\x80", "", &inst), cs::kBadArgument);  // surrogate
 }
 
+// Values far larger than the pieces an object's memory is taken in, mixed
+// with small ones made before and after them, keep their bytes both in
+// memory and through the stored form.
+TEST_F(ConfigStoreObjects, LargeValuesBesideSmallOnes) {
+  const std::string big(100000, 'x');
+  std::string bytes(40000, '\0');
+  for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<char>(i * 7);
+  ASSERT_EQ(cs::SetValueStr(o, "before", "small"), cs::kOk);
+  ASSERT_EQ(cs::SetValueStr(o, "big", big.c_str()), cs::kOk);
+  ASSERT_EQ(cs::SetValueBinary(o, "bytes", bytes.data(), static_cast<int>(bytes.size())), cs::kOk);
+  ASSERT_EQ(cs::SetValueStr(o, "after", "tiny"), cs::kOk);
+  Object *copy = nullptr;
+  const std::string json = Json(o);
+  ASSERT_EQ(cs::CreateObject("a", "b", "c", "d", json.c_str(), &copy), cs::kOk);
+  ObjectPtr owner(copy);
+  for (Object *obj : {o, copy}) {
+    EXPECT_EQ(Str(obj, "before"), "small");
+    EXPECT_EQ(Str(obj, "big"), big);
+    EXPECT_EQ(Str(obj, "after"), "tiny");
+    uint8_t *data = nullptr;
+    int length = 0;
+    ASSERT_EQ(cs::GetValueBinary(obj, "bytes", &data, &length), cs::kOk);
+    EXPECT_EQ(std::string(reinterpret_cast<char *>(data), static_cast<size_t>(length)), bytes);
+    std::free(data);
+  }
+  EXPECT_EQ(Json(copy), json);
+}
+
 class ConfigStoreStore : public ::testing::Test {
  protected:
   TempStore tmp;
