@@ -280,7 +280,7 @@ struct Store : Connection {
   }
 
   int Write(const char *layer, const Object &object, const char *origin) {
-    std::string content = SerializeContent(object);
+    const JsonText content = WriteContent(object);
     const TopLevel &t = *object.top;
     ResetOnExit guard{upsert};
     if (int s = upsert.Bind(layer, t.sel1, t.sel2, t.sel3, t.instanceId, content, origin); s != kOk)

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <memory_resource>
@@ -205,6 +206,25 @@ struct Filter {
 // not a valid object; nothing is added on failure.
 int ParseContent(std::string_view text, Object &node);
 std::string SerializeContent(const Object &node);
+
+// JSON text in a buffer from malloc, NUL-terminated after its size: bound
+// to a statement as it is, or handed to a caller who frees it with free().
+class JsonText {
+ public:
+  JsonText(char *data, size_t size) : data_(data), size_(size) {}
+  std::string_view view() const { return {data_.get(), size_}; }
+  operator std::string_view() const { return view(); }
+  char *Release() { return data_.release(); }
+
+ private:
+  struct Free {
+    void operator()(char *p) const noexcept { free(p); }
+  };
+  std::unique_ptr<char, Free> data_;
+  size_t size_;
+};
+// The same text as SerializeContent, without a copy into a string.
+JsonText WriteContent(const Object &node);
 
 // Strict UTF-8 (no overlong forms, surrogates or values above U+10FFFF).
 bool ValidUtf8(std::string_view s);

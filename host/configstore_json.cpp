@@ -9,6 +9,7 @@
 // ("string_list_base64"), so any bytes come back exactly.
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <simdjson.h>
@@ -24,6 +25,51 @@ constexpr std::string_view kTypesKey = "@types";
 
 // ---------------------------------------------------------------- writing
 
+// The text being written, in a buffer from malloc.  Room(n) makes sure of n
+// bytes ahead, so that the writes after it are plain stores with no check
+// per byte; the buffer grows by doubling, with realloc, which moves a large
+// buffer's pages rather than copying them.
+class Writer {
+ public:
+  Writer() = default;
+  Writer(const Writer &) = delete;
+  Writer &operator=(const Writer &) = delete;
+  ~Writer() { free(data_); }
+
+  // The text, NUL-terminated.
+  JsonText Finish() {
+    *Room(1) = '\0';
+    return JsonText(std::exchange(data_, nullptr), size_);
+  }
+
+  char *Room(size_t n) {
+    if (capacity_ - size_ < n) Grow(n);
+    return data_ + size_;
+  }
+  void Advance(size_t n) { size_ += n; }
+  void Put(char c) {
+    *Room(1) = c;
+    ++size_;
+  }
+  void Put(std::string_view s) {
+    std::memcpy(Room(s.size()), s.data(), s.size());
+    size_ += s.size();
+  }
+
+ private:
+  void Grow(size_t n) {
+    const size_t capacity = std::max({size_t{4096}, 2 * capacity_, size_ + n});
+    auto *data = static_cast<char *>(realloc(data_, capacity));
+    if (data == nullptr) throw std::bad_alloc();
+    data_ = data;
+    capacity_ = capacity;
+  }
+
+  char *data_ = nullptr;
+  size_t size_ = 0;
+  size_t capacity_ = 0;
+};
+
 // Whether a byte must be written as an escape inside a JSON string.
 bool NeedsEscape(unsigned char c) { return c < 0x20 || c == '"' || c == '\\'; }
 
@@ -36,47 +82,64 @@ bool AnyNeedsEscape(uint64_t w) {
   return (below(w, 0x20) | below(w ^ (kOnes * '"'), 1) | below(w ^ (kOnes * '\\'), 1)) != 0;
 }
 
-void WriteString(std::string &out, std::string_view s) {
+// Whether no byte of `s` needs an escape.  The last bytes are checked as one
+// word too, padded with a byte that needs none, so that a short string (as
+// keys are) takes no loop over its bytes.
+bool Plain(std::string_view s) {
+  size_t i = 0;
+  for (uint64_t word; i + 8 <= s.size(); i += 8) {
+    std::memcpy(&word, s.data() + i, sizeof word);
+    if (AnyNeedsEscape(word)) return false;
+  }
+  uint64_t tail = 0x6161616161616161ull;  // "aaaaaaaa"
+  if (i < s.size()) std::memcpy(&tail, s.data() + i, s.size() - i);
+  return !AnyNeedsEscape(tail);
+}
+
+// A string with escapes: byte by byte (rare in stored content).
+void WriteEscaped(Writer &out, std::string_view s) {
   static constexpr char kHex[] = "0123456789abcdef";
-  out += '"';
+  out.Put('"');
   size_t run = 0;  // start of the bytes not yet written
-  for (size_t i = 0; i < s.size();) {
-    if (i + 8 <= s.size()) {
-      uint64_t word;
-      std::memcpy(&word, s.data() + i, sizeof word);
-      if (!AnyNeedsEscape(word)) {
-        i += 8;  // eight plain bytes
-        continue;
+  for (size_t i = 0; i < s.size(); ++i) {
+    const auto c = static_cast<unsigned char>(s[i]);
+    if (!NeedsEscape(c)) continue;
+    out.Put(s.substr(run, i - run));
+    run = i + 1;
+    switch (c) {
+      case '"': out.Put("\\\""); break;
+      case '\\': out.Put("\\\\"); break;
+      case '\b': out.Put("\\b"); break;
+      case '\f': out.Put("\\f"); break;
+      case '\n': out.Put("\\n"); break;
+      case '\r': out.Put("\\r"); break;
+      case '\t': out.Put("\\t"); break;
+      default: {
+        const char escape[] = {'\\', 'u', '0', '0', kHex[c >> 4], kHex[c & 15]};
+        out.Put(std::string_view(escape, sizeof escape));
       }
     }
-    const auto c = static_cast<unsigned char>(s[i++]);
-    if (!NeedsEscape(c)) continue;
-    out.append(s.data() + run, i - 1 - run);
-    run = i;
-    switch (c) {
-      case '"': out += "\\\""; break;
-      case '\\': out += "\\\\"; break;
-      case '\b': out += "\\b"; break;
-      case '\f': out += "\\f"; break;
-      case '\n': out += "\\n"; break;
-      case '\r': out += "\\r"; break;
-      case '\t': out += "\\t"; break;
-      default:
-        out += "\\u00";
-        out += kHex[c >> 4];
-        out += kHex[c & 15];
-    }
   }
-  out.append(s.data() + run, s.size() - run);
-  out += '"';
+  out.Put(s.substr(run));
+  out.Put('"');
 }
 
-void WriteNumber(std::string &out, int64_t n) {
-  char buf[24];
-  auto r = std::to_chars(buf, buf + sizeof buf, n);
-  out.append(buf, r.ptr);
+void WriteString(Writer &out, std::string_view s) {
+  if (!Plain(s)) return WriteEscaped(out, s);
+  char *p = out.Room(s.size() + 2);
+  p[0] = '"';
+  std::memcpy(p + 1, s.data(), s.size());
+  p[s.size() + 1] = '"';
+  out.Advance(s.size() + 2);
 }
 
+void WriteNumber(Writer &out, int64_t n) {
+  constexpr size_t kMost = 20;  // "-9223372036854775808"
+  char *p = out.Room(kMost);
+  out.Advance(static_cast<size_t>(std::to_chars(p, p + kMost, n).ptr - p));
+}
+
+// The "@types" tag of a member, or null when it needs none.
 const char *Tag(const Member &m) {
   switch (m.kind) {
     case Kind::kInt32: return "int32";
@@ -93,86 +156,104 @@ const char *Tag(const Member &m) {
   }
 }
 
-void WriteObject(std::string &out, const Object &node) {
-  out += '{';
-  bool first = true;
-  auto comma = [&] {
-    if (!first) out += ',';
-    first = false;
-  };
+bool TextKind(Kind k) { return k == Kind::kString || k == Kind::kStringList; }
+
+// What WriteTypes wrote.
+struct Types {
+  bool any = false;   // "@types" was written
+  bool text = false;  // a text member is tagged as base64
+};
+
+// Writes "@types" when any member needs a tag.  When no text member is
+// tagged as base64, every text of the node is valid UTF-8 and is written
+// without a second check.
+Types WriteTypes(Writer &out, const Object &node) {
   bool anyTag = false;
+  bool anyText = false;
   for (const auto &[key, m] : node.members) {
     const char *tag = Tag(m);
     if (tag == nullptr) continue;
     if (!anyTag) {
       WriteString(out, kTypesKey);
-      out += ":{";
+      out.Put(":{");
       anyTag = true;
     } else {
-      out += ',';
+      out.Put(',');
     }
     WriteString(out, key);
-    out += ':';
+    out.Put(':');
     WriteString(out, tag);
+    anyText = anyText || TextKind(m.kind);
   }
-  if (anyTag) {
-    out += '}';
-    first = false;
-  }
-  for (const auto &[key, m] : node.members) {
-    comma();
-    WriteString(out, key);
-    out += ':';
-    switch (m.kind) {
-      case Kind::kString:
-        // A branch each, so that plain text is not copied on its way out.
-        if (ValidUtf8(m.text)) {
-          WriteString(out, m.text);
-        } else {
-          WriteString(out, Base64Encode(m.text));
-        }
-        break;
-      case Kind::kInt32:
-      case Kind::kUint32:
-      case Kind::kUint16:
-      case Kind::kInt64: WriteNumber(out, m.number); break;
-      case Kind::kBool: out += m.number != 0 ? "true" : "false"; break;
-      case Kind::kBinary: WriteString(out, Base64Encode(m.text)); break;
-      case Kind::kEmptyList: out += "[]"; break;
-      case Kind::kStringList: {
-        bool plain = Tag(m) == nullptr;
-        out += '[';
-        for (size_t i = 0; i < m.L().strings.size(); ++i) {
-          if (i > 0) out += ',';
-          if (plain) {
-            WriteString(out, m.L().strings[i]);
-          } else {
-            WriteString(out, Base64Encode(m.L().strings[i]));
-          }
-        }
-        out += ']';
-        break;
+  if (anyTag) out.Put('}');
+  return Types{anyTag, anyText};
+}
+
+void WriteObject(Writer &out, const Object &node);
+
+void WriteValue(Writer &out, const Member &m, bool checkText) {
+  switch (m.kind) {
+    case Kind::kString:
+      // A branch each, so that plain text is not copied on its way out.
+      if (!checkText || ValidUtf8(m.text)) {
+        WriteString(out, m.text);
+      } else {
+        WriteString(out, Base64Encode(m.text));
       }
-      case Kind::kIntList:
-        out += '[';
-        for (size_t i = 0; i < m.L().ints.size(); ++i) {
-          if (i > 0) out += ',';
-          WriteNumber(out, m.L().ints[i]);
+      break;
+    case Kind::kInt32:
+    case Kind::kUint32:
+    case Kind::kUint16:
+    case Kind::kInt64: WriteNumber(out, m.number); break;
+    case Kind::kBool: out.Put(m.number != 0 ? std::string_view("true") : "false"); break;
+    case Kind::kBinary: WriteString(out, Base64Encode(m.text)); break;
+    case Kind::kEmptyList: out.Put("[]"); break;
+    case Kind::kStringList: {
+      bool plain = !checkText || Tag(m) == nullptr;
+      out.Put('[');
+      for (size_t i = 0; i < m.L().strings.size(); ++i) {
+        if (i > 0) out.Put(',');
+        if (plain) {
+          WriteString(out, m.L().strings[i]);
+        } else {
+          WriteString(out, Base64Encode(m.L().strings[i]));
         }
-        out += ']';
-        break;
-      case Kind::kSubObject: WriteObject(out, *m.child); break;
-      case Kind::kSubObjectList:
-        out += '[';
-        for (size_t i = 0; i < m.L().items.size(); ++i) {
-          if (i > 0) out += ',';
-          WriteObject(out, *m.L().items[i]);
-        }
-        out += ']';
-        break;
+      }
+      out.Put(']');
+      break;
     }
+    case Kind::kIntList:
+      out.Put('[');
+      for (size_t i = 0; i < m.L().ints.size(); ++i) {
+        if (i > 0) out.Put(',');
+        WriteNumber(out, m.L().ints[i]);
+      }
+      out.Put(']');
+      break;
+    case Kind::kSubObject: WriteObject(out, *m.child); break;
+    case Kind::kSubObjectList:
+      out.Put('[');
+      for (size_t i = 0; i < m.L().items.size(); ++i) {
+        if (i > 0) out.Put(',');
+        WriteObject(out, *m.L().items[i]);
+      }
+      out.Put(']');
+      break;
   }
-  out += '}';
+}
+
+void WriteObject(Writer &out, const Object &node) {
+  out.Put('{');
+  const Types types = WriteTypes(out, node);
+  bool first = !types.any;
+  for (const auto &[key, m] : node.members) {
+    if (!first) out.Put(',');
+    first = false;
+    WriteString(out, key);
+    out.Put(':');
+    WriteValue(out, m, types.text);
+  }
+  out.Put('}');
 }
 
 // ---------------------------------------------------------------- reading
@@ -590,11 +671,13 @@ int ParseContent(std::string_view text, Object &node) {
   return kOk;
 }
 
-std::string SerializeContent(const Object &node) {
-  std::string out;
-  WriteObject(out, node);
-  return out;
+JsonText WriteContent(const Object &node) {
+  Writer writer;
+  WriteObject(writer, node);
+  return writer.Finish();
 }
+
+std::string SerializeContent(const Object &node) { return std::string(WriteContent(node).view()); }
 
 namespace {
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";

@@ -468,7 +468,7 @@ int ExportObjectJson(Object *object, char **json) {
   if (object == nullptr) return kBadArgument;
   if (!Alive(object)) return kNotFound;
   try {
-    *json = CopyText(SerializeContent(*object));
+    *json = WriteContent(*object).Release();
   } catch (const std::bad_alloc &) {
     return kNoMemory;
   }
