@@ -7,9 +7,16 @@
 #include "host/configstore_internal.h"
 
 namespace zel::cfgstore {
+
+namespace fault {
+std::array<std::atomic<uint64_t>, kOps> g_calls{};
+std::atomic<bool> g_armed{false};
+}  // namespace fault
+
 namespace {
 
-constexpr size_t kOps = static_cast<size_t>(testing::Op::kDeleteDesired) + 1;
+using fault::g_armed;
+using fault::g_calls;
 
 struct Rule {
   testing::Op op;
@@ -18,8 +25,6 @@ struct Rule {
   int times;
 };
 
-std::array<std::atomic<uint64_t>, kOps> g_calls{};
-std::atomic<bool> g_armed{false};
 std::mutex g_mu;
 std::vector<Rule> g_rules;  // guarded by g_mu
 
@@ -27,13 +32,7 @@ std::vector<Rule> g_rules;  // guarded by g_mu
 
 namespace fault {
 
-int Check(testing::Op op) {
-  // Every store operation passes here, so the count is a plain load and
-  // store rather than a locked add: two threads counting at once may lose a
-  // count, which only the tests read, and they count from one thread.
-  auto &count = g_calls[static_cast<size_t>(op)];
-  count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  if (!g_armed.load(std::memory_order_acquire)) return kOk;
+int CheckRules(testing::Op op) {
   std::lock_guard<std::mutex> lock(g_mu);
   for (Rule &r : g_rules) {
     if (r.op != op && r.op != testing::Op::kAny) continue;

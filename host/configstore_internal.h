@@ -2,6 +2,8 @@
 // tree behind the Object handles, its JSON form, and the fault seam.
 #pragma once
 
+#include <array>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -234,8 +236,26 @@ std::string Base64Encode(std::string_view bytes);
 bool Base64Decode(std::string_view text, std::string &bytes);
 
 namespace fault {
-// The injected status for this call of `op`, or kOk.
-int Check(testing::Op op);
+inline constexpr size_t kOps = static_cast<size_t>(testing::Op::kDeleteDesired) + 1;
+// Calls of each operation since the last ClearFailures.
+extern std::array<std::atomic<uint64_t>, kOps> g_calls;
+// Whether any failure rule is in place.
+extern std::atomic<bool> g_armed;
+
+// The injected status for this call of `op` once a rule is in place.
+int CheckRules(testing::Op op);
+
+// The injected status for this call of `op`, or kOk.  Every operation
+// passes here, so counting and the unarmed case are inline: the count is a
+// plain load and store rather than a locked add (two threads counting at
+// once may lose a count, which only the tests read, and they count from one
+// thread).
+inline int Check(testing::Op op) {
+  auto &count = g_calls[static_cast<size_t>(op)];
+  count.store(count.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
+  if (!g_armed.load(std::memory_order_acquire)) return kOk;
+  return CheckRules(op);
+}
 }  // namespace fault
 
 // Runs an operation: counts it, applies an injected failure, and turns any
