@@ -180,6 +180,43 @@ TEST_F(ConfigStoreObjects, EmptyListsBecomeWhatIsPutInThem) {
   EXPECT_EQ(Json(o), R"({"pvlans":[3],"text":"t"})");
 }
 
+// Nodes below a cut node are dead too, however deep, whether built by calls or read from text;
+// their siblings that stay in the tree keep working.
+TEST_F(ConfigStoreObjects, NodesBelowACutNodeAnswerNotFound) {
+  const char *text = R"({"ports":[{"key":"p1","policy":{"vlan":{"id":4}}},{"key":"p2"}]})";
+  Object *parsed = nullptr;
+  ASSERT_EQ(cs::CreateObject("switches", "network_zel", "orn", "sw", text, &parsed), cs::kOk);
+  sw.reset(parsed);
+  o = parsed;
+  Object *p1 = nullptr, *p2 = nullptr, *policy = nullptr, *vlan = nullptr;
+  ASSERT_EQ(cs::GetSubObject(o, "ports", "p1", &p1), cs::kOk);
+  ASSERT_EQ(cs::GetSubObject(o, "ports", "p2", &p2), cs::kOk);
+  ASSERT_EQ(cs::GetSubObject(p1, "policy", "", &policy), cs::kOk);
+  ASSERT_EQ(cs::GetSubObject(policy, "vlan", "", &vlan), cs::kOk);
+  ASSERT_EQ(cs::SetValueInt(vlan, "id", 5), cs::kOk);
+  ASSERT_EQ(cs::DeleteSubObject(o, "ports", "p1"), cs::kOk);
+  EXPECT_EQ(cs::SetValueInt(vlan, "id", 6), cs::kNotFound);
+  Object *again = nullptr;
+  EXPECT_EQ(cs::GetSubObject(policy, "vlan", "", &again), cs::kNotFound);
+  char *json = nullptr;
+  EXPECT_EQ(cs::ExportObjectJson(vlan, &json), cs::kNotFound);
+  EXPECT_EQ(cs::SetValueStr(p2, "name", "kept"), cs::kOk);
+
+  // A chain made by calls, cut at its top by overwriting, and a list cut by removal.
+  Object *a = nullptr, *b = nullptr, *c = nullptr, *item = nullptr, *inner = nullptr;
+  ASSERT_EQ(cs::CreateSubObject(o, "a", "", &a), cs::kOk);
+  ASSERT_EQ(cs::CreateSubObject(a, "b", "", &b), cs::kOk);
+  ASSERT_EQ(cs::CreateSubObject(b, "c", "", &c), cs::kOk);
+  ASSERT_EQ(cs::CreateSubObject(c, "items", "i1", &item), cs::kOk);
+  ASSERT_EQ(cs::CreateSubObject(item, "inner", "", &inner), cs::kOk);
+  ASSERT_EQ(cs::SetValueBool(o, "a", true), cs::kOk);
+  EXPECT_EQ(cs::SetValueStr(item, "key", "i2"), cs::kNotFound);
+  EXPECT_EQ(cs::SetValueStr(inner, "x", "y"), cs::kNotFound);
+  ASSERT_EQ(cs::RemoveValue(o, "ports"), cs::kOk);
+  EXPECT_EQ(cs::SetValueStr(p2, "name", "gone"), cs::kNotFound);
+  EXPECT_EQ(Json(o), R"({"a":true})");
+}
+
 TEST_F(ConfigStoreObjects, BadArguments) {
   Object *sub = nullptr;
   int32_t i = 0;
