@@ -517,6 +517,13 @@ bool ValidUtf8(std::string_view s) {
     std::memcpy(&word, s.data() + i, 8);
     if ((word & kHighBits) != 0) break;
   }
+  // The last bytes as one word too (padded with zero bytes), so that short
+  // ASCII text, as keys are, takes no loop over its bytes.
+  if (n - i < 8) {
+    uint64_t tail = 0;
+    if (i < n) std::memcpy(&tail, s.data() + i, n - i);
+    if ((tail & kHighBits) == 0) return true;
+  }
   while (i < n) {
     auto c = static_cast<unsigned char>(s[i]);
     if (c < 0x80) {

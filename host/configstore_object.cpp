@@ -16,15 +16,18 @@ using testing::Op;
 
 namespace {
 
-constexpr const char *kIdKey = "key";
+constexpr std::string_view kIdKey = "key";
+constexpr std::string_view kTypesKey = "@types";
 
 bool Text(const char *s) { return s != nullptr && s[0] != '\0'; }
 
 // The object must be a live node and the key a usable name (UTF-8 text,
-// since keys are JSON names).
-int CheckTarget(const Object *object, const char *key) {
-  if (object == nullptr || !Text(key) || strcmp(key, "@types") == 0 || !ValidUtf8(key))
-    return kBadArgument;
+// since keys are JSON names).  The key is measured once, into `name`, which
+// the lookups that follow use.
+int CheckTarget(const Object *object, const char *key, std::string_view &name) {
+  if (object == nullptr || !Text(key)) return kBadArgument;
+  name = key;
+  if (name == kTypesKey || !ValidUtf8(name)) return kBadArgument;
   return Alive(object) ? kOk : kNotFound;
 }
 
@@ -64,13 +67,14 @@ void RemoveInstance(Member &list, Index::iterator found) noexcept {
 // value in a member of the object's arena before anything changes.
 template <typename Fill>
 int Put(Object *object, const char *key, Fill &&fill) {
-  if (int s = CheckTarget(object, key); s != kOk) return s;
-  if (IsInstance(object) && strcmp(key, kIdKey) == 0) return kBadArgument;
+  std::string_view name;
+  if (int s = CheckTarget(object, key, name); s != kOk) return s;
+  if (IsInstance(object) && name == kIdKey) return kBadArgument;
   Member value(object->arena());
   fill(value);
-  auto it = object->members.find(std::string_view(key));
+  auto it = object->members.find(name);
   if (it == object->members.end()) {
-    object->members.emplace(key, std::move(value));
+    object->members.emplace(name, std::move(value));
     return kOk;
   }
   DetachAll(it->second);
@@ -87,7 +91,7 @@ int PutScalar(Object *object, const char *key, Kind kind, int64_t number) {
 
 // Renames a list instance: its "key" is its instance id.
 int Rename(Object *instance, const char *id) {
-  Member &key = instance->members.find(std::string_view(kIdKey))->second;
+  Member &key = instance->members.find(kIdKey)->second;
   if (key.text == id) return kOk;
   Lists &lists = instance->list->L();
   std::pmr::string newId(id, key.text.get_allocator());
@@ -99,13 +103,14 @@ int Rename(Object *instance, const char *id) {
 
 template <typename Append>
 int AppendTo(Object *object, const char *key, Kind listKind, Append &&append) {
-  if (int s = CheckTarget(object, key); s != kOk) return s;
-  if (IsInstance(object) && strcmp(key, kIdKey) == 0) return kBadArgument;
-  auto it = object->members.find(std::string_view(key));
+  std::string_view name;
+  if (int s = CheckTarget(object, key, name); s != kOk) return s;
+  if (IsInstance(object) && name == kIdKey) return kBadArgument;
+  auto it = object->members.find(name);
   if (it == object->members.end()) {
     Member m(listKind, 0, object->arena());
     append(m);
-    object->members.emplace(key, std::move(m));
+    object->members.emplace(name, std::move(m));
     return kOk;
   }
   Member &m = it->second;
@@ -116,8 +121,9 @@ int AppendTo(Object *object, const char *key, Kind listKind, Append &&append) {
 }
 
 int Find(Object *object, const char *key, const Member *&out) {
-  if (int s = CheckTarget(object, key); s != kOk) return s;
-  auto it = object->members.find(std::string_view(key));
+  std::string_view name;
+  if (int s = CheckTarget(object, key, name); s != kOk) return s;
+  auto it = object->members.find(name);
   if (it == object->members.end()) return kNotFound;
   out = &it->second;
   return kOk;
@@ -151,8 +157,9 @@ char *CopyText(std::string_view text) {
 // The list named by a sub-object filter.
 int ListOf(Object *object, const Filter *filter, Member *&list) {
   if (filter == nullptr || !filter->sel2.empty() || !filter->sel3.empty()) return kBadArgument;
-  if (int s = CheckTarget(object, filter->sel1.c_str()); s != kOk) return s;
-  auto it = object->members.find(std::string_view(filter->sel1));
+  std::string_view name;
+  if (int s = CheckTarget(object, filter->sel1.c_str(), name); s != kOk) return s;
+  auto it = object->members.find(name);
   if (it == object->members.end()) return kNotFound;
   if (it->second.kind != Kind::kSubObjectList && it->second.kind != Kind::kEmptyList)
     return kTypeMismatch;
@@ -186,10 +193,11 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
   if (sub == nullptr) return kBadArgument;
   *sub = nullptr;
   return Run(Op::kCreateSubObject, [&] {
-    if (int s = CheckTarget(object, name); s != kOk) return s;
-    if (IsInstance(object) && strcmp(name, kIdKey) == 0) return kBadArgument;
+    std::string_view key;
+    if (int s = CheckTarget(object, name, key); s != kOk) return s;
+    if (IsInstance(object) && key == kIdKey) return kBadArgument;
     if (object->depth >= kMaxDepth) return kOutOfRange;
-    auto it = object->members.find(std::string_view(name));
+    auto it = object->members.find(key);
     if (!Text(instanceId) && it != object->members.end()) {
       if (it->second.kind != Kind::kSubObject) return kTypeMismatch;
       *sub = it->second.child;
@@ -207,7 +215,7 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
     if (!Text(instanceId)) {
       Member m(Kind::kSubObject, 0, object->arena());
       m.child = node;
-      object->members.emplace(name, std::move(m));
+      object->members.emplace(key, std::move(m));
       *sub = node;
       return kOk;
     }
@@ -215,7 +223,7 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
     idValue.text = instanceId;
     node->members.emplace(kIdKey, std::move(idValue));
     if (it == object->members.end())
-      it = object->members.emplace(name, Member(Kind::kEmptyList, 0, object->arena())).first;
+      it = object->members.emplace(key, Member(Kind::kEmptyList, 0, object->arena())).first;
     Member &list = it->second;
     // Room first, so that a failed allocation leaves the list as it was;
     // the room grows by doubling, as a list of thousands of ports needs.
@@ -232,8 +240,9 @@ int CreateSubObject(Object *object, const char *name, const char *instanceId, Ob
 
 int DeleteSubObject(Object *object, const char *name, const char *instanceId) {
   return Run(Op::kDeleteSubObject, [&] {
-    if (int s = CheckTarget(object, name); s != kOk) return s;
-    auto it = object->members.find(std::string_view(name));
+    std::string_view key;
+    if (int s = CheckTarget(object, name, key); s != kOk) return s;
+    auto it = object->members.find(key);
     if (it == object->members.end()) return kNotFound;
     Member &m = it->second;
     if (!Text(instanceId)) {
@@ -296,8 +305,9 @@ int GetSubObjectInstances(Object *object, Filter *filter, Object ***subs, int *c
 int SetValueStr(Object *object, const char *key, const char *value) {
   return Run(Op::kSetValueStr, [&] {
     if (value == nullptr) return kBadArgument;
-    if (object != nullptr && IsInstance(object) && key != nullptr && strcmp(key, kIdKey) == 0) {
-      if (int s = CheckTarget(object, key); s != kOk) return s;
+    if (object != nullptr && IsInstance(object) && key != nullptr && key == kIdKey) {
+      std::string_view name;
+      if (int s = CheckTarget(object, key, name); s != kOk) return s;
       return value[0] == '\0' ? kBadArgument : Rename(object, value);
     }
     return Put(object, key, [&](Member &m) {
@@ -359,9 +369,10 @@ int AppendValueInt(Object *object, const char *key, int32_t value) {
 
 int RemoveValue(Object *object, const char *key) {
   return Run(Op::kRemoveValue, [&] {
-    if (int s = CheckTarget(object, key); s != kOk) return s;
-    if (IsInstance(object) && strcmp(key, kIdKey) == 0) return kBadArgument;
-    auto it = object->members.find(std::string_view(key));
+    std::string_view name;
+    if (int s = CheckTarget(object, key, name); s != kOk) return s;
+    if (IsInstance(object) && name == kIdKey) return kBadArgument;
+    auto it = object->members.find(name);
     if (it == object->members.end()) return kNotFound;
     DetachAll(it->second);
     object->members.erase(it);
