@@ -2,11 +2,13 @@
 // tree behind the Object handles, its JSON form, and the fault seam.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <cstring>
 #include <map>
 #include <memory>
 #include <memory_resource>
@@ -165,7 +167,27 @@ struct TopLevel {
   TreeArena arena;
 };
 
-using Members = std::pmr::map<std::pmr::string, Member, std::less<>>;
+// The order of keys: byte-wise, as std::less of strings, so that members
+// are written in the same order.  Keys of one object mostly differ in their
+// first bytes, so those are compared here, inline, and the library compare
+// is called only for what is left of two long keys.
+struct KeyLess {
+  using is_transparent = void;
+  bool operator()(std::string_view a, std::string_view b) const noexcept {
+    constexpr size_t kInline = 8;
+    const size_t n = std::min(a.size(), b.size());
+    for (size_t i = 0; i < n && i < kInline; ++i) {
+      if (a[i] != b[i]) return static_cast<unsigned char>(a[i]) < static_cast<unsigned char>(b[i]);
+    }
+    if (n > kInline) {
+      if (int c = std::memcmp(a.data() + kInline, b.data() + kInline, n - kInline); c != 0)
+        return c < 0;
+    }
+    return a.size() < b.size();
+  }
+};
+
+using Members = std::pmr::map<std::pmr::string, Member, KeyLess>;
 
 // A node of an object tree.  Nodes are made in the root's arena and never
 // move, so their addresses serve as handles.  A node cut out of the tree
