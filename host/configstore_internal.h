@@ -256,6 +256,31 @@ JsonText WriteContent(const Object &node);
 // Strict UTF-8 (no overlong forms, surrogates or values above U+10FFFF).
 bool ValidUtf8(std::string_view s);
 
+// The last bytes of `s` after `from` (fewer than eight) in one word, for
+// tests that look at each byte on its own: every byte is in some lane of
+// the word (some twice), by loads of fixed size instead of a copy of
+// varying length.  A string of eight bytes or more gives its last eight
+// (which may overlap bytes already tested); lanes without a byte are `pad`.
+inline uint64_t TailWord(std::string_view s, size_t from, uint64_t pad) {
+  const char *p = s.data();
+  const size_t n = s.size();
+  uint64_t word;
+  if (n >= 8) {
+    std::memcpy(&word, p + n - 8, 8);
+    return word;
+  }
+  if (n - from >= 4) {
+    uint32_t lo, hi;
+    std::memcpy(&lo, p + from, 4);
+    std::memcpy(&hi, p + n - 4, 4);
+    return lo | (uint64_t{hi} << 32);
+  }
+  if (n == from) return pad;
+  const auto byte = [&](size_t i) { return uint64_t{static_cast<unsigned char>(p[i])}; };
+  const size_t mid = from + (n - from) / 2;
+  return (pad & ~uint64_t{0xFFFFFF}) | byte(from) | byte(mid) << 8 | byte(n - 1) << 16;
+}
+
 std::string Base64Encode(std::string_view bytes);
 // False for text that is not padded standard base64.
 bool Base64Decode(std::string_view text, std::string &bytes);

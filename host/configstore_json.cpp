@@ -83,17 +83,15 @@ bool AnyNeedsEscape(uint64_t w) {
 }
 
 // Whether no byte of `s` needs an escape.  The last bytes are checked as one
-// word too, padded with a byte that needs none, so that a short string (as
-// keys are) takes no loop over its bytes.
+// word too, so that a short string (as keys are) takes no loop over its
+// bytes.
 bool Plain(std::string_view s) {
   size_t i = 0;
   for (uint64_t word; i + 8 <= s.size(); i += 8) {
     std::memcpy(&word, s.data() + i, sizeof word);
     if (AnyNeedsEscape(word)) return false;
   }
-  uint64_t tail = 0x6161616161616161ull;  // "aaaaaaaa"
-  if (i < s.size()) std::memcpy(&tail, s.data() + i, s.size() - i);
-  return !AnyNeedsEscape(tail);
+  return !AnyNeedsEscape(TailWord(s, i, 0x6161616161616161ull));  // pad "aaaaaaaa"
 }
 
 // A string with escapes: byte by byte (rare in stored content).
@@ -517,13 +515,9 @@ bool ValidUtf8(std::string_view s) {
     std::memcpy(&word, s.data() + i, 8);
     if ((word & kHighBits) != 0) break;
   }
-  // The last bytes as one word too (padded with zero bytes), so that short
-  // ASCII text, as keys are, takes no loop over its bytes.
-  if (n - i < 8) {
-    uint64_t tail = 0;
-    if (i < n) std::memcpy(&tail, s.data() + i, n - i);
-    if ((tail & kHighBits) == 0) return true;
-  }
+  // The last bytes as one word too, so that short ASCII text, as keys are,
+  // takes no loop over its bytes.
+  if (n - i < 8 && (TailWord(s, i, 0) & kHighBits) == 0) return true;
   while (i < n) {
     auto c = static_cast<unsigned char>(s[i]);
     if (c < 0x80) {

@@ -343,6 +343,27 @@ TEST_F(ConfigStoreObjects, KeysInByteOrderAndFoundAgain) {
   EXPECT_EQ(cs::GetValueInt(o, "connection_cookie_", &got), cs::kNotFound);
 }
 
+// A byte that needs an escape, or that is not UTF-8, is found at every position of short and long
+// keys and texts.
+TEST_F(ConfigStoreObjects, EscapesAndBadBytesFoundAtEveryPosition) {
+  for (size_t n = 1; n <= 20; ++n) {
+    for (size_t at = 0; at < n; ++at) {
+      SCOPED_TRACE(std::to_string(n) + " " + std::to_string(at));
+      std::string text(n, 'a');
+      text[at] = '"';
+      const std::string quoted = '"' + text.substr(0, at) + "\\\"" + text.substr(at + 1) + '"';
+      ASSERT_EQ(cs::SetValueStr(o, text.c_str(), text.c_str()), cs::kOk);
+      EXPECT_EQ(Json(o), "{" + quoted + ":" + quoted + "}");
+      ASSERT_EQ(cs::RemoveValue(o, text.c_str()), cs::kOk);
+      text[at] = '\x80';
+      EXPECT_EQ(cs::SetValueStr(o, text.c_str(), "x"), cs::kBadArgument);
+      ASSERT_EQ(cs::SetValueStr(o, "v", text.c_str()), cs::kOk);
+      EXPECT_EQ(Json(o).find(R"({"@types":{"v":"string_base64"})"), 0u);
+      ASSERT_EQ(cs::RemoveValue(o, "v"), cs::kOk);
+    }
+  }
+}
+
 // Values far larger than the pieces an object's memory is taken in, mixed
 // with small ones made before and after them, keep their bytes both in
 // memory and through the stored form.
