@@ -11,6 +11,7 @@
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <simdjson.h>
 #include <utility>
@@ -387,8 +388,13 @@ class Builder {
     Frame &f = frames_.back();
     if (f.inTypes || f.array != nullptr || pendingKey_ == kTypesKey) return nullptr;
     auto &members = f.node->members;
-    auto it = members.lower_bound(pendingKey_);
-    if (it != members.end() && it->first == pendingKey_) return nullptr;  // a repeated key
+    // Stored content has its keys in order, so a key normally goes last,
+    // with no search; a key out of order is placed by one.
+    auto it = members.end();
+    if (!members.empty() && !members.key_comp()(std::prev(it)->first, pendingKey_)) {
+      it = members.lower_bound(pendingKey_);
+      if (it != members.end() && it->first == pendingKey_) return nullptr;  // a repeated key
+    }
     // Key and member are made in place in the node's arena.
     it = members.emplace_hint(it, std::piecewise_construct, std::forward_as_tuple(pendingKey_),
                               std::forward_as_tuple());
