@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -169,19 +170,30 @@ struct TopLevel {
 
 // The order of keys: byte-wise, as std::less of strings, so that members
 // are written in the same order.  Keys of one object mostly differ in their
-// first bytes, so those are compared here, inline, and the library compare
-// is called only for what is left of two long keys.
+// first bytes, so those are compared inline (eight at once when both keys
+// have them), and the library compare is called only for the rest.
 struct KeyLess {
   using is_transparent = void;
   bool operator()(std::string_view a, std::string_view b) const noexcept {
-    constexpr size_t kInline = 8;
     const size_t n = std::min(a.size(), b.size());
-    for (size_t i = 0; i < n && i < kInline; ++i) {
-      if (a[i] != b[i]) return static_cast<unsigned char>(a[i]) < static_cast<unsigned char>(b[i]);
+    size_t done = 1;
+    if (n >= 8) {
+      uint64_t x, y;
+      std::memcpy(&x, a.data(), 8);
+      std::memcpy(&y, b.data(), 8);
+      if (x != y) {
+        if constexpr (std::endian::native == std::endian::little) {
+          x = __builtin_bswap64(x);  // the first byte most significant
+          y = __builtin_bswap64(y);
+        }
+        return x < y;
+      }
+      done = 8;
+    } else if (n > 0 && a[0] != b[0]) {
+      return static_cast<unsigned char>(a[0]) < static_cast<unsigned char>(b[0]);
     }
-    if (n > kInline) {
-      if (int c = std::memcmp(a.data() + kInline, b.data() + kInline, n - kInline); c != 0)
-        return c < 0;
+    if (n > done) {
+      if (int c = std::memcmp(a.data() + done, b.data() + done, n - done); c != 0) return c < 0;
     }
     return a.size() < b.size();
   }

@@ -325,18 +325,21 @@ TEST_F(ConfigStoreObjects, TextAndBinaryKeepTheirBytes) {
 // Members are written in byte order of their keys (bytes above 0x7f after ASCII, a prefix before
 // the longer key), and each is found again, also among keys that share long prefixes.
 TEST_F(ConfigStoreObjects, KeysInByteOrderAndFoundAgain) {
-  const char *keys[] = {"connection_b", "\xc3\xa9", "connection_a", "connection_", "connectio",
-                        "connection_cookie_2", "connection_cookie_1", "z", "connection"};
-  for (int i = 0; i < 9; ++i) ASSERT_EQ(cs::SetValueInt(o, keys[i], i), cs::kOk);
-  EXPECT_EQ(Json(o),
-            R"({"@types":{"connectio":"int32","connection":"int32","connection_":"int32",)"
-            R"("connection_a":"int32","connection_b":"int32","connection_cookie_1":"int32",)"
-            R"("connection_cookie_2":"int32","z":"int32",)" "\"\xc3\xa9\"" R"(:"int32"},)"
-            R"("connectio":4,"connection":8,"connection_":3,"connection_a":2,"connection_b":0,)"
-            R"("connection_cookie_1":6,"connection_cookie_2":5,"z":7,)" "\"\xc3\xa9\":1}");
-  for (int i = 0; i < 9; ++i) {
+  const std::string ordered[] = {"backing_type",        "blocked_ports",       "connectio",
+                                 "connection",          "connection_",         "connection_a",
+                                 "connection_b",        "connection_cookie_1", "connection_cookie_2",
+                                 "connect\xc3\xa9",     "z",                   "\xc3\xa9"};
+  const int insertion[] = {6, 11, 5, 3, 1, 2, 8, 7, 10, 9, 0, 4};
+  for (int i : insertion) ASSERT_EQ(cs::SetValueInt(o, ordered[i].c_str(), i), cs::kOk);
+  std::string types, values;
+  for (int i = 0; i < 12; ++i) {
+    types += (i > 0 ? ",\"" : "\"") + ordered[i] + "\":\"int32\"";
+    values += ",\"" + ordered[i] + "\":" + std::to_string(i);
+  }
+  EXPECT_EQ(Json(o), "{\"@types\":{" + types + "}" + values + "}");
+  for (int i = 0; i < 12; ++i) {
     int32_t got = -1;
-    EXPECT_EQ(cs::GetValueInt(o, keys[i], &got), cs::kOk) << keys[i];
+    EXPECT_EQ(cs::GetValueInt(o, ordered[i].c_str(), &got), cs::kOk) << ordered[i];
     EXPECT_EQ(got, i);
   }
   int32_t got = 0;
