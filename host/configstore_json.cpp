@@ -283,7 +283,7 @@ class Builder {
     if (frames_.empty()) return false;
     Frame &f = frames_.back();
     if (f.inTypes) {
-      f.tags.emplace_back(pendingKey_, v);
+      tags_.emplace_back(pendingKey_, v);
       pendingKey_ = {};
       return true;
     }
@@ -308,7 +308,7 @@ class Builder {
 
   bool start_object() {
     if (frames_.empty()) {
-      frames_.push_back(Frame{&root_});
+      frames_.push_back(Frame{&root_, nullptr, nullptr, false, false, tags_.size()});
       return true;
     }
     Frame &f = frames_.back();
@@ -334,7 +334,7 @@ class Builder {
       m->kind = Kind::kSubObject;
       m->child = child;
     }
-    frames_.push_back(Frame{child});
+    frames_.push_back(Frame{child, nullptr, nullptr, false, false, tags_.size()});
     return true;
   }
 
@@ -346,6 +346,7 @@ class Builder {
     }
     if (!ApplyTags(f)) return false;
     Object *node = f.node;
+    tags_.resize(f.tagsFrom);
     frames_.pop_back();
     if (node->list == nullptr) return true;
     // A list instance: its "key" is its unique instance id.
@@ -379,7 +380,7 @@ class Builder {
     Member *array = nullptr;  // array frames: the member being filled
     bool inTypes = false;     // inside this object's "@types"
     bool sawTypes = false;
-    std::vector<std::pair<std::string_view, std::string_view>> tags;  // key, type
+    size_t tagsFrom = 0;      // object frames: where its tags start in tags_
   };
 
   // The member for the value that follows a key in an object.
@@ -419,8 +420,9 @@ class Builder {
     return true;
   }
 
-  static bool ApplyTags(Frame &f) {
-    for (auto &[key, tag] : f.tags) {
+  bool ApplyTags(const Frame &f) {
+    for (size_t i = f.tagsFrom; i < tags_.size(); ++i) {
+      const auto &[key, tag] = tags_[i];
       auto it = f.node->members.find(key);
       if (it == f.node->members.end()) continue;  // a tag for nothing: harmless
       if (!ApplyTag(tag, it->second)) return false;
@@ -470,6 +472,10 @@ class Builder {
 
   Object &root_;
   std::vector<Frame> frames_;
+  // The "@types" entries (key, type) of the objects open, innermost last:
+  // one vector for all of them, so that an object's tags take no
+  // allocation of their own.
+  std::vector<std::pair<std::string_view, std::string_view>> tags_;
   std::string_view pendingKey_;
 };
 

@@ -288,6 +288,9 @@ TEST_F(ConfigStoreObjects, ContentReadWholeOrRefused) {
        R"({"@types":{"n":"int64"},"b":false,"e":[],"i":[2],"l":["x"],"n":12,"s":"t"})"},
       {"{\"a\":-0,\"s\":\"\\n\\u00e9\\ud83d\\ude00\"}",
        "{\"@types\":{\"a\":\"int64\"},\"a\":0,\"s\":\"\\n\xC3\xA9\xF0\x9F\x98\x80\"}"},
+      // Each object's tags apply to its own members, wherever they stand.
+      {R"({"@types":{"b":"uint16"},"a":{"b":70000,"@types":{"b":"int32"}},"b":2})",
+       R"({"@types":{"b":"uint16"},"a":{"@types":{"b":"int32"},"b":70000},"b":2})"},
   };
   for (const auto &[text, stored] : good) {
     auto root = cs::NewRoot("s1", "s2", "s3", "id");
