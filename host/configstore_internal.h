@@ -203,15 +203,14 @@ using Members = std::pmr::map<std::pmr::string, Member, KeyLess>;
 
 // A node of an object tree.  Nodes are made in the root's arena and never
 // move, so their addresses serve as handles.  A node cut out of the tree
-// (deleted or replaced) keeps its memory until the root goes, and is marked
-// cut together with every node below it, so that Alive tells a dead handle
-// without a walk to the root.
+// (deleted or replaced) keeps its memory until the root goes; it has no
+// parent and is not the root, which is how Alive tells it is dead.
 struct Object {
   using allocator_type = Arena;
   explicit Object(const allocator_type &a) : members(a) {}
 
   Members members;
-  bool cut = false;          // no longer in its root's tree
+  Object *parent = nullptr;  // null for the root and for a cut node
   Object *root = nullptr;    // the top-level object owning this node
   Member *list = nullptr;    // for a list instance: the list holding it
   int depth = 0;
@@ -232,9 +231,7 @@ using RootPtr = std::unique_ptr<Object, RootDelete>;
 // A root (top-level object) with its addressing.
 RootPtr NewRoot(std::string sel1, std::string sel2, std::string sel3, std::string instanceId);
 // True when the node is the root or still reachable from it.
-inline bool Alive(const Object *node) { return !node->cut; }
-// Marks a node and every node below it as cut from the tree.
-void Cut(Object *node) noexcept;
+bool Alive(const Object *node);
 
 struct Filter {
   std::string sel1, sel2, sel3, instanceId;

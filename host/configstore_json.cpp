@@ -647,18 +647,15 @@ void *TreeArena::NewChunk(size_t bytes, size_t align) {
 
 Object *NewChild(Object *parent) {
   Object *child = parent->arena().new_object<Object>();
+  child->parent = parent;
   child->root = parent->root;
   child->depth = parent->depth + 1;
   return child;
 }
 
-void Cut(Object *node) noexcept {
-  node->cut = true;
-  for (auto &[key, m] : node->members) {
-    if (m.child != nullptr) Cut(m.child);
-    if (m.lists != nullptr)
-      for (Object *item : m.lists->items) Cut(item);
-  }
+bool Alive(const Object *node) {
+  while (node->parent != nullptr) node = node->parent;
+  return node->top != nullptr;
 }
 
 int ParseContent(std::string_view text, Object &node) {
@@ -679,6 +676,11 @@ int ParseContent(std::string_view text, Object &node) {
   Builder builder(scratch);
   if (!Feed(builder, document)) return kCorrupt;
   node.members = std::move(scratch.members);  // map nodes move, addresses stay
+  for (auto &[key, m] : node.members) {
+    if (m.child != nullptr) m.child->parent = &node;
+    if (m.lists != nullptr)
+      for (Object *item : m.lists->items) item->parent = &node;
+  }
   return kOk;
 }
 

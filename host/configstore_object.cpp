@@ -37,7 +37,7 @@ bool IsInstance(const Object *object) { return object->list != nullptr; }
 // the root's arena, so handles to them stay valid memory and answer kNotFound.
 void DetachAll(Member &m) noexcept {
   auto cut = [](Object *node) {
-    Cut(node);
+    node->parent = nullptr;
     node->list = nullptr;
   };
   if (m.child != nullptr) cut(std::exchange(m.child, nullptr));
@@ -54,7 +54,7 @@ void RemoveInstance(Member &list, Index::iterator found) noexcept {
   auto &items = list.L().items;
   for (auto item = items.begin(); item != items.end(); ++item) {
     if (*item != found->second) continue;
-    Cut(*item);
+    (*item)->parent = nullptr;
     (*item)->list = nullptr;
     items.erase(item);
     break;
