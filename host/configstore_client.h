@@ -66,6 +66,12 @@
 //   - Sub-objects belong to their top-level object and stay valid (as
 //     memory) until it is destroyed; a sub-object that was deleted or
 //     replaced answers kNotFound.  Never pass one to DestroyConfigStoreObject.
+//   - A top-level object's memory comes from an arena of its own and goes
+//     back in one piece when it is destroyed: what a deleted or replaced
+//     value or sub-object held stays in use until then, so an object that
+//     is rewritten over and over should be destroyed and read again rather
+//     than kept.  A thread keeps up to 2 MiB of released memory for the
+//     objects it makes next.
 //   - Texts from GetValueStr and GenerateInstanceId, bytes from
 //     GetValueBinary are freed with free(); string arrays with
 //     DestroyStringArrayValue(&array, count).
