@@ -169,15 +169,11 @@ class OuterList {
     uint32_t pos = zel::data::kHeaderSize;
     uint32_t sum = 0;
     for (const Switch &sw : switches_) {
-      uint32_t listSum = 0;
-      if (!zel::data::WriteSerializedList(sw.list, out + pos + zel::data::kDataOffset, &listSum)) {
+      if (!zel::data::WriteListEntry(out + pos, sw.uuid.c_str(), kLibraryType, sw.list, &sum)) {
         g_freeFn(out);
         return STATUS_LIMIT_EXCEEDED;  // as the serializer refuses a list that disagrees
       }
-      const uint32_t listSize = sw.list->serialSize;
-      sum += zel::data::WriteEntryHeader(out + pos, sw.uuid.c_str(), kLibraryType, listSize) +
-             listSum;
-      pos += zel::data::EntryLengthFor(listSize);
+      pos += zel::data::EntryLengthFor(sw.list->serialSize);
     }
     zel::data::SealSerialized(out, size, sum);
     *blob = out;

@@ -98,6 +98,11 @@ uint32_t WriteEntryHeader(uint8_t *out, const char *name, uint32_t propType, uin
 // ZELData_Serialize writes it.  False when serialSize disagrees with the
 // entries; out then holds nothing usable.
 bool WriteSerializedList(PropertyList *list, uint8_t *out, uint32_t *wordSum);
+// An entry named `name` whose value is the whole list serialized, at out
+// (EntryLengthFor(list->serialSize) bytes); adds the words it wrote to *sum.
+// False, with nothing added, when serialSize disagrees with the entries.
+bool WriteListEntry(uint8_t *out, const char *name, uint32_t propType, PropertyList *list,
+                    uint32_t *sum);
 
 // ZELData_Serialize of `inner` with `version` into a buffer from its
 // allocator, then `put` (ZELData_Append or ZELData_Update) of the bytes under

@@ -355,6 +355,16 @@ bool WriteSerializedList(PropertyList *list, uint8_t *out, uint32_t *wordSum) {
   return true;
 }
 
+bool WriteListEntry(uint8_t *out, const char *name, uint32_t propType, PropertyList *list,
+                    uint32_t *sum) {
+  uint32_t listSum = 0;
+  if (!WriteSerializedList(list, out + kDataOffset, &listSum)) {
+    return false;
+  }
+  *sum += WriteEntryHeader(out, name, propType, list->serialSize) + listSum;
+  return true;
+}
+
 ReturnStatus AppendSerialized(PropertyList *outer, const char *name, PropertyList *inner,
                               uint32_t version, uint32_t propType) {
   const uint32_t size = inner->serialSize;
@@ -365,9 +375,8 @@ ReturnStatus AppendSerialized(PropertyList *outer, const char *name, PropertyLis
       return STATUS_NO_MEMORY;
     }
     SetNext(e, nullptr);
-    WriteEntryHeader(Serial(e), name, propType, size);
     uint32_t sum = 0;
-    if (WriteSerializedList(inner, DataOf(e), &sum)) {
+    if (WriteListEntry(Serial(e), name, propType, inner, &sum)) {
       LinkAtTail(outer, e);
       return STATUS_OK;
     }

@@ -187,15 +187,11 @@ class BlobWriter {
   // A list serialized with `version` as the value; null when the list
   // disagrees with its serialSize.
   PropertyList *List(const char *name, PropertyList *list, uint32_t version, uint32_t *sum) {
-    uint8_t *entry = out_ + pos_;
-    const uint32_t size = list->serialSize;
-    uint32_t listSum = 0;
-    if (!zd::WriteSerializedList(list, entry + zd::kDataOffset, &listSum)) {
+    if (!zd::WriteListEntry(out_ + pos_, name, kTypeLibrary, list, sum)) {
       return nullptr;
     }
     VersionNotice(version);
-    *sum += zd::WriteEntryHeader(entry, name, kTypeLibrary, size) + listSum;
-    pos_ += zd::EntryLengthFor(size);
+    pos_ += zd::EntryLengthFor(list->serialSize);
     return list;
   }
 
