@@ -140,9 +140,8 @@ class OuterList {
   // Adds the list of a switch whose uuid the list does not hold; takes the
   // list over on success.
   ReturnStatus Add(const char *uuid, PropertyList *&list, uint32_t version) {
-    if (!direct_) {
-      NameSet fresh;  // the uuid is new: the entry is appended without a search
-      return Nest(list_, uuid, list, version, &fresh);
+    if (!direct_) {  // the uuid is new: the entry is appended without a search
+      return zel::data::AppendSerialized(list_, uuid, list, version, kLibraryType);
     }
     const uint32_t size = list->serialSize;
     const uint64_t entryLength = zel::data::EntryLengthFor(size);
