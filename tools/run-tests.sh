@@ -4,8 +4,12 @@
 # a short run of every fuzz target, and on a plain library build the exported
 # symbol list, an install with two consumers and the Debian packages.
 # FUZZ_SECONDS sets the fuzz time of each target (default 20).
-set -euo pipefail
+set -eEuo pipefail
 cd "$(dirname "$0")/.."
+# CI keeps standard output only: errors go there too, and a failure names its
+# step and the free disk space.
+exec 2>&1
+trap 'echo "run-tests.sh: failed at line $LINENO: $BASH_COMMAND"; df -h . | tail -n 1' ERR
 bash tools/install-deps.sh
 jobs=$(nproc)
 

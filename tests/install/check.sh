@@ -5,16 +5,19 @@
 #   check.sh install BUILD   DESTDIR install, then a pkg-config and a CMake consumer
 #   check.sh package BUILD   cpack -G DEB, the dev package's contents, dpkg -i of
 #                            runtime and dev into a throwaway root, a consumer on it
-set -euo pipefail
+set -eEuo pipefail
 mode=$1 build=$(realpath "$2")
 here=$(cd "$(dirname "$0")" && pwd) src=$(cd "$(dirname "$0")/../.." && pwd)
 tmp=$(mktemp -d) && trap 'rm -rf "$tmp"' EXIT
+# CI keeps standard output only: say there which step failed.
+trap 'echo "check.sh $mode: failed at line $LINENO: $BASH_COMMAND"' ERR
 
 # Builds and runs the C11 consumer through pkg-config against the .pc under $1.
 pkgconfig_consumer() {
   local flags
-  flags=$(PKG_CONFIG_PATH=$1 pkg-config --cflags --libs libzel)
-  cc -std=c11 -pedantic-errors -Wall -Werror "$here/consumer.c" $flags -o "$tmp/c-consumer"
+  # pkg-config escapes the blanks of a path; eval splits on the others only.
+  eval "flags=($(PKG_CONFIG_PATH=$1 pkg-config --cflags --libs libzel))"
+  cc -std=c11 -pedantic-errors -Wall -Werror "$here/consumer.c" "${flags[@]}" -o "$tmp/c-consumer"
   export LD_LIBRARY_PATH=$1/..  # the installed copy, not the build tree's
   ldd "$tmp/c-consumer" | grep -q "libzel.so.0 => $tmp/"
   "$tmp/c-consumer"
