@@ -72,9 +72,11 @@ ReturnStatus PortDataCommon(PortState *port, const char *name, void **value, uin
 
 }  // namespace
 
-void RemovePortAt(SwitchState *sw, uint32_t slot) {
+void RemovePortAt(SwitchState *sw, uint32_t slot, bool switchGoing) {
   PortState *port = sw->ports[slot];
-  sw->index->Erase(port->hash, slot);
+  if (!switchGoing) {
+    sw->index->Erase(port->hash, slot);
+  }
   ZELData_Free(port->data);
   port->freeFn(port);
   sw->ports[slot] = nullptr;

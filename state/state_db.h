@@ -84,8 +84,9 @@ uint32_t ClassFlags(const char *className);
 void RemoveSwitchAt(int slot);
 // The internal removal by id (no lock taken).
 ReturnStatus SwitchRemoveNoLock(const char *id);
-// Removes the port in a slot of the switch and releases it.
-void RemovePortAt(SwitchState *sw, uint32_t slot);
+// Removes the port in a slot of the switch and releases it.  When the switch
+// goes too (switchGoing), its port index, released with it, is left as it is.
+void RemovePortAt(SwitchState *sw, uint32_t slot, bool switchGoing = false);
 // The longest port id a switch of the version code takes: 47 characters
 // above version 6, 15 otherwise.
 size_t MaxPortIdLength(uint32_t version);

@@ -166,7 +166,7 @@ void RemoveSwitchAt(int slot) {
   for (int64_t i = sw->inUse->NextBit(0, true); i != host::BitVector::kNone;
        i = sw->inUse->NextBit(static_cast<uint32_t>(i) + 1, true)) {
     ZEL_LOG(1, "ZELState_PortRemove %s, %s\n", sw->id, sw->ports[i]->id);
-    RemovePortAt(sw, static_cast<uint32_t>(i));
+    RemovePortAt(sw, static_cast<uint32_t>(i), true);
   }
   ZELData_Free(sw->globalProps);
   ZELData_Free(sw->hostProps);
