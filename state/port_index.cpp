@@ -5,7 +5,10 @@
 
 namespace zel::state {
 
-static_assert(sizeof(PortIndex) == 8, "the buckets follow an 8-byte header");
+static_assert(sizeof(PortIndex) == 24, "the buckets follow a 24-byte header");
+
+// Buckets in use in a new index: enough for a few dozen ports.
+constexpr uint64_t kFirstBuckets = 64;
 
 uint32_t PortIndex::Hash(const char *id) {
   uint32_t hash = 2166136261u;  // FNV-1a
@@ -25,9 +28,16 @@ uint64_t PortIndex::BucketsFor(uint32_t maxPorts) {
 
 PortIndex *PortIndex::Init(void *memory, uint64_t buckets) {
   PortIndex *index = new (memory) PortIndex();
-  index->mask_ = buckets - 1;
-  std::memset(index->Buckets(), 0, buckets * sizeof(Bucket));
+  index->room_ = buckets;
+  index->mask_ = (buckets < kFirstBuckets ? buckets : kFirstBuckets) - 1;
+  std::memset(index->Buckets(), 0, (index->mask_ + 1) * sizeof(Bucket));
   return index;
+}
+
+void PortIndex::Widen() {
+  mask_ = 2 * mask_ + 1;
+  count_ = 0;
+  std::memset(Buckets(), 0, (mask_ + 1) * sizeof(Bucket));
 }
 
 void PortIndex::Insert(uint32_t hash, uint32_t slot) {
@@ -37,6 +47,7 @@ void PortIndex::Insert(uint32_t hash, uint32_t slot) {
     i = (i + 1) & mask_;
   }
   buckets[i] = Bucket{slot + 1, hash};
+  ++count_;
 }
 
 void PortIndex::Erase(uint32_t hash, uint32_t slot) {
@@ -64,6 +75,7 @@ void PortIndex::Erase(uint32_t hash, uint32_t slot) {
     }
   }
   buckets[hole] = Bucket{0, 0};
+  --count_;
 }
 
 }  // namespace zel::state

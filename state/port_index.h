@@ -2,10 +2,14 @@
 // and removing a port by id does not walk every occupied slot.
 //
 // Open addressing with linear probing and backward-shift deletion.  The table
-// lives inside the switch record (one allocation) and has at least twice as
-// many buckets as the switch can hold ports, so it never fills up and never
-// grows.  Entries of equal id (a normal and a shadow port, zombies) are all
-// kept; lookups pick the lowest slot among the matches.
+// lives inside the switch record (one allocation) and has room for at least
+// twice as many buckets as the switch can hold ports, so it never fills up.
+// Only a power-of-two prefix of that room is in use, cleared when taken: a
+// switch whose limit is the host's (tens of thousands of ports) but that holds
+// a few hundred does not clear and walk half a megabyte.  When one more entry
+// would fill more than half of the buckets in use, the owner widens the index
+// and inserts every entry again.  Entries of equal id (a normal and a shadow
+// port, zombies) are all kept; lookups pick the lowest slot among the matches.
 #pragma once
 
 #include <cstddef>
@@ -24,7 +28,15 @@ class PortIndex {
   // Buckets for a switch of maxPorts ports: a power of two, at least 2 * maxPorts.
   static uint64_t BucketsFor(uint32_t maxPorts);
   static size_t AllocSize(uint64_t buckets) { return sizeof(PortIndex) + buckets * sizeof(Bucket); }
+  // An index with room for `buckets` (a power of two), of which a few are in use.
   static PortIndex *Init(void *memory, uint64_t buckets);
+
+  // True when one more entry would fill more than half of the buckets in use
+  // and the room allows more.
+  bool Crowded() const { return 2 * (count_ + 1) > mask_ + 1 && mask_ + 1 < room_; }
+  // Doubles the buckets in use and empties the index: the owner inserts every
+  // entry again.
+  void Widen();
 
   void Insert(uint32_t hash, uint32_t slot);
   void Erase(uint32_t hash, uint32_t slot);
@@ -45,7 +57,9 @@ class PortIndex {
   Bucket *Buckets() { return reinterpret_cast<Bucket *>(this + 1); }
   const Bucket *Buckets() const { return reinterpret_cast<const Bucket *>(this + 1); }
 
-  uint64_t mask_ = 0;
+  uint64_t mask_ = 0;   // buckets in use - 1
+  uint64_t room_ = 0;   // buckets that fit
+  uint64_t count_ = 0;  // entries
 };
 
 }  // namespace zel::state

@@ -148,6 +148,13 @@ ReturnStatus ZELStatePortAdd(const char *switchId, const char *portId, PropertyL
   port->kind = kind;
   port->data = list;
   port->hash = PortIndex::Hash(port->id);
+  if (sw->index->Crowded()) {
+    sw->index->Widen();
+    for (int64_t i = sw->inUse->NextBit(0, true); i != zel::host::BitVector::kNone;
+         i = sw->inUse->NextBit(static_cast<uint32_t>(i) + 1, true)) {
+      sw->index->Insert(sw->ports[i]->hash, static_cast<uint32_t>(i));
+    }
+  }
   sw->index->Insert(port->hash, index);
   sw->inUse->Set(index);
   sw->freeHint = index + 1;
