@@ -2,13 +2,18 @@
 
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace zel::state {
 
 static_assert(sizeof(PortIndex) == 24, "the buckets follow a 24-byte header");
 
-// Buckets in use in a new index: enough for a few dozen ports.
-constexpr uint64_t kFirstBuckets = 64;
+// A small index (up to 64 KiB, a switch of up to 4,096 ports) is used whole
+// from the start: widening reads every port record again, which costs more
+// than clearing it.  A larger one starts with 8 KiB of buckets, enough for
+// 512 ports.
+constexpr uint64_t kWholeUpTo = 8192;
+constexpr uint64_t kFirstBuckets = 1024;
 
 uint32_t PortIndex::Hash(const char *id) {
   uint32_t hash = 2166136261u;  // FNV-1a
@@ -29,15 +34,15 @@ uint64_t PortIndex::BucketsFor(uint32_t maxPorts) {
 PortIndex *PortIndex::Init(void *memory, uint64_t buckets) {
   PortIndex *index = new (memory) PortIndex();
   index->room_ = buckets;
-  index->mask_ = (buckets < kFirstBuckets ? buckets : kFirstBuckets) - 1;
+  index->mask_ = (buckets <= kWholeUpTo ? buckets : kFirstBuckets) - 1;
   std::memset(index->Buckets(), 0, (index->mask_ + 1) * sizeof(Bucket));
   return index;
 }
 
-void PortIndex::Widen() {
+uint64_t PortIndex::Widen() {
   mask_ = 2 * mask_ + 1;
-  count_ = 0;
   std::memset(Buckets(), 0, (mask_ + 1) * sizeof(Bucket));
+  return std::exchange(count_, 0);
 }
 
 void PortIndex::Insert(uint32_t hash, uint32_t slot) {

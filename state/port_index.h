@@ -4,7 +4,7 @@
 // Open addressing with linear probing and backward-shift deletion.  The table
 // lives inside the switch record (one allocation) and has room for at least
 // twice as many buckets as the switch can hold ports, so it never fills up.
-// Only a power-of-two prefix of that room is in use, cleared when taken: a
+// In a large room only a power-of-two prefix is in use, cleared when taken: a
 // switch whose limit is the host's (tens of thousands of ports) but that holds
 // a few hundred does not clear and walk half a megabyte.  When one more entry
 // would fill more than half of the buckets in use, the owner widens the index
@@ -34,9 +34,9 @@ class PortIndex {
   // True when one more entry would fill more than half of the buckets in use
   // and the room allows more.
   bool Crowded() const { return 2 * (count_ + 1) > mask_ + 1 && mask_ + 1 < room_; }
-  // Doubles the buckets in use and empties the index: the owner inserts every
-  // entry again.
-  void Widen();
+  // Doubles the buckets in use and empties the index; returns how many
+  // entries it held, which the owner inserts again.
+  uint64_t Widen();
 
   void Insert(uint32_t hash, uint32_t slot);
   void Erase(uint32_t hash, uint32_t slot);

@@ -149,9 +149,11 @@ ReturnStatus ZELStatePortAdd(const char *switchId, const char *portId, PropertyL
   port->data = list;
   port->hash = PortIndex::Hash(port->id);
   if (sw->index->Crowded()) {
-    sw->index->Widen();
-    for (int64_t i = sw->inUse->NextBit(0, true); i != zel::host::BitVector::kNone;
-         i = sw->inUse->NextBit(static_cast<uint32_t>(i) + 1, true)) {
+    // Every occupied slot is indexed: the walk ends at the last of them, not
+    // at the end of the host-wide bit vector.
+    uint64_t left = sw->index->Widen();
+    for (int64_t i = sw->inUse->NextBit(0, true); left > 0 && i != zel::host::BitVector::kNone;
+         i = sw->inUse->NextBit(static_cast<uint32_t>(i) + 1, true), --left) {
       sw->index->Insert(sw->ports[i]->hash, static_cast<uint32_t>(i));
     }
   }

@@ -350,6 +350,27 @@ TEST_F(StatePortTest, IdIndexAgreesWithAModelUnderChurn) {
   }
 }
 
+// A switch whose limit is the host's widens its index while ports arrive;
+// every port stays found in its own slot, also after removals between them.
+TEST_F(StatePortTest, IndexWidensAndKeepsEveryPort) {
+  st::SetPortLimit(5000);
+  ASSERT_EQ(ZELState_SwitchAdd("w", "vswitch", 0, 7), STATUS_OK);
+  SwitchState *sw = ZELState_SwitchFind("w");
+  constexpr int kPorts = 1200;  // two widenings
+  for (int i = 0; i < kPorts; ++i) ASSERT_EQ(AddPort("w", std::to_string(i).c_str()), STATUS_OK);
+  for (int i = 1; i < kPorts; i += 2) {
+    ASSERT_EQ(ZELStatePortRemove("w", std::to_string(i).c_str(), PORT_KIND_NORMAL), STATUS_OK);
+  }
+  for (int i = 0; i < kPorts; ++i) {
+    PortState *port = ZELStatePortFindOnZelSwitch(sw, std::to_string(i).c_str(), PORT_KIND_NORMAL);
+    ASSERT_EQ(port == nullptr, i % 2 == 1) << i;
+    if (port != nullptr) {
+      ASSERT_EQ(st::PortSlot(port), i);
+    }
+    ASSERT_EQ(AddPort("w", std::to_string(i).c_str()), i % 2 == 1 ? STATUS_OK : STATUS_EXISTS);
+  }
+}
+
 // The strip of switches marked not to be persisted, the move back of named
 // switches and the release of what was parked.
 class StatePersistTest : public StateTest {
