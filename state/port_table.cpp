@@ -70,6 +70,20 @@ ReturnStatus PortDataCommon(PortState *port, const char *name, void **value, uin
   return status;
 }
 
+// Indexes a new port, widening the index first when it is crowded.
+void IndexPort(SwitchState *sw, uint32_t hash, uint32_t slot) {
+  if (sw->index->Crowded()) {
+    // Every occupied slot is indexed: the walk ends at the last of them, not
+    // at the end of the host-wide bit vector.
+    uint64_t left = sw->index->Widen();
+    for (int64_t i = sw->inUse->NextBit(0, true); left > 0 && i != host::BitVector::kNone;
+         i = sw->inUse->NextBit(static_cast<uint32_t>(i) + 1, true), --left) {
+      sw->index->Insert(sw->ports[i]->hash, static_cast<uint32_t>(i));
+    }
+  }
+  sw->index->Insert(hash, slot);
+}
+
 }  // namespace
 
 void RemovePortAt(SwitchState *sw, uint32_t slot, bool switchGoing) {
@@ -148,16 +162,7 @@ ReturnStatus ZELStatePortAdd(const char *switchId, const char *portId, PropertyL
   port->kind = kind;
   port->data = list;
   port->hash = PortIndex::Hash(port->id);
-  if (sw->index->Crowded()) {
-    // Every occupied slot is indexed: the walk ends at the last of them, not
-    // at the end of the host-wide bit vector.
-    uint64_t left = sw->index->Widen();
-    for (int64_t i = sw->inUse->NextBit(0, true); left > 0 && i != zel::host::BitVector::kNone;
-         i = sw->inUse->NextBit(static_cast<uint32_t>(i) + 1, true), --left) {
-      sw->index->Insert(sw->ports[i]->hash, static_cast<uint32_t>(i));
-    }
-  }
-  sw->index->Insert(port->hash, index);
+  IndexPort(sw, port->hash, index);
   sw->inUse->Set(index);
   sw->freeHint = index + 1;
   return STATUS_OK;
