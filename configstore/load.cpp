@@ -15,6 +15,7 @@
 #include "configstore/persist.h"
 #include "data/property_list_internal.h"
 #include "host/host_limits.h"
+#include "host/large_buffer.h"
 #include "host/status_text.h"
 #include "state/state_db.h"
 
@@ -164,6 +165,7 @@ class OuterList {
     if (out == nullptr) {
       return STATUS_NO_MEMORY;
     }
+    zel::host::AdviseWholeWrite(out, size);
     zel::data::WriteSerialHeader(out, size);
     uint32_t pos = zel::data::kHeaderSize;
     uint32_t sum = 0;

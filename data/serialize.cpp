@@ -12,6 +12,7 @@
 #include "data/property_list_internal.h"
 #include "data/simd.h"
 #include "host/diag.h"
+#include "host/large_buffer.h"
 
 using namespace zel::data;
 using zel::host::DiagPrint;
@@ -69,6 +70,7 @@ ReturnStatus AcquireBuffer(PropertyList *list, void **buffer, uint32_t *length, 
   if (*buffer == nullptr) {
     return STATUS_NO_MEMORY;
   }
+  zel::host::AdviseWholeWrite(*buffer, needed);
   *owned = true;
   return STATUS_OK;
 }

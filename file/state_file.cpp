@@ -32,6 +32,7 @@
 
 #include "host/feature_flags.h"
 #include "host/file_io.h"
+#include "host/large_buffer.h"
 #include "host/host_log.h"
 #include "zel/configstore.h"
 #include "zel/file.h"
@@ -170,6 +171,7 @@ ReturnStatus WritePadded(int fd, const char *target, const void *blob, uint32_t 
     return STATUS_NO_MEMORY;
   }
   uint8_t *aligned = Aligned(staging);
+  zel::host::AdviseWholeWrite(aligned, padded);
   std::memcpy(aligned, blob, length);
   std::memset(aligned + length, 0, padded - length);  // the filler
   ReturnStatus outcome = STATUS_OK;
@@ -260,6 +262,7 @@ ZEL_API ReturnStatus ZELFile_ReadClassical(const char *path, void **blob, int32_
       outcome = STATUS_NO_MEMORY;
     } else {
       uint8_t *aligned = Aligned(allocation);
+      zel::host::AdviseWholeWrite(aligned, size);
       *blob = aligned;
       if (io.Read(fd, aligned, size) != static_cast<ssize_t>(size)) {
         std::free(allocation);

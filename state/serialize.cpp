@@ -16,6 +16,7 @@
 #include <cstring>
 
 #include "data/property_list_internal.h"
+#include "host/large_buffer.h"
 #include "state/state_db.h"
 
 namespace zel::state {
@@ -287,6 +288,7 @@ Direct SerializeInPlace(void **buffer, uint32_t *length, ReturnStatus *status) {
   if (out == nullptr) {
     return Direct::kNotApplicable;
   }
+  zel::host::AdviseWholeWrite(out, total);
   zd::WriteSerialHeader(out, static_cast<uint32_t>(total));
   BlobWriter w(out);
   w.set_pos(zd::kHeaderSize);

@@ -1,10 +1,13 @@
 // Property lists, their serialized form and its two readers, allocation
 // failures, and the word loops of each instruction set at every alignment.
+#include <sys/mman.h>
+
 #include <cstdlib>
 #include <random>
 
 #include "data/property_list_internal.h"
 #include "data/simd.h"
+#include "host/large_buffer.h"
 #include "state_fixture.h"
 
 namespace {
@@ -373,6 +376,60 @@ TEST(WordLoopsTest, BytesAgreeForEveryWalkAndAlignment) {
   zel::data::testing::ResetIsa();
   EXPECT_EQ(isas, zel::data::ActiveIsa() == Isa::kAvx2 ? 2 : 1);
   ZELData_Free(list);
+}
+
+// A large serialized buffer asks for huge pages on the whole 2 MiB pages
+// inside it and nowhere else; a small one, and a caller's buffer, ask nothing.
+struct Advice {
+  uintptr_t begin = 0, end = 0;
+  int advice = 0, calls = 0;
+};
+Advice g_advice;
+int RecordAdvice(void *at, size_t bytes, int advice) {
+  g_advice = {reinterpret_cast<uintptr_t>(at), reinterpret_cast<uintptr_t>(at) + bytes, advice,
+              g_advice.calls + 1};
+  return 0;
+}
+
+TEST(LargeBufferTest, HugePagesOnlyInsideALargeBufferThatIsWritten) {
+  constexpr uintptr_t kMiB = 1 << 20;
+  const struct {
+    uintptr_t at;
+    size_t bytes;
+    uintptr_t begin, end;
+  } rows[] = {
+      {2 * kMiB, 4 * kMiB, 2 * kMiB, 6 * kMiB},          // aligned at both ends
+      {2 * kMiB + 16, 4 * kMiB, 4 * kMiB, 6 * kMiB},     // rounded in at both ends
+      {2 * kMiB + 16, 4 * kMiB - 32, 0, 0},              // no whole page
+      {UINTPTR_MAX - kMiB, 4 * kMiB, 0, 0},              // past the end of memory
+  };
+  for (const auto &r : rows) {
+    const auto pages = zel::host::HugePagesInside(reinterpret_cast<const void *>(r.at), r.bytes);
+    EXPECT_EQ(pages.begin, r.begin) << r.at;
+    EXPECT_EQ(pages.end, r.end) << r.at;
+  }
+  const auto previous = zel::host::testing::SetAdvise(RecordAdvice);
+  ListGuard big;
+  const std::vector<uint8_t> value(zel::host::kLargeBufferBytes, 7);
+  ASSERT_EQ(ZELData_Append(big.list, "big", value.data(), uint32_t(value.size()), 16), STATUS_OK);
+  void *buffer = nullptr;
+  uint32_t length = 0;
+  ASSERT_EQ(ZELData_Serialize(big.list, &buffer, &length, 5), STATUS_OK);
+  const auto at = reinterpret_cast<uintptr_t>(buffer);
+  EXPECT_EQ(g_advice.calls, 1);
+  EXPECT_EQ(g_advice.advice, MADV_HUGEPAGE);
+  EXPECT_EQ(g_advice.begin % (2 * kMiB), 0u);
+  EXPECT_EQ(g_advice.end % (2 * kMiB), 0u);
+  EXPECT_TRUE(at <= g_advice.begin && g_advice.begin < g_advice.end && g_advice.end <= at + length);
+  EXPECT_EQ(ZELData_Serialize(big.list, &buffer, &length, 5), STATUS_OK);  // the caller's buffer
+  std::free(buffer);
+  ListGuard small;
+  ASSERT_EQ(ZELData_Append(small.list, "small", value.data(), 4096, 16), STATUS_OK);
+  buffer = nullptr;
+  ASSERT_EQ(ZELData_Serialize(small.list, &buffer, &length, 5), STATUS_OK);
+  std::free(buffer);
+  EXPECT_EQ(g_advice.calls, 1);
+  zel::host::testing::SetAdvise(previous);
 }
 
 }  // namespace
