@@ -16,11 +16,26 @@ using zel::host::DiagPrint;
 
 namespace {
 
+// Whether the name field of an entry matches `name` of `length` characters
+// (at most ZELDATA_NAME_SIZE counted), as NameMatches tells.  A name shorter
+// than the field matches when the field holds its characters and then a NUL;
+// that NUL and the last character are looked at first, which turns most
+// other names of a list (of other lengths, or sharing a long prefix) away
+// without a compare.
+inline bool FieldMatches(const char *field, const char *name, size_t length) {
+  if (length >= ZELDATA_NAME_SIZE) {
+    return NameMatches(field, name);
+  }
+  return field[length] == '\0' && (length == 0 || field[length - 1] == name[length - 1]) &&
+         std::memcmp(field, name, length) == 0;
+}
+
 // The first entry matching name, and its predecessor (null at the head).
 PropertyEntry *FindEntry(PropertyList *list, const char *name, PropertyEntry **prev) {
+  const size_t length = strnlen(name, ZELDATA_NAME_SIZE);
   PropertyEntry *before = nullptr;
   for (PropertyEntry *e = list->head; e != nullptr; e = NextOf(e)) {
-    if (NameMatches(NameOf(e), name)) {
+    if (FieldMatches(NameOf(e), name, length)) {
       if (prev != nullptr) {
         *prev = before;
       }

@@ -62,6 +62,17 @@ TEST(PropertyListTest, RemovalDuplicateAndLongNames) {
   EXPECT_EQ(g.Size(), 16u + 148 + 144);
   ASSERT_EQ(ZELData_Remove(g.list, "dup"), STATUS_OK);
   EXPECT_EQ(Names(g.list), (std::vector<std::string>{longName.substr(0, 127)}));
+  EXPECT_EQ(ZELData_Lookup(g.list, longName.substr(0, 127).c_str(), &e), STATUS_OK);
+  // A decoded name field may hold bytes after its NUL: the name ends there.
+  const Bytes field = Encode({{std::string("abc\0xyz", 7), U32(1)}});
+  PropertyList *decoded = nullptr;
+  ASSERT_EQ(ZELData_Deserialize(&decoded, field.data(), uint32_t(field.size()), Malloc, std::free),
+            STATUS_OK);
+  EXPECT_EQ(ZELData_Lookup(decoded, "abc", &e), STATUS_OK);
+  for (const char *other : {"ab", "abcxyz", "abd", "bbc", ""}) {
+    EXPECT_EQ(ZELData_Lookup(decoded, other, &e), STATUS_NOT_FOUND) << other;
+  }
+  ZELData_Free(decoded);
 }
 
 TEST(PropertyListTest, UpdateKeepsPlaceOnSameLengthMovesOtherwiseAndRefusesHugeValues) {
