@@ -404,22 +404,35 @@ int RecordAdvice(void *at, size_t bytes, int advice) {
 
 TEST(LargeBufferTest, HugePagesOnlyInsideALargeBufferThatIsWritten) {
   constexpr uintptr_t kMiB = 1 << 20;
+  constexpr uintptr_t kTop = UINTPTR_MAX - 4 * kMiB + 1;  // 4 MiB below the end of memory
   const struct {
     uintptr_t at;
     size_t bytes;
-    uintptr_t begin, end;
+    uintptr_t begin, end;  // the whole pages inside; 0, 0 for none
+    bool advised;          // 4 MiB or more, with a whole page inside
   } rows[] = {
-      {2 * kMiB, 4 * kMiB, 2 * kMiB, 6 * kMiB},          // aligned at both ends
-      {2 * kMiB + 16, 4 * kMiB, 4 * kMiB, 6 * kMiB},     // rounded in at both ends
-      {2 * kMiB + 16, 4 * kMiB - 32, 0, 0},              // no whole page
-      {UINTPTR_MAX - kMiB, 4 * kMiB, 0, 0},              // past the end of memory
+      {2 * kMiB, 4 * kMiB, 2 * kMiB, 6 * kMiB, true},      // aligned at both ends
+      {2 * kMiB + 1, 4 * kMiB, 4 * kMiB, 6 * kMiB, true},  // rounded in at both ends
+      {2 * kMiB + 16, 4 * kMiB - 32, 0, 0, false},         // no whole page
+      {2 * kMiB, 2 * kMiB, 2 * kMiB, 4 * kMiB, false},     // a whole page, but small
+      {kTop, 4 * kMiB - 1, kTop, kTop + 2 * kMiB, false},  // up to the last byte of memory
+      {kTop, 4 * kMiB, 0, 0, false},                       // past it
   };
+  const auto previous = zel::host::testing::SetAdvise(RecordAdvice);
   for (const auto &r : rows) {
     const auto pages = zel::host::HugePagesInside(reinterpret_cast<const void *>(r.at), r.bytes);
     EXPECT_EQ(pages.begin, r.begin) << r.at;
     EXPECT_EQ(pages.end, r.end) << r.at;
+    g_advice = {};
+    zel::host::AdviseWholeWrite(reinterpret_cast<void *>(r.at), r.bytes);  // recorded, not made
+    EXPECT_EQ(g_advice.calls, r.advised ? 1 : 0) << r.at;
+    if (r.advised) {
+      EXPECT_EQ(g_advice.begin, r.begin);
+      EXPECT_EQ(g_advice.end, r.end);
+      EXPECT_EQ(g_advice.advice, MADV_HUGEPAGE);
+    }
   }
-  const auto previous = zel::host::testing::SetAdvise(RecordAdvice);
+  g_advice = {};
   ListGuard big;
   const std::vector<uint8_t> value(zel::host::kLargeBufferBytes, 7);
   ASSERT_EQ(ZELData_Append(big.list, "big", value.data(), uint32_t(value.size()), 16), STATUS_OK);
