@@ -32,8 +32,8 @@
 
 #include "host/feature_flags.h"
 #include "host/file_io.h"
-#include "host/large_buffer.h"
 #include "host/host_log.h"
+#include "host/large_buffer.h"
 #include "zel/configstore.h"
 #include "zel/file.h"
 

@@ -20,8 +20,8 @@ namespace zel::host {
 inline constexpr size_t kLargeBufferBytes = size_t{4} << 20;
 inline constexpr uintptr_t kHugePageBytes = uintptr_t{2} << 20;
 
-// The whole 2 MiB pages inside [at, at + bytes); begin == end when there
-// are none.
+// The whole 2 MiB pages inside [at, at + bytes); {0, 0} when there are
+// none (or the range would pass the end of memory).
 struct PageRange {
   uintptr_t begin;
   uintptr_t end;
