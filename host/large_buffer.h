@@ -15,9 +15,12 @@
 
 namespace zel::host {
 
-// Buffers below this size are left alone: they come from the heap, which
-// reuses their memory, and they hold at most one whole huge page.
-inline constexpr size_t kLargeBufferBytes = size_t{4} << 20;
+// Buffers below this size are left alone.  The C library serves a block of
+// 32 MiB or more from a mapping of its own and unmaps it when it is freed,
+// so the advice goes with the buffer; a smaller block may come from the
+// heap, whose memory is reused, already faulted in, and where huge pages
+// could later be made of pages the heap holds only in part.
+inline constexpr size_t kLargeBufferBytes = size_t{32} << 20;
 inline constexpr uintptr_t kHugePageBytes = uintptr_t{2} << 20;
 
 // The whole 2 MiB pages inside [at, at + bytes); {0, 0} when there are

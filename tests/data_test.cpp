@@ -404,19 +404,20 @@ int RecordAdvice(void *at, size_t bytes, int advice) {
 
 TEST(LargeBufferTest, HugePagesOnlyInsideALargeBufferThatIsWritten) {
   constexpr uintptr_t kMiB = 1 << 20;
-  constexpr uintptr_t kTop = UINTPTR_MAX - 4 * kMiB + 1;  // 4 MiB below the end of memory
+  constexpr size_t kLarge = zel::host::kLargeBufferBytes;
+  constexpr uintptr_t kTop = UINTPTR_MAX - kLarge + 1;  // kLarge below the end of memory
   const struct {
     uintptr_t at;
     size_t bytes;
     uintptr_t begin, end;  // the whole pages inside; 0, 0 for none
-    bool advised;          // 4 MiB or more, with a whole page inside
+    bool advised;          // kLarge or more, with a whole page inside
   } rows[] = {
-      {2 * kMiB, 4 * kMiB, 2 * kMiB, 6 * kMiB, true},      // aligned at both ends
-      {2 * kMiB + 1, 4 * kMiB, 4 * kMiB, 6 * kMiB, true},  // rounded in at both ends
-      {2 * kMiB + 16, 4 * kMiB - 32, 0, 0, false},         // no whole page
-      {2 * kMiB, 2 * kMiB, 2 * kMiB, 4 * kMiB, false},     // a whole page, but small
-      {kTop, 4 * kMiB - 1, kTop, kTop + 2 * kMiB, false},  // up to the last byte of memory
-      {kTop, 4 * kMiB, 0, 0, false},                       // past it
+      {2 * kMiB, kLarge, 2 * kMiB, 2 * kMiB + kLarge, true},      // aligned at both ends
+      {2 * kMiB + 1, kLarge, 4 * kMiB, 2 * kMiB + kLarge, true},  // rounded in at both ends
+      {2 * kMiB + 16, 2 * kMiB, 0, 0, false},                     // no whole page
+      {2 * kMiB, kLarge - 1, 2 * kMiB, kLarge, false},            // whole pages, but small
+      {kTop, kLarge - 1, kTop, kTop + kLarge - 2 * kMiB, false},  // up to the last byte
+      {kTop, kLarge, 0, 0, false},                                // past the end of memory
   };
   const auto previous = zel::host::testing::SetAdvise(RecordAdvice);
   for (const auto &r : rows) {
