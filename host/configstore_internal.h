@@ -26,6 +26,10 @@ namespace zel::cfgstore {
 // Deepest nesting of sub-objects below a top-level object (the root is 0).
 inline constexpr int kMaxDepth = 32;
 
+// The member of an object's JSON that carries the type tags of its other
+// members; never a key of its own.
+inline constexpr std::string_view kTypesKey = "@types";
+
 enum class Kind : uint8_t {
   kString,
   kInt32,

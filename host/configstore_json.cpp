@@ -22,8 +22,6 @@ namespace zel::cfgstore {
 
 namespace {
 
-constexpr std::string_view kTypesKey = "@types";
-
 // ---------------------------------------------------------------- writing
 
 // The text being written, in a buffer from malloc.  Room(n) makes sure of n

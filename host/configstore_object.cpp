@@ -17,7 +17,6 @@ using testing::Op;
 namespace {
 
 constexpr std::string_view kIdKey = "key";
-constexpr std::string_view kTypesKey = "@types";
 
 bool Text(const char *s) { return s != nullptr && s[0] != '\0'; }
 
