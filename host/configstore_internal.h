@@ -245,7 +245,6 @@ struct Filter {
 // node (normally a root) from text and returns kCorrupt for anything that is
 // not a valid object; nothing is added on failure.
 int ParseContent(std::string_view text, Object &node);
-std::string SerializeContent(const Object &node);
 
 // JSON text in a buffer from malloc, NUL-terminated after its size: bound
 // to a statement as it is, or handed to a caller who frees it with free().
@@ -263,7 +262,7 @@ class JsonText {
   std::unique_ptr<char, Free> data_;
   size_t size_;
 };
-// The same text as SerializeContent, without a copy into a string.
+// The JSON text of a node.
 JsonText WriteContent(const Object &node);
 
 // Strict UTF-8 (no overlong forms, surrogates or values above U+10FFFF).

@@ -688,8 +688,6 @@ JsonText WriteContent(const Object &node) {
   return writer.Finish();
 }
 
-std::string SerializeContent(const Object &node) { return std::string(WriteContent(node).view()); }
-
 namespace {
 constexpr char kAlphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 

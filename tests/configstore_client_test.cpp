@@ -295,7 +295,7 @@ TEST_F(ConfigStoreObjects, ContentReadWholeOrRefused) {
   for (const auto &[text, stored] : good) {
     auto root = cs::NewRoot("s1", "s2", "s3", "id");
     ASSERT_EQ(cs::ParseContent(text, *root), cs::kOk) << text;
-    EXPECT_EQ(cs::SerializeContent(*root), stored);
+    EXPECT_EQ(cs::WriteContent(*root).view(), stored);
   }
 }
 
