@@ -8,7 +8,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
-#include <unordered_set>
 #include <vector>
 
 #include "configstore/kinds.h"
@@ -71,32 +70,16 @@ uint32_t HostPortLimit() {
   return limit;
 }
 
-// The names a switch list holds, as its entries hold them (cut to 127
-// characters).  A name matches an entry exactly when it equals one of them,
-// so a port's entry is appended without the update's walk over the list,
-// which made the ports of a switch cost the square of their number.
-using NameSet = std::unordered_set<std::string>;
+// How a list is added to the switch list: in place of an entry of the same
+// name, as ZELData_Update adds it, or appended, without a walk over the
+// switch list, for a name the list cannot hold yet (a port's: see LoadPorts).
+enum class Put { kUpdate, kAppend };
 
-NameSet NamesOf(PropertyList *list) {
-  NameSet names;
-  PropertyEntry *entry = nullptr;
-  while (ZELData_Next(list, entry, &entry) == STATUS_OK) {
-    names.emplace(ZELData_Name(entry));
-  }
-  return names;
-}
-
-// Serializes `inner` with `version` into `outer` under `name` (type 16), as
-// ZELData_Update does; `names`, when given, are the names `outer` holds.
+// Serializes `inner` with `version` into `outer` under `name` (type 16).
 ReturnStatus Nest(PropertyList *outer, const char *name, PropertyList *inner, uint32_t version,
-                  NameSet *names = nullptr) {
-  if (names != nullptr && names->count(name) == 0) {
-    const ReturnStatus status =
-        zel::data::AppendSerialized(outer, name, inner, version, kLibraryType);
-    if (status == STATUS_OK) {
-      names->emplace(name, strnlen(name, ZELDATA_NAME_SIZE - 1));
-    }
-    return status;
+                  Put put) {
+  if (put == Put::kAppend) {
+    return zel::data::AppendSerialized(outer, name, inner, version, kLibraryType);
   }
   return zel::data::SerializeInto(outer, name, inner, version, kLibraryType, ZELData_Update);
 }
@@ -251,8 +234,7 @@ struct Owned {
 };
 
 uint32_t LoadProps(const char *listName, cs::Object *object, PropertyList *switchList,
-                   uint32_t tableIndex, uint32_t version, cs::Object *resourceManagement,
-                   NameSet *names);
+                   uint32_t tableIndex, uint32_t version, cs::Object *resourceManagement, Put put);
 
 // The sub-object the path of the last row with sub-objects on its path led
 // to.  Rows of a table mostly lead through the same sub-object ("settings"),
@@ -329,6 +311,10 @@ struct PortSet {
 // passed over, and the walk goes on, when its key cannot be read or names an
 // entry of the switch list, and when its rows end with status 6 (something
 // its conversions need is absent): one such port does not cost the others.
+// A port's list is appended to the switch list without a search for its
+// name: the store keeps the keys of a list's elements unique, and a key that
+// names an entry of the switch list, or is too long for a port id (and would
+// be cut on its way into an entry's name), is passed over first.
 uint32_t LoadPorts(cs::Object *object, PropertyList *switchList, uint32_t version) {
   PortSet ports;
   int status = cs::CreateFilterSpecObject("ports", "", "", "", &ports.filter);
@@ -343,7 +329,6 @@ uint32_t LoadPorts(cs::Object *object, PropertyList *switchList, uint32_t versio
     return status == cs::kNotFound ? 0 : Status(status);
   }
   cs::GetValueStringArray(object, "uplink_port_keys", &ports.uplinkKeys, &ports.numUplinkKeys);
-  NameSet names = NamesOf(switchList);
 
   for (int i = 0; i < ports.count; ++i) {
     Owned key;
@@ -362,7 +347,7 @@ uint32_t LoadPorts(cs::Object *object, PropertyList *switchList, uint32_t versio
     const bool uplink = ports.numUplinkKeys > 0 &&
                         StringExistInArray(key.text, ports.uplinkKeys, ports.numUplinkKeys);
     const uint32_t result = LoadProps(key.text, ports.elements[i], switchList, kTablePort, version,
-                                      uplink ? resourceManagement : nullptr, &names);
+                                      uplink ? resourceManagement : nullptr, Put::kAppend);
     if (result == kAbsent) {
       continue;
     }
@@ -553,8 +538,7 @@ uint32_t LoadBuf(void **blob, uint32_t *length, bool desired) {
 }
 
 uint32_t LoadProps(const char *listName, cs::Object *object, PropertyList *switchList,
-                   uint32_t tableIndex, uint32_t version, cs::Object *resourceManagement,
-                   NameSet *names) {
+                   uint32_t tableIndex, uint32_t version, cs::Object *resourceManagement, Put put) {
   const PropToConfigEntry *rows = GetConfigMap(static_cast<int>(tableIndex));
   CS_TRACE("LoadProps: %s\n", listName);
   Owned result;
@@ -593,7 +577,7 @@ uint32_t LoadProps(const char *listName, cs::Object *object, PropertyList *switc
       ReportRow(kPortPoolsName, kPortPoolsKey, kKindPortResourcePools, status);
     }
   }
-  if (status == 0 && Nest(switchList, listName, result.list, version, names) != STATUS_OK) {
+  if (status == 0 && Nest(switchList, listName, result.list, version, put) != STATUS_OK) {
     status = kFailure;
   }
   if (status != 0) {
@@ -607,7 +591,8 @@ uint32_t LoadProps(const char *listName, cs::Object *object, PropertyList *switc
 uint32_t LoadPropsFromConfigStore(const char *listName, cs::Object *object,
                                   PropertyList *switchList, uint32_t tableIndex, uint32_t version,
                                   cs::Object *resourceManagement) {
-  return LoadProps(listName, object, switchList, tableIndex, version, resourceManagement, nullptr);
+  return LoadProps(listName, object, switchList, tableIndex, version, resourceManagement,
+                   Put::kUpdate);
 }
 
 uint32_t GetForwardingClass(cs::Object *switchObject, char **className) {
