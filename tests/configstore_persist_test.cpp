@@ -342,7 +342,8 @@ TEST_F(PersistSave, FailuresLeaveTheStoreUnchanged) {
        "Failed to save zel: B to configstore\n" + failed},
       {{port}, nullptr, {}, kFail, "Unknow prop type: 33\nSet prop: com.vendor.port.opaque failed\n"
        "Failed to save zel: A to configstore\n" + failed},
-      {{mtu}, nullptr, {{Op::kSet, cs::kStorage, 0}}, 7,
+      // A failed write ends the walk: the switch after it would otherwise clear the status.
+      {{mtu, Switch("C", "c1")}, nullptr, {{Op::kSet, cs::kStorage, 0}}, 7,
        "Failed to save zel: A to configstore\n" + failed},
       {{mtu}, nullptr, {{Op::kCommitTransaction, cs::kBusy, 0}}, 8, ""},
       {{mtu}, nullptr, {{Op::kSetValueUint32, cs::kBusy, 0}}, 8,
