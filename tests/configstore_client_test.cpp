@@ -259,6 +259,7 @@ TEST_F(ConfigStoreObjects, ContentReadWholeOrRefused) {
       R"({"@types":[]})", R"({"@types":{"a":1},"a":1})", R"({"@types":{"a":"uint16"},"a":70000})",
       R"({"@types":{"a":"int32"},"a":"text"})", R"({"@types":{"a":"float"},"a":1})",
       R"({"@types":{"b":"binary"},"b":"!!!!"})", R"({"@types":{"b":"binary"},"b":"QQ="})",
+      R"({"@types":{"b":"binary"},"b":5})", R"({"@types":{"x":"list"},"x":"a"})",
       R"({"@types":{"s":"int32"},"s":{}})", R"({"l":["a",1]})", R"({"l":[1,"a"]})",
       R"({"l":[{"name":"no key"}]})", R"({"l":[{"key":""}]})", R"({"l":[{"key":7}]})",
       R"({"l":[{"key":"a"},{"key":"a"}]})", R"({"l":[{"key":"a"},"b"]})",
@@ -286,6 +287,7 @@ TEST_F(ConfigStoreObjects, ContentReadWholeOrRefused) {
       {R"({"@types":{"s":"string","b":"bool","l":"string_list","e":"list","i":"int_list"},)"
        R"("s":"t","b":false,"l":["x"],"e":[],"n":12,"i":[2]})",
        R"({"@types":{"n":"int64"},"b":false,"e":[],"i":[2],"l":["x"],"n":12,"s":"t"})"},
+      {R"({"@types":{"u":"uint32"},"u":0})", R"({"@types":{"u":"uint32"},"u":0})"},
       {"{\"a\":-0,\"s\":\"\\n\\u00e9\\ud83d\\ude00\"}",
        "{\"@types\":{\"a\":\"int64\"},\"a\":0,\"s\":\"\\n\xC3\xA9\xF0\x9F\x98\x80\"}"},
       // Each object's tags apply to its own members, wherever they stand.
@@ -306,6 +308,7 @@ TEST_F(ConfigStoreObjects, TextAndBinaryKeepTheirBytes) {
   ASSERT_EQ(cs::SetValueStr(o, "s", "\xff"), cs::kOk);
   ASSERT_EQ(cs::AppendValueString(o, "l", "ok"), cs::kOk);
   ASSERT_EQ(cs::AppendValueString(o, "l", "\xfe"), cs::kOk);
+  ASSERT_EQ(cs::AppendValueString(o, "m", "ok"), cs::kOk);  // plain beside tagged text
   ASSERT_EQ(cs::SetValueStr(o, "u", "gr\xc3\xbc\xc3\x9f \"q\"\n"), cs::kOk);
   ASSERT_EQ(cs::CreateSubObject(o, "data", "\xc0\x80", &inst), cs::kOk);  // overlong NUL
   ASSERT_EQ(cs::SetValueBinary(o, "b", "\xfb\xff\x00\x61", 4), cs::kOk);
@@ -313,7 +316,7 @@ TEST_F(ConfigStoreObjects, TextAndBinaryKeepTheirBytes) {
   const std::string golden =
       R"({"@types":{"b":"binary","e":"binary","l":"string_list_base64","s":"string_base64"},)"
       R"("b":"+/8AYQ==","data":[{"@types":{"key":"string_base64"},"key":"wIA="}],"e":"",)"
-      R"("l":["b2s=","/g=="],"s":"/w==","u":)"
+      R"("l":["b2s=","/g=="],"m":["ok"],"s":"/w==","u":)"
       "\"gr\xc3\xbc\xc3\x9f \\\"q\\\"\\n\"}";
   EXPECT_EQ(Json(o), golden);
   Object *copy = nullptr;
