@@ -358,12 +358,18 @@ TEST(WordLoopsTest, BytesAgreeForEveryWalkAndAlignment) {
   PropertyList *list = MakeList(props);
   const auto size = static_cast<uint32_t>(expected.size());
   const std::string trace = "deserializing com.zorlan.test.9: 9/152 data/serial bytes 16 flag\n";
+  // Level 2 traces the buffer, each entry written, and the data read.
+  const std::string traces[] = {"allocating buffer size " + std::to_string(size) + "\n",
+                                "serializing com.zorlan.test.9: 9/152 data/serial bytes\n",
+                                "Deserialize data, length = " + std::to_string(size) + "\n",
+                                "Deserialize data done, serializeSize = " + std::to_string(size) +
+                                    "\n"};
   int isas = 0;
   for (Isa isa : {Isa::kBaseline, Isa::kAvx2}) {
     if (!zel::data::testing::ForceIsa(isa)) continue;
     ++isas;
     for (const char *pattern : {static_cast<const char *>(nullptr), "no.such.name"}) {
-      for (int level : {-1, 3}) {
+      for (int level : {-1, 2, 3}) {
         for (uint32_t shift = 0; shift < 4; ++shift) {
           zeltest::ScopedLevel quiet(zeldata_debug, level);
           Bytes buf(size + shift), again;
@@ -380,6 +386,8 @@ TEST(WordLoopsTest, BytesAgreeForEveryWalkAndAlignment) {
           EXPECT_EQ(Bytes(buf.begin() + shift, buf.end()), expected);
           EXPECT_EQ(again, expected);
           EXPECT_EQ(out.find(trace) != std::string::npos, level == 3);
+          for (const std::string &line : traces)
+            EXPECT_EQ(out.find(line) != std::string::npos, level >= 2) << line;
         }
       }
     }
