@@ -189,6 +189,10 @@ TEST(SerializedDataTest, GoldenBytesAndTheTypeMask) {
   EXPECT_EQ(Serialize(list, 5), kEmpty);
   ASSERT_EQ(ZELData_Append(list, "maxPorts", U32(256).data(), 4, 16), STATUS_OK);
   EXPECT_EQ(Serialize(list, 5), kGolden);
+  for (uint32_t version : {3u, 4u}) {  // an old version is noted; the bytes stay the same
+    EXPECT_EQ(Out([&] { EXPECT_EQ(Serialize(list, version), kGolden); }),
+              version < 4 ? "ZEL version 3 is smaller than 6.0.\n" : "");
+  }
   void *buf = nullptr;
   uint32_t len = 0;
   ASSERT_EQ(ZELData_SerializeEntry(list, "maxPorts", &buf, &len), STATUS_OK);
