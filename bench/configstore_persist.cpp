@@ -46,7 +46,6 @@
 #include "configstore/kinds.h"
 #include "data/property_list_internal.h"
 #include "host/configstore_client.h"
-#include "host/large_buffer.h"
 #include "state/state_testing.h"
 #include "zel/configstore.h"
 #include "zel/state.h"
@@ -341,7 +340,7 @@ std::vector<SwitchValues> Decode(const std::vector<uint8_t> &blob) {
 // The property-list work of a load whose values are already decoded.
 void BuildBlob(const std::vector<SwitchValues> &switches) {
   namespace zd = zel::data;
-  std::vector<PropertyList *> lists;
+  std::vector<zd::NamedList> lists;
   uint64_t total = zd::kHeaderSize + zd::kEndMarkerSize;
   for (const SwitchValues &sw : switches) {
     PropertyList *list = nullptr;
@@ -359,21 +358,16 @@ void BuildBlob(const std::vector<SwitchValues> &switches) {
       ZELData_Free(inner);
     }
     total += zd::EntryLengthFor(list->serialSize);
-    lists.push_back(list);
+    lists.push_back({sw.uuid.c_str(), list});
   }
-  auto *out = static_cast<uint8_t *>(std::malloc(total));
-  zel::host::AdviseWholeWrite(out, total);
-  zd::WriteSerialHeader(out, static_cast<uint32_t>(total));
-  uint32_t pos = zd::kHeaderSize, sum = 0;
-  for (size_t i = 0; i < lists.size(); ++i) {
-    zd::WriteListEntry(out + pos, switches[i].uuid.c_str(), ZELDATA_PROPTYPE_LIBRARY, lists[i],
-                       &sum);
-    pos += zd::EntryLengthFor(lists[i]->serialSize);
-    ZELData_Free(lists[i]);
-  }
-  zd::SealSerialized(out, static_cast<uint32_t>(total), sum);
-  benchmark::DoNotOptimize(out);
-  std::free(out);
+  void *blob = nullptr;
+  uint32_t length = 0;
+  if (zd::SerializeLists(lists.data(), lists.size(), static_cast<uint32_t>(total),
+                         ZELDATA_PROPTYPE_LIBRARY, Alloc, std::free, &blob, &length) != STATUS_OK)
+    Die(__LINE__);
+  benchmark::DoNotOptimize(blob);
+  std::free(blob);
+  for (const zd::NamedList &named : lists) ZELData_Free(named.list);
 }
 
 void BM_Load(benchmark::State &state) {

@@ -14,7 +14,6 @@
 #include "configstore/persist.h"
 #include "data/property_list_internal.h"
 #include "host/host_limits.h"
-#include "host/large_buffer.h"
 #include "host/status_text.h"
 #include "state/state_db.h"
 
@@ -143,26 +142,13 @@ class OuterList {
     if (!direct_) {
       return ZELData_Serialize(list_, blob, length, kOuterVersion);
     }
-    const auto size = static_cast<uint32_t>(total_);
-    auto *out = static_cast<uint8_t *>(g_allocFn(size));
-    if (out == nullptr) {
-      return STATUS_NO_MEMORY;
-    }
-    zel::host::AdviseWholeWrite(out, size);
-    zel::data::WriteSerialHeader(out, size);
-    uint32_t pos = zel::data::kHeaderSize;
-    uint32_t sum = 0;
+    std::vector<zel::data::NamedList> lists;
+    lists.reserve(switches_.size());
     for (const Switch &sw : switches_) {
-      if (!zel::data::WriteListEntry(out + pos, sw.uuid.c_str(), kLibraryType, sw.list, &sum)) {
-        g_freeFn(out);
-        return STATUS_LIMIT_EXCEEDED;  // as the serializer refuses a list that disagrees
-      }
-      pos += zel::data::EntryLengthFor(sw.list->serialSize);
+      lists.push_back({sw.uuid.c_str(), sw.list});
     }
-    zel::data::SealSerialized(out, size, sum);
-    *blob = out;
-    *length = size;
-    return STATUS_OK;
+    return zel::data::SerializeLists(lists.data(), lists.size(), static_cast<uint32_t>(total_),
+                                     kLibraryType, g_allocFn, g_freeFn, blob, length);
   }
 
  private:

@@ -104,6 +104,20 @@ bool WriteSerializedList(PropertyList *list, uint8_t *out, uint32_t *wordSum);
 bool WriteListEntry(uint8_t *out, const char *name, uint32_t propType, PropertyList *list,
                     uint32_t *sum);
 
+// Serialized data whose entries are whole lists, each serialized under its
+// name with `propType`, written once into one buffer of `size` bytes from
+// allocFn.  `size` is the caller's sum of kHeaderSize, kEndMarkerSize and
+// EntryLengthFor(list->serialSize) of each list.  STATUS_NO_MEMORY; or
+// STATUS_LIMIT_EXCEEDED, as the serializer refuses a list whose serialSize
+// disagrees with its entries, with the buffer released.
+struct NamedList {
+  const char *name;
+  PropertyList *list;
+};
+ReturnStatus SerializeLists(const NamedList *lists, size_t count, uint32_t size,
+                            uint32_t propType, ZELDataAllocFn allocFn, ZELDataFreeFn freeFn,
+                            void **blob, uint32_t *length);
+
 // ZELData_Serialize of `inner` with `version` into a buffer from its
 // allocator, then `put` (ZELData_Append or ZELData_Update) of the bytes under
 // `name` in `outer`; the buffer is released.  The first failing status.

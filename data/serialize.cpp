@@ -367,6 +367,30 @@ bool WriteListEntry(uint8_t *out, const char *name, uint32_t propType, PropertyL
   return true;
 }
 
+ReturnStatus SerializeLists(const NamedList *lists, size_t count, uint32_t size,
+                            uint32_t propType, ZELDataAllocFn allocFn, ZELDataFreeFn freeFn,
+                            void **blob, uint32_t *length) {
+  auto *out = static_cast<uint8_t *>(allocFn(size));
+  if (out == nullptr) {
+    return STATUS_NO_MEMORY;
+  }
+  zel::host::AdviseWholeWrite(out, size);
+  WriteSerialHeader(out, size);
+  uint32_t pos = kHeaderSize;
+  uint32_t sum = 0;
+  for (size_t i = 0; i < count; ++i) {
+    if (!WriteListEntry(out + pos, lists[i].name, propType, lists[i].list, &sum)) {
+      freeFn(out);
+      return STATUS_LIMIT_EXCEEDED;
+    }
+    pos += EntryLengthFor(lists[i].list->serialSize);
+  }
+  SealSerialized(out, size, sum);
+  *blob = out;
+  *length = size;
+  return STATUS_OK;
+}
+
 ReturnStatus AppendSerialized(PropertyList *outer, const char *name, PropertyList *inner,
                               uint32_t version, uint32_t propType) {
   const uint32_t size = inner->serialSize;
